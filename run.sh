@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Set-up and run commands for a fresh Debian 12 machine (run as root, or with sudo available).
+#   ./run.sh test    install what is missing, build with sanitizers, run every test offscreen
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(
+  cmake make g++ pkg-config
+  qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
+  qt6-httpserver-dev qt6-websockets-dev libgl-dev
+  libarchive-dev libarchive-tools curl
+)
+
+ensure_packages() {
+  local missing=()
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "== installing: ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+}
+
+cmd_test() {
+  ensure_packages "${PACKAGES[@]}"
+  local build=build/test
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DSUC_SANITIZE=ON -DSUC_BUILD_TESTS=ON
+  cmake --build "$build" -j2
+  QT_QPA_PLATFORM=offscreen ctest --test-dir "$build" --output-on-failure --timeout 900
+}
+
+case "${1:-}" in
+  test) cmd_test ;;
+  *) echo "usage: $0 test" >&2; exit 2 ;;
+esac

@@ -1,0 +1,239 @@
+#include "SoftwareUpdateClient.h"
+
+#include "Logging.h"
+
+#include <qv/NodeDB.h>
+#include <qv/Preferences.h>
+#include <qv/QtHelpers.h>
+
+#include <QCoreApplication>
+#include <QNetworkAccessManager>
+#include <QTimer>
+
+#include <memory>
+
+namespace qv {
+
+namespace {
+
+// Store keys. "subVersion" and "quietMode" are reserved names that nothing reads or writes.
+const QString kProduct = QStringLiteral("product");
+const QString kVersionNumber = QStringLiteral("versionNumber");
+[[maybe_unused]] const QString kSubVersion = QStringLiteral("subVersion");
+[[maybe_unused]] const QString kQuietMode = QStringLiteral("quietMode");
+const QString kServerURL = QStringLiteral("serverURL");
+const QString kDoUpdateCheck = QStringLiteral("doUpdateCheck");
+const QString kCheckForBeta = QStringLiteral("checkForBeta");
+const QString kUpdateInterval = QStringLiteral("updateInterval");
+const QString kLastCheck = QStringLiteral("lastCheck");
+const QString kSupportedPlatforms = QStringLiteral("supportedPlatforms");
+const QString kSupportedPackageTypes = QStringLiteral("supportedPackageTypes");
+const QString kInstallablePackageTypes = QStringLiteral("installablePackageTypes");
+const QString kCurrentCameraVersions = QStringLiteral("currentCameraVersions");
+
+const int kCheckTimerInterval = 3600 * 1000;
+
+QStringList splitList(const QVariant &value)
+{
+    return Preferences::toText(value).split(QLatin1Char(','), Qt::SkipEmptyParts, Qt::CaseSensitive);
+}
+
+VersionNumber versionFromText(const QString &text)
+{
+    return VersionNumber(text.toLatin1().toStdString());
+}
+
+} // namespace
+
+QSettings::Format SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::Format(0);
+QSettings::Scope SoftwareUpdateClient::sSoftUpQSettingsScope = QSettings::Scope(0);
+
+SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber version,
+                                           const QString &serverURL, QWidget *parent)
+    : QObject(nullptr), m_parent(parent), m_checkTimer(new QTimer(this)), m_windowFlags(dialogFlags(true))
+{
+    // Build-time lists. They grow on every construction, so a second client in one process
+    // stores every type twice.
+    static QStringList compatiblePlatforms;
+    static QStringList supportedPackageTypes;
+    static QStringList installablePackageTypes;
+
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    settings.product = product;
+    settings.versionNumber = version;
+    settings.supportedPlatforms = compatiblePlatforms;
+    supportedPackageTypes << QStringLiteral("tar.gz") << QStringLiteral("rpm")
+                          << QStringLiteral("deb") << QStringLiteral("tar.bz2");
+    // A single empty entry: the list is not empty, so it is written, as an empty value.
+    installablePackageTypes << QString(QLatin1String(""));
+    settings.supportedPackageTypes = supportedPackageTypes;
+    settings.installablePackageTypes = installablePackageTypes;
+    if (settings.serverURL.isNull())
+        settings.serverURL = serverURL;
+    setCurrentSettings(&settings);
+
+    if (settings.doUpdateCheck)
+        enableSoftwareUpdate();
+    else
+        disableSoftwareUpdate();
+}
+
+SoftwareUpdateClient::~SoftwareUpdateClient() = default;
+
+QSettings *SoftwareUpdateClient::openStore() const
+{
+    QString organization = QCoreApplication::organizationName();
+    if (organization.isEmpty())
+        organization = QStringLiteral("Quorvel");
+    QString application = QCoreApplication::applicationName();
+    if (application.isEmpty())
+        application = QStringLiteral("softwareUpdate");
+    return new QSettings(sSoftUpQSettingsFormat, sSoftUpQSettingsScope, organization, application);
+}
+
+void SoftwareUpdateClient::getCurrentSettings(SoftwareUpdateSettings *s) const
+{
+    *s = SoftwareUpdateSettings();
+    s->doUpdateCheck = false;
+
+    const std::unique_ptr<QSettings> store(openStore());
+    const auto textOf = [&store](const QString &key) {
+        const QVariant v = store->value(key);
+        QString text = Preferences::toText(v);
+        // A key that is present reads as a non-null text even when empty.
+        if (v.isValid() && text.isNull())
+            text = QLatin1String("");
+        return text;
+    };
+
+    const QVariant doCheck = store->value(kDoUpdateCheck);
+    s->doUpdateCheck = textOf(kDoUpdateCheck).isEmpty() ? true : Preferences::toBool(doCheck, true);
+    const QVariant beta = store->value(kCheckForBeta);
+    s->checkForBeta = textOf(kCheckForBeta).isEmpty() ? false : Preferences::toBool(beta, false);
+    s->updateInterval = Preferences::intValue(*store, kUpdateInterval, 0);
+    s->serverURL = textOf(kServerURL);
+    const QVariant version = store->value(kVersionNumber);
+    s->versionNumber = version.isNull() ? VersionNumber("0") : versionFromText(Preferences::toText(version));
+    s->product = textOf(kProduct);
+    // A damaged serialised value can decode to a valid but impossible date (Julian day 0); no
+    // check ever happened before the epoch.
+    s->lastCheck = store->value(kLastCheck).toDateTime();
+    if (!s->lastCheck.isValid() || s->lastCheck.date().year() < 1970)
+        s->lastCheck = QDateTime();
+    s->supportedPlatforms = splitList(store->value(kSupportedPlatforms));
+    s->supportedPackageTypes = splitList(store->value(kSupportedPackageTypes));
+    s->installablePackageTypes = splitList(store->value(kInstallablePackageTypes));
+
+    const QStringList cameras = splitList(store->value(kCurrentCameraVersions));
+    for (const QString &camera : cameras) {
+        const QString model = camera.section(QLatin1Char(':'), 0, 0, QString::SectionSkipEmpty);
+        const QString version = camera.section(QLatin1Char(':'), 1, 1, QString::SectionSkipEmpty);
+        s->currentCameraVersions.append(qMakePair(model, versionFromText(version)));
+    }
+}
+
+void SoftwareUpdateClient::setCurrentSettings(const SoftwareUpdateSettings *s) const
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    store->setValue(kDoUpdateCheck, QVariant(s->doUpdateCheck));
+    store->setValue(kCheckForBeta, QVariant(s->checkForBeta));
+    store->setValue(kUpdateInterval, QVariant(s->updateInterval));
+    if (!s->serverURL.isNull())
+        store->setValue(kServerURL, s->serverURL);
+    if (s->versionNumber != VersionNumber())
+        store->setValue(kVersionNumber, s->versionNumber.toString());
+    if (!s->product.isNull())
+        store->setValue(kProduct, s->product);
+    if (!s->lastCheck.isNull())
+        store->setValue(kLastCheck, QVariant(s->lastCheck));
+    if (!s->supportedPlatforms.isEmpty())
+        store->setValue(kSupportedPlatforms, s->supportedPlatforms.join(QLatin1Char(',')));
+    if (!s->supportedPackageTypes.isEmpty())
+        store->setValue(kSupportedPackageTypes, s->supportedPackageTypes.join(QLatin1Char(',')));
+    if (!s->installablePackageTypes.isEmpty())
+        store->setValue(kInstallablePackageTypes, s->installablePackageTypes.join(QLatin1Char(',')));
+    if (!s->currentCameraVersions.isEmpty()) {
+        QStringList pairs;
+        for (const auto &camera : s->currentCameraVersions)
+            pairs << camera.first + QLatin1Char(':') + camera.second.toString();
+        store->setValue(kCurrentCameraVersions, pairs.join(QLatin1Char(',')));
+    }
+}
+
+QString SoftwareUpdateClient::transformReleaseStatus(bool beta) const
+{
+    return beta ? QString(QLatin1String("")) : QStringLiteral("STABLE");
+}
+
+QNetworkProxy SoftwareUpdateClient::networkProxy() const
+{
+    const NetworkProxy proxy = NodeDB::getDB().globalProxy();
+    if (proxy.useProxy()) {
+        return QNetworkProxy(QNetworkProxy::HttpProxy, proxy.proxyAddress(), proxy.proxyPort(),
+                             proxy.proxyUser(), proxy.proxyPassword());
+    }
+    return QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString());
+}
+
+void SoftwareUpdateClient::enableSoftwareUpdate()
+{
+    m_checkTimer->setInterval(kCheckTimerInterval);
+    m_checkTimer->start();
+}
+
+void SoftwareUpdateClient::disableSoftwareUpdate()
+{
+    m_checkTimer->stop();
+}
+
+void SoftwareUpdateClient::setVersionNumber(VersionNumber version)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    settings.versionNumber = version;
+    setCurrentSettings(&settings);
+}
+
+void SoftwareUpdateClient::setCurrentCameraVersions(SoftUpCurrentCameraVersions versions)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    settings.currentCameraVersions = versions;
+    setCurrentSettings(&settings);
+}
+
+void SoftwareUpdateClient::setParent(QWidget *parent)
+{
+    m_parent = parent;
+}
+
+void SoftwareUpdateClient::setWindowFlags(Qt::WindowFlags flags)
+{
+    m_windowFlags = flags;
+}
+
+void SoftwareUpdateClient::applyDialogSettings(const SoftwareUpdateDialogSettings &dialogSettings)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    settings.doUpdateCheck = dialogSettings.doUpdateCheck;
+    settings.updateInterval = dialogSettings.updateInterval;
+    settings.checkForBeta = dialogSettings.checkForBeta;
+    settings.serverURL = dialogSettings.serverURL;
+    setCurrentSettings(&settings);
+    if (settings.doUpdateCheck)
+        enableSoftwareUpdate();
+    else
+        disableSoftwareUpdate();
+}
+
+void SoftwareUpdateClient::deleteNetworkmanager()
+{
+    if (m_networkManager) {
+        m_networkManager->deleteLater();
+        m_networkManager = nullptr;
+    }
+}
+
+} // namespace qv

@@ -1,0 +1,29 @@
+# Installs the built project into a staging prefix, builds the package host against it and runs it.
+foreach(var BUILD_DIR SOURCE_DIR CXX_FLAGS)
+  if(NOT DEFINED ${var})
+    message(FATAL_ERROR "${var} is not set")
+  endif()
+endforeach()
+set(stage "${BUILD_DIR}/package-stage")
+set(hostbuild "${BUILD_DIR}/package-host")
+file(REMOVE_RECURSE "${stage}" "${hostbuild}")
+execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${stage}"
+                RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "install failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${hostbuild}"
+                        "-DCMAKE_PREFIX_PATH=${stage}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}"
+                        "-DCMAKE_EXE_LINKER_FLAGS=${CXX_FLAGS}"
+                RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "configuring the host against the installed package failed")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --build "${hostbuild}" RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "building the host failed")
+endif()
+execute_process(COMMAND "${hostbuild}/package_host" RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "the host failed: ${rc}")
+endif()

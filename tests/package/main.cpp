@@ -1,0 +1,28 @@
+#include <SoftwareUpdateClient.h>
+
+#include <QApplication>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QTimer>
+
+#include <cstdio>
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QStandardPaths::setTestModeEnabled(true);
+    QCoreApplication::setOrganizationName("SucPackageHost");
+    QCoreApplication::setApplicationName("host");
+    qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+
+    qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("1.2.3"),
+                                    "http://updates.example.test/list.xml", nullptr);
+    qv::SoftwareUpdateSettings settings;
+    client.getCurrentSettings(&settings);
+    QSettings(QSettings::IniFormat, QSettings::UserScope, "SucPackageHost", "host").clear();
+    const bool ok = settings.product == QLatin1String("Viewer")
+            && settings.versionNumber == qv::VersionNumber("1.2.3")
+            && client.findChild<QTimer *>() != nullptr;
+    std::printf("package host: client created, settings %s\n", ok ? "read back" : "WRONG");
+    return ok ? 0 : 1;
+}

@@ -1,0 +1,302 @@
+#include <SoftwareUpdateClient.h>
+#include <qv/NodeDB.h>
+
+#include <QApplication>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QTimer>
+#include <QtTest>
+
+using qv::SoftwareUpdateClient;
+using qv::SoftwareUpdateSettings;
+using qv::VersionNumber;
+
+class TestClientSettings : public QObject
+{
+    Q_OBJECT
+
+    int m_constructions = 0;
+
+    SoftwareUpdateClient *makeClient(const QString &url = "http://updates.example.test/list.xml")
+    {
+        ++m_constructions;
+        return new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url, nullptr);
+    }
+    static QSettings store()
+    {
+        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "clientsettings");
+    }
+    static QString storePath() { return store().fileName(); }
+    static void writeStoreFile(const QByteArray &content)
+    {
+        QDir().mkpath(QFileInfo(storePath()).absolutePath());
+        QFile f(storePath());
+        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write(content);
+    }
+    QString typesWritten() const
+    {
+        QStringList l;
+        for (int i = 0; i < m_constructions; ++i)
+            l << "tar.gz" << "rpm" << "deb" << "tar.bz2";
+        return l.join(',');
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QStandardPaths::setTestModeEnabled(true);
+        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setApplicationName("clientsettings");
+        SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+    }
+    void init() { QFile::remove(storePath()); }
+
+    void firstRunOnCleanStore()
+    {
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        QSettings s = store();
+        QCOMPARE(s.value("doUpdateCheck").toBool(), true);
+        QCOMPARE(s.value("checkForBeta").toBool(), false);
+        QCOMPARE(s.value("updateInterval").toInt(), 0);
+        QCOMPARE(s.value("serverURL").toString(), QString("http://updates.example.test/list.xml"));
+        QCOMPARE(s.value("product").toString(), QString("Viewer"));
+        QCOMPARE(s.value("versionNumber").toString(), QString("2.9.1"));
+        QCOMPARE(s.value("supportedPackageTypes").toString(), typesWritten());
+        QVERIFY(s.contains("installablePackageTypes"));
+        QCOMPARE(s.value("installablePackageTypes").toString(), QString(QChar(',')).repeated(m_constructions - 1));
+        for (const char *absent : { "supportedPlatforms", "lastCheck", "currentCameraVersions",
+                                    "quietMode", "subVersion" })
+            QVERIFY2(!s.contains(absent), absent);
+
+        QTimer *timer = client->findChild<QTimer *>();
+        QVERIFY(timer);
+        QVERIFY(timer->isActive());
+        QCOMPARE(timer->interval(), 3600000);
+    }
+
+    void everyConstructionGrowsTheTypeLists()
+    {
+        delete makeClient();
+        delete makeClient();
+        QSettings s = store();
+        QCOMPARE(s.value("supportedPackageTypes").toString().split(',').size(), 4 * m_constructions);
+        QCOMPARE(s.value("supportedPackageTypes").toString(), typesWritten());
+        QCOMPARE(s.value("installablePackageTypes").toString().size(), m_constructions - 1);
+        SoftwareUpdateSettings read;
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        client->getCurrentSettings(&read);
+        QVERIFY(read.installablePackageTypes.isEmpty()); // empty parts are skipped when read
+    }
+
+    void storedServerWinsOverConstructor_data()
+    {
+        QTest::addColumn<QByteArray>("ini");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("stored url") << QByteArray("serverURL=http://mine.test/x.xml") << "http://mine.test/x.xml";
+        QTest::newRow("stored empty value") << QByteArray("serverURL=") << "";
+        QTest::newRow("never written") << QByteArray("product=Viewer") << "http://ctor.test/list.xml";
+    }
+    void storedServerWinsOverConstructor()
+    {
+        QFETCH(QByteArray, ini);
+        writeStoreFile("[General]\n" + ini + "\n");
+        QScopedPointer<SoftwareUpdateClient> client(makeClient("http://ctor.test/list.xml"));
+        QTEST(store().value("serverURL").toString(), "expected");
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QTEST(read.serverURL, "expected");
+        QVERIFY(!read.serverURL.isNull());
+    }
+
+    void cameraVersionsRoundTrip()
+    {
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        const SoftUpCurrentCameraVersions cams{ { "M1004", VersionNumber("5.2.1") },
+                                                { "P3301", VersionNumber("4.10") } };
+        client->setCurrentCameraVersions(cams);
+        QCOMPARE(store().value("currentCameraVersions").toString(), QString("M1004:5.2.1,P3301:4.10"));
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QCOMPARE(read.currentCameraVersions.size(), 2);
+        QCOMPARE(read.currentCameraVersions.at(1).first, QString("P3301"));
+        QCOMPARE(read.currentCameraVersions.at(1).second, VersionNumber("4.10"));
+
+        // Clearing the list leaves the store as it was: keys are never removed.
+        client->setCurrentCameraVersions({});
+        QCOMPARE(store().value("currentCameraVersions").toString(), QString("M1004:5.2.1,P3301:4.10"));
+    }
+
+    void storedCameraTexts_data()
+    {
+        QTest::addColumn<QString>("stored");
+        QTest::addColumn<QStringList>("models");
+        QTest::addColumn<QStringList>("versions");
+        QTest::newRow("second without version") << "M1:1.2,M2:" << QStringList{ "M1", "M2" } << QStringList{ "1.2", "0" };
+        QTest::newRow("empty parts skipped") << ",,M1:3,," << QStringList{ "M1" } << QStringList{ "3" };
+        QTest::newRow("no colon") << "M9" << QStringList{ "M9" } << QStringList{ "0" };
+        QTest::newRow("extra colons") << "M1:2.0:x" << QStringList{ "M1" } << QStringList{ "2.0" };
+    }
+    void storedCameraTexts()
+    {
+        QFETCH(QString, stored);
+        QFETCH(QStringList, models);
+        QFETCH(QStringList, versions);
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        store().setValue("currentCameraVersions", stored);
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QCOMPARE(read.currentCameraVersions.size(), models.size());
+        for (int i = 0; i < models.size(); ++i) {
+            QCOMPARE(read.currentCameraVersions.at(i).first, models.at(i));
+            QCOMPARE(read.currentCameraVersions.at(i).second, VersionNumber(versions.at(i).toStdString()));
+        }
+    }
+
+    void checkingOffStopsTheTimer()
+    {
+        writeStoreFile("[General]\ndoUpdateCheck=false\n");
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        QVERIFY(!client->findChild<QTimer *>()->isActive());
+        client->enableSoftwareUpdate();
+        QVERIFY(client->findChild<QTimer *>()->isActive());
+        client->disableSoftwareUpdate();
+        QVERIFY(!client->findChild<QTimer *>()->isActive());
+    }
+
+    void corruptStoreFallsBackToDefaults_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::newRow("junk text") << QByteArray("[General]\ndoUpdateCheck=junk\ncheckForBeta=maybe\n"
+                                                 "updateInterval=soon\nlastCheck=yesterday\n"
+                                                 "versionNumber=abc\n");
+        QTest::newRow("wrong types") << QByteArray("[General]\ndoUpdateCheck=@Variant(\\0\\0\\0\\x7f\\0\\0\\0)\n"
+                                                   "checkForBeta=@ByteArray(\\xff\\xfe)\nupdateInterval=1,2,3\n"
+                                                   "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n");
+        QTest::newRow("unreadable date") << QByteArray("[General]\nlastCheck=\"@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\xff)\"\n");
+        QTest::newRow("binary garbage") << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a");
+        QTest::newRow("no section, odd keys") << QByteArray("=\n\\\\=\\\n[\n");
+    }
+    void corruptStoreFallsBackToDefaults()
+    {
+        QFETCH(QByteArray, content);
+        writeStoreFile(content);
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QCOMPARE(read.doUpdateCheck, true);
+        QCOMPARE(read.checkForBeta, false);
+        QCOMPARE(read.updateInterval, 0);
+        QVERIFY(read.lastCheck.isNull());
+        QCOMPARE(read.versionNumber, VersionNumber("2.9.1")); // rewritten by the constructor
+        QVERIFY(client->findChild<QTimer *>()->isActive());
+    }
+
+    void applyDialogSettingsWritesAndSwitchesTimer_data()
+    {
+        QTest::addColumn<bool>("doCheck");
+        QTest::newRow("checking on") << true;
+        QTest::newRow("checking off") << false;
+    }
+    void applyDialogSettingsWritesAndSwitchesTimer()
+    {
+        QFETCH(bool, doCheck);
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        qv::SoftwareUpdateDialogSettings d;
+        d.doUpdateCheck = doCheck;
+        d.checkForBeta = true;
+        d.updateInterval = 2;
+        d.serverURL = "http://typed.test/list.xml";
+        d.lastCheck = "ignored";
+        QVERIFY(QMetaObject::invokeMethod(client.data(), "applyDialogSettings", Qt::DirectConnection,
+                                          Q_ARG(qv::SoftwareUpdateDialogSettings, d)));
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QCOMPARE(read.doUpdateCheck, doCheck);
+        QCOMPARE(read.checkForBeta, true);
+        QCOMPARE(read.updateInterval, 2);
+        QCOMPARE(read.serverURL, QString("http://typed.test/list.xml"));
+        QVERIFY(read.lastCheck.isNull());
+        QCOMPARE(client->findChild<QTimer *>()->isActive(), doCheck);
+    }
+
+    void lastCheckStoredAsDateTime()
+    {
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        SoftwareUpdateSettings s;
+        client->getCurrentSettings(&s);
+        s.lastCheck = QDateTime(QDate(2026, 1, 31), QTime(8, 15, 0));
+        client->setCurrentSettings(&s);
+        QCOMPARE(store().value("lastCheck").typeId(), int(QMetaType::QDateTime));
+        SoftwareUpdateSettings read;
+        client->getCurrentSettings(&read);
+        QCOMPARE(read.lastCheck, s.lastCheck);
+        client->setVersionNumber(VersionNumber("3.0"));
+        QCOMPARE(store().value("versionNumber").toString(), QString("3.0"));
+    }
+
+    void storeNameFallbacks_data()
+    {
+        QTest::addColumn<QString>("organization");
+        QTest::addColumn<QString>("application");
+        QTest::addColumn<QString>("expectedOrganization");
+        QTest::addColumn<QString>("expectedApplication");
+        // An application name set to empty reads back as the program's file name (Qt's own
+        // default), so only the organization falls back here.
+        QTest::newRow("organization unset") << "" << "Cams" << "Quorvel" << "Cams";
+        QTest::newRow("both set") << "Acme" << "Cams" << "Acme" << "Cams";
+        QTest::newRow("application unset") << "Acme" << "" << "Acme" << "tst_clientsettings";
+    }
+    void storeNameFallbacks()
+    {
+        QFETCH(QString, organization);
+        QFETCH(QString, application);
+        QFETCH(QString, expectedOrganization);
+        QFETCH(QString, expectedApplication);
+        QSettings expected(QSettings::IniFormat, QSettings::UserScope, expectedOrganization, expectedApplication);
+        QFile::remove(expected.fileName());
+        QCoreApplication::setOrganizationName(organization);
+        QCoreApplication::setApplicationName(application);
+        delete makeClient("http://fallback.test/");
+        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setApplicationName("clientsettings");
+        expected.sync();
+        QCOMPARE(expected.value("serverURL").toString(), QString("http://fallback.test/"));
+        QFile::remove(expected.fileName());
+    }
+
+    void proxyComesFromHostConfiguration_data()
+    {
+        QTest::addColumn<QString>("address");
+        QTest::addColumn<int>("type");
+        QTest::newRow("host proxy set") << "proxy.lan" << int(QNetworkProxy::HttpProxy);
+        QTest::newRow("no proxy") << "" << int(QNetworkProxy::NoProxy);
+    }
+    void proxyComesFromHostConfiguration()
+    {
+        QFETCH(QString, address);
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy(address, 3128, "user", "secret"));
+        const QNetworkProxy proxy = client->networkProxy();
+        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
+        QTEST(int(proxy.type()), "type");
+        QCOMPARE(proxy.hostName(), address);
+        QCOMPARE(proxy.port(), address.isEmpty() ? 0 : 3128);
+        QCOMPARE(proxy.user(), address.isEmpty() ? QString() : QString("user"));
+        QCOMPARE(proxy.password(), address.isEmpty() ? QString() : QString("secret"));
+    }
+
+    void releaseStatusWord()
+    {
+        QScopedPointer<SoftwareUpdateClient> client(makeClient());
+        QCOMPARE(client->transformReleaseStatus(false), QString("STABLE"));
+        QVERIFY(client->transformReleaseStatus(true).isEmpty());
+        QVERIFY(!client->transformReleaseStatus(true).isNull());
+        client->setWindowFlags(Qt::Tool);
+        QCOMPARE(client->windowFlags(), Qt::WindowFlags(Qt::Tool));
+        QCOMPARE(client->parent(), nullptr);
+    }
+};
+
+QTEST_MAIN(TestClientSettings)
+#include "tst_clientsettings.moc"

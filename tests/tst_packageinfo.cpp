@@ -1,0 +1,244 @@
+#include <PackageInfo.h>
+
+#include <QtTest>
+
+using qv::PackageInfo;
+
+class TestPackageInfo : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void fullConstructorMirrorsPublicFields()
+    {
+        const QDateTime when(QDate(2011, 4, 5), QTime(10, 30));
+        const PackageInfo p("Application", "Viewer", "2.1", "BETA", when, { "linux" }, { "de" },
+                            "zip", "note");
+        QCOMPARE(p.publicName, QString("Viewer"));
+        QCOMPARE(p.publicRelease, QString("2.1"));
+        QCOMPARE(p.fileSize, 0);
+        QVERIFY(p.url.isEmpty());
+        QVERIFY(p.releaseNotes.isEmpty());
+        QCOMPARE(p.flags, 0);
+        QVERIFY(!p.spareFlag);
+        QCOMPARE(p.suffix, QString("zip"));
+        QCOMPARE(p.comment, QString("note"));
+    }
+
+    void identity_data()
+    {
+        QTest::addColumn<QDateTime>("dateA");
+        QTest::addColumn<qint64>("sizeA");
+        QTest::addColumn<QDateTime>("dateB");
+        QTest::addColumn<qint64>("sizeB");
+        QTest::addColumn<bool>("equal");
+        const QDateTime d(QDate(2011, 4, 5), QTime(10, 30));
+        QTest::newRow("same date and size") << d << qint64(5242880) << d << qint64(5242880) << true;
+        QTest::newRow("size differs") << d << qint64(5242880) << d << qint64(5242881) << false;
+        QTest::newRow("second differs") << d << qint64(1) << d.addSecs(1) << qint64(1) << false;
+        QTest::newRow("both undated") << QDateTime() << qint64(0) << QDateTime() << qint64(0) << true;
+    }
+    void identity()
+    {
+        QFETCH(QDateTime, dateA);
+        QFETCH(qint64, sizeA);
+        QFETCH(QDateTime, dateB);
+        QFETCH(qint64, sizeB);
+        PackageInfo a;
+        a.name = "one";
+        a.release = "1.0";
+        a.releaseDate = dateA;
+        a.fileSize = sizeA;
+        PackageInfo b;
+        b.name = "two";
+        b.release = "9.9";
+        b.url = QUrl("http://example.invalid/x.zip");
+        b.releaseDate = dateB;
+        b.fileSize = sizeB;
+        QTEST(a == b, "equal");
+        QCOMPARE(a != b, !(a == b));
+    }
+
+    void stringIdFormat()
+    {
+        PackageInfo p;
+        p.releaseDate = QDateTime(QDate(2011, 4, 5), QTime(10, 30));
+        p.fileSize = 5242880;
+        QCOMPARE(p.stringID(), QString("1-2011-04-05T10:30:00-5242880"));
+        QCOMPARE(PackageInfo().stringID(), QString("1--0"));
+    }
+
+    void timeToString_data()
+    {
+        QTest::addColumn<QDateTime>("when");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("midnight gives date only")
+                << QDateTime(QDate(2011, 4, 5), QTime(0, 0)) << "2011-04-05";
+        QTest::newRow("one second after")
+                << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 1)) << "2011-04-05T00:00:01";
+        QTest::newRow("one millisecond after")
+                << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 0, 1)) << "2011-04-05T00:00:00";
+        QTest::newRow("null date") << QDateTime() << "";
+    }
+    void timeToString()
+    {
+        QFETCH(QDateTime, when);
+        PackageInfo p;
+        p.releaseDate = when;
+        QTEST(p.timeToString(Qt::ISODate), "text");
+    }
+
+    void translatedUrl_data()
+    {
+        QTest::addColumn<QString>("language");
+        QTest::addColumn<QString>("fallback");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("full locale key") << "de_CH" << "en_US" << "http://h/ch";
+        QTest::newRow("two-letter language") << "de_DE" << "en_US" << "http://h/de";
+        QTest::newRow("full fallback") << "fr_FR" << "en_US" << "http://h/us";
+        QTest::newRow("two-letter fallback") << "fr_FR" << "en_GB" << "http://h/en-newest";
+        QTest::newRow("nothing matches") << "fr_FR" << "it_IT" << "";
+    }
+    void translatedUrl()
+    {
+        QFETCH(QString, language);
+        QFETCH(QString, fallback);
+        UrlMap map;
+        map.insert("de_CH", QUrl("http://h/ch"));
+        map.insert("de", QUrl("http://h/de"));
+        map.insert("en_US", QUrl("http://h/us"));
+        map.insert("en", QUrl("http://h/en-older"));
+        map.insert("en", QUrl("http://h/en-newest")); // the latest entry of a key wins a lookup
+        QTEST(PackageInfo::translatedUrl(map, language, fallback).toString(), "expected");
+        PackageInfo p;
+        p.releaseNotes = map;
+        p.readme = map;
+        QCOMPARE(p.releaseNotesUrl(language, fallback), PackageInfo::translatedUrl(map, language, fallback));
+        QCOMPARE(p.readmeUrl(language, fallback), PackageInfo::translatedUrl(map, language, fallback));
+        QVERIFY(PackageInfo::translatedUrl(UrlMap(), language, fallback).isEmpty());
+    }
+
+    void displayTexts_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("publicName");
+        QTest::addColumn<QString>("release");
+        QTest::addColumn<QString>("publicRelease");
+        QTest::addColumn<bool>("usePublic");
+        QTest::addColumn<QString>("shownName");
+        QTest::addColumn<QString>("shownRelease");
+        QTest::newRow("public wanted and present") << "n" << "Pub" << "2.1" << "2.1 SP1" << true << "Pub" << "2.1 SP1";
+        QTest::newRow("public wanted but empty") << "n" << "" << "2.1" << "" << true << "n" << "2.1";
+        QTest::newRow("internal wanted") << "n" << "Pub" << "2.1" << "2.1 SP1" << false << "n" << "2.1";
+        QTest::newRow("no release falls to public") << "n" << "" << "" << "2 SP" << false << "n" << "2 SP";
+        QTest::newRow("unreadable release") << "n" << "" << "beta" << "" << false << "n" << "?";
+    }
+    void displayTexts()
+    {
+        QFETCH(bool, usePublic);
+        PackageInfo p;
+        QFETCH(QString, name);
+        p.name = name;
+        QFETCH(QString, publicName);
+        p.publicName = publicName;
+        QFETCH(QString, release);
+        p.release = release;
+        QFETCH(QString, publicRelease);
+        p.publicRelease = publicRelease;
+        QTEST(p.displayName(usePublic), "shownName");
+        QTEST(p.displayReleaseVersion(usePublic), "shownRelease");
+    }
+
+    void textOrderVersusStatusOrder_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<int>("versionSign");
+        QTest::newRow("10 sorts before 9") << "10" << "9" << -1;
+        QTest::newRow("2.10 sorts before 2.9") << "2.10" << "2.9" << -1;
+        QTest::newRow("equal") << "2.1" << "2.1" << 0;
+        QTest::newRow("case-sensitive") << "BETA" << "beta" << -1;
+    }
+    void textOrderVersusStatusOrder()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(int, versionSign);
+        const auto sign = [](int v) { return (v > 0) - (v < 0); };
+        QCOMPARE(sign(PackageInfo::compareVersion(a, b)), versionSign);
+        QCOMPARE(sign(PackageInfo::compareRelease(a, b)), -versionSign);
+        QVERIFY(PackageInfo::compareRelease("BETA", "STABLE") > 0);
+    }
+
+    void installable_data()
+    {
+        QTest::addColumn<QString>("suffix");
+        QTest::addColumn<bool>("installable");
+        QTest::newRow("ZIP") << "ZIP" << true;
+        QTest::newRow("Rpm") << "Rpm" << true;
+        QTest::newRow("zip") << "zip" << true;
+        QTest::newRow("tar.gz") << "tar.gz" << false;
+        QTest::newRow("msi") << "msi" << false;
+        QTest::newRow("empty") << "" << false;
+    }
+    void installable()
+    {
+        QFETCH(QString, suffix);
+        PackageInfo p;
+        p.suffix = suffix;
+        QTEST(p.isInstallable(), "installable");
+        QTEST(PackageInfo::isInstallable(suffix), "installable");
+    }
+
+    void matchesPackageIsAlwaysTrue()
+    {
+        const PackageInfo p;
+        QVERIFY(p.matchesPackage("", "x"));
+        QVERIFY(p.matchesPackage("abc", "zzz"));
+        QVERIFY(p.matchesPackage("", ""));
+    }
+
+    void fileNameFromUrl()
+    {
+        PackageInfo p;
+        p.url = QUrl("http://h/dl/2.1/setup%20x.msi?token=1");
+        QCOMPARE(p.fileName(), QString("setup x.msi"));
+        p.url = QUrl("http://h/dl/");
+        QCOMPARE(p.fileName(), QString());
+    }
+
+    void valueLists()
+    {
+        PackageInfo a;
+        a.type = "Application";
+        a.release = "2.1";
+        a.platforms = { "linux", "win32" };
+        a.languages = { "de" };
+        PackageInfo b = a;
+        b.type = "Camera Firmware";
+        b.platforms = { "linux", "M1004" };
+        b.languages = { "de", "en" };
+        const qv::PackageInfoList list{ a, b };
+        auto sorted = [](QStringList l) { l.sort(); return l; };
+        QCOMPARE(sorted(PackageInfo::allPlatforms(list, true)), QStringList({ "M1004", "linux", "win32" }));
+        QCOMPARE(sorted(PackageInfo::allLanguages(list, false)), QStringList({ "de", "en" }));
+        QCOMPARE(PackageInfo::allReleases(list, false), QStringList{ "2.1" });
+        QCOMPARE(sorted(PackageInfo::allTypes(list, true)), QStringList({ "Application", "Camera Firmware" }));
+    }
+
+    void metaTypesRegisteredAtLoad()
+    {
+        QVERIFY(QMetaType::fromName("qv::PackageInfo").isValid());
+        const QMetaType list = QMetaType::fromName("qv::PackageInfoList");
+        QVERIFY(list.isValid());
+        QCOMPARE(list, QMetaType::fromType<qv::PackageInfoList>());
+        // A queued call carries a copy through the event queue.
+        PackageInfo p;
+        p.name = "queued";
+        const QVariant v = QVariant::fromValue(qv::PackageInfoList{ p });
+        QCOMPARE(v.value<qv::PackageInfoList>().first().name, QString("queued"));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestPackageInfo)
+#include "tst_packageinfo.moc"

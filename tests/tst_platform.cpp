@@ -1,0 +1,278 @@
+#include <qv/Exceptions.h>
+#include <qv/LogQt.h>
+#include <qv/Preferences.h>
+#include <qv/QtHelpers.h>
+#include <qv/StringUtils.h>
+#include <qv/VersionNumber.h>
+
+#include <QLoggingCategory>
+#include <QTemporaryDir>
+#include <QtTest>
+
+Q_LOGGING_CATEGORY(lcTest, "qv.softwareupdate.test")
+
+namespace {
+QStringList s_captured;
+QtMessageHandler s_previous = nullptr;
+void capture(QtMsgType type, const QMessageLogContext &ctx, const QString &msg)
+{
+    if (qstrcmp(ctx.category, "qv.softwareupdate.test") == 0)
+        s_captured << QString::number(int(type)) + QLatin1Char(':') + msg;
+    else if (s_previous)
+        s_previous(type, ctx, msg);
+}
+} // namespace
+
+class Receiver : public QObject
+{
+    Q_OBJECT
+public:
+    QStringList calls;
+public Q_SLOTS:
+    void done(const QString &text) { calls << text; }
+};
+
+class TestPlatform : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void versionCompare_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<int>("order");
+        QTest::newRow("2.10 after 2.9") << "2.10" << "2.9" << 1;
+        QTest::newRow("2.9.1 after 2.9") << "2.9.1" << "2.9" << 1;
+        QTest::newRow("missing parts are zero") << "2.1" << "2.1.0" << 0;
+        QTest::newRow("leading zeros") << "02.01" << "2.1" << 0;
+        QTest::newRow("suffix text ignored") << "2.9-beta" << "2.9" << 0;
+        QTest::newRow("letters end a part") << "3.10b" << "3.9" << 1;
+        QTest::newRow("junk equals zero") << "junk" << "0" << 0;
+        QTest::newRow("empty equals zero") << "" << "0.0" << 0;
+        QTest::newRow("huge part saturates") << "99999999999999999999999" << "18446744073709551615" << 0;
+        QTest::newRow("older major") << "1.99.99" << "2" << -1;
+    }
+    void versionCompare()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(int, order);
+        const qv::VersionNumber va(a.toLatin1().toStdString());
+        const qv::VersionNumber vb(b.toLatin1().toStdString());
+        QCOMPARE(qv::VersionNumber::compare(va, vb), order);
+        QCOMPARE(qv::VersionNumber::compare(vb, va), -order);
+        QCOMPARE(va > vb, order > 0);
+        QCOMPARE(va <= vb, order <= 0);
+    }
+
+    void versionText_data()
+    {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("shortText");
+        QTest::newRow("four parts") << "3.2.0.0" << "3.2.0.0" << "3.2";
+        QTest::newRow("keeps non-zero tail") << "3.2.1.0" << "3.2.1.0" << "3.2.1";
+        QTest::newRow("two parts stay") << "3.0" << "3.0" << "3.0";
+        QTest::newRow("default prints zero") << "" << "0" << "0";
+        QTest::newRow("normalised") << "007.08x.9" << "7.8.9" << "7.8.9";
+    }
+    void versionText()
+    {
+        QFETCH(QString, input);
+        const qv::VersionNumber v(input.toLatin1().toStdString());
+        QTEST(v.toString(), "text");
+        QTEST(v.toShortVersion(), "shortText");
+        QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
+    }
+
+    void applicationVersion()
+    {
+        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion(" 2.1.3 ", "?", 0), QString("2.1.3"));
+        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion("", "?", 0), QString("?"));
+        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion("beta", "?", 0), QString("?"));
+    }
+
+    void splitWords_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QStringList>("words");
+        QTest::newRow("spaces") << "win32  linux" << QStringList{ "linux", "win32" };
+        QTest::newRow("commas and newlines") << "de,en\n fr" << QStringList{ "de", "en", "fr" };
+        QTest::newRow("duplicates fold") << "a a,a" << QStringList{ "a" };
+        QTest::newRow("only separators") << " , ;" << QStringList{};
+    }
+    void splitWords()
+    {
+        QFETCH(QString, text);
+        QFETCH(QStringList, words);
+        QStringList got = qv::StringUtils::splitStringSet(text, qv::StringUtils::splitWords).values();
+        got.sort();
+        QCOMPARE(got, words);
+    }
+
+    void intersections_data()
+    {
+        QTest::addColumn<QStringList>("a");
+        QTest::addColumn<QStringList>("b");
+        QTest::addColumn<bool>("onBeginning");
+        QTest::addColumn<bool>("shared");
+        QTest::newRow("equal word") << QStringList{ "linux" } << QStringList{ "linux" } << true << true;
+        QTest::newRow("filter is prefix") << QStringList{ "linux" } << QStringList{ "linux-x86_64" } << true << false;
+        QTest::newRow("package is prefix") << QStringList{ "win32-x64" } << QStringList{ "win32" } << true << false;
+        QTest::newRow("disjoint") << QStringList{ "mac" } << QStringList{ "linux" } << false << false;
+        QTest::newRow("case matters") << QStringList{ "Linux" } << QStringList{ "linux" } << false << false;
+        QTest::newRow("empty side") << QStringList{} << QStringList{ "linux" } << false << false;
+    }
+    void intersections()
+    {
+        QFETCH(QStringList, a);
+        QFETCH(QStringList, b);
+        const QStringSet sa(a.cbegin(), a.cend());
+        const QStringSet sb(b.cbegin(), b.cend());
+        QTEST(qv::StringUtils::intersectsOnBeginning(sa, sb), "onBeginning");
+        QTEST(qv::StringUtils::intersectsWith(sa, sb), "shared");
+    }
+
+    void preferencesFallBack_data()
+    {
+        QTest::addColumn<QString>("iniLine");
+        QTest::addColumn<bool>("boolResult");
+        QTest::addColumn<int>("intResult");
+        QTest::addColumn<bool>("dateValid");
+        QTest::newRow("absent") << "" << true << 7 << false;
+        QTest::newRow("junk text") << "v=junk" << true << 7 << false;
+        QTest::newRow("false word") << "v=false" << false << 7 << false;
+        QTest::newRow("zero") << "v=0" << false << 0 << false;
+        QTest::newRow("number") << "v=42" << true << 42 << false;
+        QTest::newRow("string list") << "v=a,b" << true << 7 << false;
+        QTest::newRow("iso date") << "v=2024-02-29T10:00:00.000" << true << 7 << true;
+        QTest::newRow("broken date") << "v=2024-02-30T10:00:00" << true << 7 << false;
+        QTest::newRow("binary junk") << "v=@ByteArray(\\0\\x1\\xff)" << true << 7 << false;
+    }
+    void preferencesFallBack()
+    {
+        QFETCH(QString, iniLine);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("p.ini");
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("[General]\n" + iniLine.toUtf8() + "\n");
+        f.close();
+        QSettings s(path, QSettings::IniFormat);
+        QTEST(qv::Preferences::boolValue(s, "v", true), "boolResult");
+        QTEST(qv::Preferences::intValue(s, "v", 7), "intResult");
+        const QDateTime fallback(QDate(2000, 1, 1), QTime(0, 0));
+        QFETCH(bool, dateValid);
+        QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback, dateValid);
+    }
+
+    void preferencesDateRoundTrip()
+    {
+        QTemporaryDir dir;
+        const QDateTime when(QDate(2026, 3, 1), QTime(23, 59, 58, 123));
+        {
+            QSettings s(dir.filePath("d.ini"), QSettings::IniFormat);
+            qv::Preferences::setDateTimeValue(s, "when", when);
+        }
+        QSettings s(dir.filePath("d.ini"), QSettings::IniFormat);
+        QCOMPARE(qv::Preferences::dateTimeValue(s, "when", QDateTime()), when);
+        QCOMPARE(qv::Preferences::stringValue(s, "missing", "dflt"), QString("dflt"));
+    }
+
+    void logThreshold_data()
+    {
+        QTest::addColumn<int>("threshold");
+        QTest::addColumn<QStringList>("lines");
+        const QString d = QString::number(QtDebugMsg) + ":A::f() -> one";
+        const QString w = QString::number(QtWarningMsg) + ":A::f() -> two";
+        const QString c = QString::number(QtCriticalMsg) + ":A::f() -> three";
+        QTest::newRow("everything") << 1 << QStringList{ d, w, c };
+        QTest::newRow("warnings and errors") << 2 << QStringList{ w, c };
+        QTest::newRow("errors only") << 3 << QStringList{ c };
+        QTest::newRow("silent") << 4 << QStringList{};
+    }
+    void logThreshold()
+    {
+        QFETCH(int, threshold);
+        const int before = qv::LogQt::level();
+        qv::LogQt::setLevel(threshold);
+        s_captured.clear();
+        s_previous = qInstallMessageHandler(capture);
+        qv::LogQt::write(lcTest(), qv::Log::Debug, "A::f() -> one");
+        qv::LogQt::write(lcTest(), qv::Log::Warning, "A::f() -> two");
+        qv::LogQt::write(lcTest(), qv::Log::Error, "A::f() -> three");
+        qInstallMessageHandler(s_previous);
+        qv::LogQt::setLevel(before);
+        QTEST(s_captured, "lines");
+    }
+
+    void logLinesStayWholeAcrossThreads()
+    {
+        const int before = qv::LogQt::level();
+        qv::LogQt::setLevel(1);
+        s_captured.clear();
+        s_previous = qInstallMessageHandler(capture);
+        QList<QThread *> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads << QThread::create([t] {
+                for (int i = 0; i < 200; ++i)
+                    qv::LogQt::write(lcTest(), 1, QStringLiteral("T%1 line %2").arg(t).arg(i));
+            });
+            threads.last()->start();
+        }
+        for (QThread *t : threads) {
+            t->wait();
+            delete t;
+        }
+        qInstallMessageHandler(s_previous);
+        qv::LogQt::setLevel(before);
+        QCOMPARE(s_captured.size(), 800);
+        for (const QString &line : s_captured)
+            QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(), qPrintable(line));
+    }
+
+    void exceptionsCarryMessage()
+    {
+        try {
+            throw qv::ParseException(QStringLiteral("bad <tag> ä"));
+        } catch (const qv::ExceptionQt &e) {
+            QCOMPARE(e.message(), QString("bad <tag> ä"));
+            QCOMPARE(QString::fromUtf8(e.what()), QString("bad <tag> ä"));
+        }
+    }
+
+    void invokeQueued_data()
+    {
+        QTest::addColumn<QByteArray>("slot");
+        QTest::addColumn<bool>("found");
+        QTest::newRow("bare name") << QByteArray("done") << true;
+        QTest::newRow("signature") << QByteArray("done(QString)") << true;
+        QTest::newRow("SLOT text") << QByteArray(SLOT(done(QString))) << true;
+        QTest::newRow("unknown") << QByteArray("missing") << false;
+    }
+    void invokeQueued()
+    {
+        QFETCH(QByteArray, slot);
+        QFETCH(bool, found);
+        Receiver r;
+        const QString text = QStringLiteral("hello");
+        if (!found)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("No such method"));
+        QCOMPARE(qv::invokeQueued(&r, slot.constData(), Q_ARG(QString, text)), found);
+        QVERIFY(r.calls.isEmpty()); // queued: nothing happens before the event loop runs
+        QCoreApplication::processEvents();
+        QCOMPARE(r.calls, found ? QStringList{ text } : QStringList{});
+    }
+
+    void dialogFlags()
+    {
+        QCOMPARE(qv::dialogFlags(false) & Qt::WindowType_Mask, Qt::Dialog);
+        QCOMPARE(qv::dialogFlags(true) & Qt::WindowType_Mask, Qt::Sheet);
+        QVERIFY(qv::dialogFlags(false).testFlag(Qt::WindowCloseButtonHint));
+        QCOMPARE(qv::sheetDialogFlags(nullptr), qv::dialogFlags(false));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestPlatform)
+#include "tst_platform.moc"
