@@ -15,9 +15,11 @@
 #include <QBuffer>
 #include <QDomDocument>
 
+#include <array>
 #include <limits>
-#include <map>
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace qv {
 
@@ -43,20 +45,62 @@ const QString DownloadManager::COMMENT = QStringLiteral("comment");
 
 namespace {
 
-// One level of the inheritance walk: an element (or the document) with its value children
-// indexed by tag, in document order, with their texts.
+// The value tags, numbered so that a level can keep them in arrays.
+enum Tag {
+    TagFile, TagType, TagName, TagNamePublic, TagReleaseNotes, TagReadme, TagLanguage, TagRelease,
+    TagReleasePublic, TagStatus, TagReleaseDate, TagUrl, TagBaseUrl, TagFileSize, TagPlatform,
+    TagComment, TagCount
+};
+
+int tagId(const QString &name)
+{
+    static const QHash<QString, int> ids{
+        { DownloadManager::FILE, TagFile },
+        { DownloadManager::TYPE, TagType },
+        { DownloadManager::NAME, TagName },
+        { DownloadManager::NAME_PUBLIC, TagNamePublic },
+        { DownloadManager::RELEASE_NOTES, TagReleaseNotes },
+        { DownloadManager::README, TagReadme },
+        { DownloadManager::LANGUAGE, TagLanguage },
+        { DownloadManager::RELEASE_VERSION, TagRelease },
+        { DownloadManager::RELEASE_VERSION_PUBLIC, TagReleasePublic },
+        { DownloadManager::RELEASE_STATUS, TagStatus },
+        { DownloadManager::RELEASE_DATE, TagReleaseDate },
+        { DownloadManager::URL, TagUrl },
+        { DownloadManager::BASE_URL, TagBaseUrl },
+        { DownloadManager::FILE_SIZE, TagFileSize },
+        { DownloadManager::PLATFORM, TagPlatform },
+        { DownloadManager::COMMENT, TagComment },
+    };
+    return ids.value(name, -1);
+}
+
+// One level of the inheritance walk: an element (or the document) with its value children and
+// value attributes indexed by tag, children in document order.
 class Level
 {
 public:
-    explicit Level(const QDomNode &node) : m_node(node), m_element(node.toElement())
+    explicit Level(const QDomNode &node)
     {
         for (QDomNode n = node.firstChild(); !n.isNull(); n = n.nextSibling()) {
             if (!n.isElement())
                 continue;
             const QDomElement e = n.toElement();
-            const QString tag = e.tagName();
-            if (isValueTag(tag))
-                m_children[tag].append(Child{ e, e.text() });
+            const int tag = tagId(e.tagName());
+            if (tag < 0)
+                continue;
+            // File and translated-URL elements are read through levels of their own.
+            const bool hasText = tag != TagFile && tag != TagReleaseNotes && tag != TagReadme;
+            m_children[tag].append(Child{ e, hasText ? e.text() : QString() });
+        }
+        const QDomNamedNodeMap attributes = node.attributes();
+        for (int i = 0, n = attributes.count(); i < n; ++i) {
+            const QDomNode a = attributes.item(i);
+            const int tag = tagId(a.nodeName());
+            if (tag >= 0) {
+                m_attributes[tag] = a.nodeValue();
+                m_attributeMask |= 1u << tag;
+            }
         }
     }
 
@@ -66,56 +110,75 @@ public:
         QString text;
     };
 
-    const QList<Child> children(const QString &tag) const { return m_children.value(tag); }
-    bool hasChild(const QString &tag) const { return m_children.contains(tag); }
-    bool hasAttribute(const QString &tag) const { return m_element.hasAttribute(tag); }
-    QString attribute(const QString &tag) const { return m_element.attribute(tag); }
+    const QList<Child> &children(int tag) const { return m_children[tag]; }
+    bool hasChild(int tag) const { return !m_children[tag].isEmpty(); }
+    bool hasAttribute(int tag) const { return m_attributeMask & (1u << tag); }
+    const QString &attribute(int tag) const { return m_attributes[tag]; }
+
+    // The words of this level's own values of `tag`: its child elements, then its attribute.
+    QStringSet words(int tag) const
+    {
+        QStringSet set;
+        for (const Child &child : m_children[tag])
+            set.unite(StringUtils::splitStringSet(child.text, StringUtils::splitWords, Qt::SkipEmptyParts));
+        if (hasAttribute(tag))
+            set.unite(StringUtils::splitStringSet(attribute(tag), StringUtils::splitWords, Qt::SkipEmptyParts));
+        return set;
+    }
 
     // The level startSearchAt() begins with when asked for this node: its first "file" child.
     const Level *fileLevel() const
     {
-        if (!m_fileLevel && hasChild(DownloadManager::FILE))
-            m_fileLevel.reset(new Level(m_children.value(DownloadManager::FILE).first().element));
+        if (!m_fileLevel && hasChild(TagFile))
+            m_fileLevel.reset(new Level(m_children[TagFile].first().element));
         return m_fileLevel.get();
     }
 
     // Levels of the translated-URL children of `tag`, kept for every package that inherits them.
-    const std::vector<std::unique_ptr<Level>> &childLevels(const QString &tag) const
+    const std::vector<std::unique_ptr<Level>> &childLevels(int tag) const
     {
-        auto &levels = m_childLevels[tag];
+        auto &levels = m_childLevels[tag == TagReadme ? 1 : 0];
         if (levels.empty()) {
-            for (const Child &c : m_children.value(tag))
+            for (const Child &c : m_children[tag])
                 levels.emplace_back(new Level(c.element));
         }
         return levels;
     }
 
 private:
-    static bool isValueTag(const QString &tag)
-    {
-        static const QSet<QString> tags{
-            DownloadManager::FILE, DownloadManager::TYPE, DownloadManager::NAME,
-            DownloadManager::NAME_PUBLIC, DownloadManager::RELEASE_NOTES, DownloadManager::README,
-            DownloadManager::LANGUAGE, DownloadManager::RELEASE_VERSION,
-            DownloadManager::RELEASE_VERSION_PUBLIC, DownloadManager::RELEASE_STATUS,
-            DownloadManager::RELEASE_DATE, DownloadManager::URL, DownloadManager::BASE_URL,
-            DownloadManager::FILE_SIZE, DownloadManager::PLATFORM, DownloadManager::COMMENT,
-        };
-        return tags.contains(tag);
-    }
-
-    QDomNode m_node;
-    QDomElement m_element;
-    QHash<QString, QList<Child>> m_children;
+    std::array<QList<Child>, TagCount> m_children;
+    std::array<QString, TagCount> m_attributes;
+    quint32 m_attributeMask = 0;
     mutable std::unique_ptr<Level> m_fileLevel;
-    mutable std::map<QString, std::vector<std::unique_ptr<Level>>> m_childLevels;
+    mutable std::array<std::vector<std::unique_ptr<Level>>, 2> m_childLevels;
 };
 
-// A walk upward: a level and the chain of its ancestors.
+// A walk upward: a level and the chain of its ancestors. The union of the word lists from a link
+// up to the document is kept with the link, so packages share what their sets have in common.
 struct Chain
 {
+    Chain(const Level *level, const Chain *parent) : level(level), parent(parent) { }
+
+    const QStringSet &cumulativeWords(int tag) const
+    {
+        std::optional<QStringSet> &cached = m_words[tag == TagPlatform ? 0 : 1];
+        if (!cached) {
+            QStringSet own = level->words(tag);
+            if (!parent)
+                cached = own;
+            else if (own.isEmpty())
+                cached = parent->cumulativeWords(tag);
+            else
+                cached = own.unite(parent->cumulativeWords(tag));
+        }
+        return *cached;
+    }
+
     const Level *level;
     const Chain *parent;
+
+private:
+    mutable std::array<std::optional<QStringSet>, 2> m_words;
 };
 
 // The walk that startSearchAt(node) begins for the node of `at`: its "file" child first.
@@ -129,7 +192,7 @@ auto withSearchStart(const Chain *at, F &&f)
     return f(at);
 }
 
-QString chainString(const Chain *c, const QString &tag)
+QString chainString(const Chain *c, int tag)
 {
     for (; c; c = c->parent) {
         if (c->level->hasChild(tag))
@@ -140,41 +203,27 @@ QString chainString(const Chain *c, const QString &tag)
     return QString();
 }
 
-int chainAllStrings(const Chain *c, const QString &tag, QStringSet &out)
-{
-    const auto unite = [&out](const QString &text) {
-        out.unite(StringUtils::splitStringSet(text, StringUtils::splitWords, Qt::SkipEmptyParts));
-    };
-    for (; c; c = c->parent) {
-        for (const Level::Child &child : c->level->children(tag))
-            unite(child.text);
-        if (c->level->hasAttribute(tag))
-            unite(c->level->attribute(tag));
-    }
-    return int(out.size());
-}
-
 QString languageOrEnglish(const QString &language)
 {
     return language.isEmpty() ? QStringLiteral("en") : language;
 }
 
-int chainAllTranslatedUrls(const Chain *c, const QString &tag, UrlMap &out)
+int chainAllTranslatedUrls(const Chain *c, int tag, UrlMap &out)
 {
     int count = 0;
     for (; c; c = c->parent) {
         for (const auto &childLevel : c->level->childLevels(tag)) {
             const Chain child{ childLevel.get(), c };
             withSearchStart(&child, [&](const Chain *start) {
-                out.insert(languageOrEnglish(chainString(start, DownloadManager::LANGUAGE)),
-                           QUrl(chainString(start, DownloadManager::URL)));
+                out.insert(languageOrEnglish(chainString(start, TagLanguage)),
+                           QUrl(chainString(start, TagUrl)));
                 return 0;
             });
             ++count;
         }
         if (c->level->hasAttribute(tag)) {
             const QString language = withSearchStart(c, [](const Chain *start) {
-                return chainString(start, DownloadManager::LANGUAGE);
+                return chainString(start, TagLanguage);
             });
             out.insert(languageOrEnglish(language), QUrl(c->level->attribute(tag)));
             ++count;
@@ -183,43 +232,60 @@ int chainAllTranslatedUrls(const Chain *c, const QString &tag, UrlMap &out)
     return count;
 }
 
-void fillPackage(const Chain *packageLevel, PackageInfo &info)
+// Release dates repeat across a catalogue, and each local-time conversion costs system calls.
+class DateCache
 {
-    withSearchStart(packageLevel, [&info](const Chain *c) {
-        info.type = chainString(c, DownloadManager::TYPE);
-        info.name = chainString(c, DownloadManager::NAME);
-        info.publicName = chainString(c, DownloadManager::NAME_PUBLIC);
-        chainAllStrings(c, DownloadManager::PLATFORM, info.platforms);
-        info.release = chainString(c, DownloadManager::RELEASE_VERSION);
-        info.publicRelease = chainString(c, DownloadManager::RELEASE_VERSION_PUBLIC);
-        info.status = chainString(c, DownloadManager::RELEASE_STATUS);
-        info.releaseDate = DownloadManager::parseReleaseDate(chainString(c, DownloadManager::RELEASE_DATE));
-        info.url = QUrl(chainString(c, DownloadManager::BASE_URL) + chainString(c, DownloadManager::URL));
-        chainAllStrings(c, DownloadManager::LANGUAGE, info.languages);
-        chainAllTranslatedUrls(c, DownloadManager::RELEASE_NOTES, info.releaseNotes);
-        chainAllTranslatedUrls(c, DownloadManager::README, info.readme);
-        info.fileSize = DownloadManager::parseFileSize(chainString(c, DownloadManager::FILE_SIZE));
+public:
+    QDateTime parse(const QString &text)
+    {
+        auto it = m_dates.constFind(text);
+        if (it == m_dates.cend())
+            it = m_dates.insert(text, DownloadManager::parseReleaseDate(text));
+        return it.value();
+    }
+
+private:
+    QHash<QString, QDateTime> m_dates;
+};
+
+void fillPackage(const Chain *packageLevel, PackageInfo &info, DateCache &dates)
+{
+    withSearchStart(packageLevel, [&info, &dates](const Chain *c) {
+        info.type = chainString(c, TagType);
+        info.name = chainString(c, TagName);
+        info.publicName = chainString(c, TagNamePublic);
+        info.platforms = c->cumulativeWords(TagPlatform);
+        info.release = chainString(c, TagRelease);
+        info.publicRelease = chainString(c, TagReleasePublic);
+        info.status = chainString(c, TagStatus);
+        info.releaseDate = dates.parse(chainString(c, TagReleaseDate));
+        info.url = QUrl(chainString(c, TagBaseUrl) + chainString(c, TagUrl));
+        info.languages = c->cumulativeWords(TagLanguage);
+        chainAllTranslatedUrls(c, TagReleaseNotes, info.releaseNotes);
+        chainAllTranslatedUrls(c, TagReadme, info.readme);
+        info.fileSize = DownloadManager::parseFileSize(chainString(c, TagFileSize));
         info.suffix = DownloadManager::parsePackageSuffix(info.url.toString());
-        info.comment = chainString(c, DownloadManager::COMMENT);
+        info.comment = chainString(c, TagComment);
         return 0;
     });
 }
 
-void parseSetLevels(const QDomElement &set, const Chain *setChain, PackageInfoList &out)
+void parseSetLevels(const QDomElement &set, const Chain *setChain, PackageInfoList &out,
+                    DateCache &dates)
 {
     for (QDomElement p = set.firstChildElement(DownloadManager::PACKAGE); !p.isNull();
          p = p.nextSiblingElement(DownloadManager::PACKAGE)) {
         const Level packageLevel(p);
         const Chain packageChain{ &packageLevel, setChain };
         PackageInfo info;
-        fillPackage(&packageChain, info);
+        fillPackage(&packageChain, info, dates);
         out.append(info);
     }
     for (QDomElement s = set.firstChildElement(DownloadManager::PACKAGE_SET); !s.isNull();
          s = s.nextSiblingElement(DownloadManager::PACKAGE_SET)) {
         const Level nested(s);
         const Chain nestedChain{ &nested, setChain };
-        parseSetLevels(s, &nestedChain, out);
+        parseSetLevels(s, &nestedChain, out, dates);
     }
 }
 
@@ -228,16 +294,19 @@ struct AncestorChain
 {
     explicit AncestorChain(const QDomNode &node)
     {
+        std::vector<QDomNode> nodes;
         for (QDomNode n = node; !n.isNull(); n = n.parentNode())
-            levels.emplace_back(new Level(n));
-        links.resize(levels.size());
-        for (size_t i = 0; i < levels.size(); ++i)
-            links[i] = Chain{ levels[i].get(), i + 1 < levels.size() ? &links[i + 1] : nullptr };
+            nodes.push_back(n);
+        // Built outermost first, so every link's parent already exists.
+        for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
+            levels.emplace_back(new Level(*it));
+            links.emplace_back(new Chain(levels.back().get(), links.empty() ? nullptr : links.back().get()));
+        }
     }
-    const Chain *head() const { return links.empty() ? nullptr : &links.front(); }
+    const Chain *head() const { return links.empty() ? nullptr : links.back().get(); }
 
     std::vector<std::unique_ptr<Level>> levels;
-    std::vector<Chain> links;
+    std::vector<std::unique_ptr<Chain>> links;
 };
 
 } // namespace
@@ -260,7 +329,8 @@ void DownloadManager::parseSet(QDomElement set, PackageInfoList &out)
     if (set.isNull())
         return;
     const AncestorChain chain(set);
-    parseSetLevels(set, chain.head(), out);
+    DateCache dates;
+    parseSetLevels(set, chain.head(), out, dates);
 }
 
 void DownloadManager::parsePackage(QDomElement package, PackageInfo &info)
@@ -268,7 +338,8 @@ void DownloadManager::parsePackage(QDomElement package, PackageInfo &info)
     if (package.isNull())
         return;
     const AncestorChain chain(package);
-    fillPackage(chain.head(), info);
+    DateCache dates;
+    fillPackage(chain.head(), info, dates);
 }
 
 QDomNode DownloadManager::startSearchAt(QDomNode node)
@@ -343,8 +414,45 @@ qint64 DownloadManager::parseFileSize(QString text)
     return ok ? qint64(bytes) : 0;
 }
 
+namespace {
+
+// Canonical dates ("2011-04-05" and "2011-04-05 13:45:00") are read directly; anything else, and
+// any local time that does not exist as written, goes through Qt's format parser.
+QDateTime canonicalDate(const QString &text)
+{
+    const auto digits = [&text](int from, int count) {
+        int value = 0;
+        for (int i = from; i < from + count; ++i) {
+            const char16_t c = text.at(i).unicode();
+            if (c < u'0' || c > u'9')
+                return -1;
+            value = value * 10 + (c - u'0');
+        }
+        return value;
+    };
+    const qsizetype n = text.size();
+    if ((n != 10 && n != 19) || text.at(4) != u'-' || text.at(7) != u'-')
+        return QDateTime();
+    const QDate date(digits(0, 4), digits(5, 2), digits(8, 2));
+    QTime time(0, 0);
+    if (n == 19) {
+        if (text.at(10) != u' ' || text.at(13) != u':' || text.at(16) != u':')
+            return QDateTime();
+        time = QTime(digits(11, 2), digits(14, 2), digits(17, 2));
+    }
+    if (digits(0, 4) < 0 || !date.isValid() || !time.isValid())
+        return QDateTime();
+    const QDateTime result(date, time);
+    return result.isValid() && result.date() == date && result.time() == time ? result : QDateTime();
+}
+
+} // namespace
+
 QDateTime DownloadManager::parseReleaseDate(QString text)
 {
+    const QDateTime canonical = canonicalDate(text);
+    if (canonical.isValid())
+        return canonical;
     const QDateTime withTime = QDateTime::fromString(text, QStringLiteral("yyyy-MM-dd hh:mm:ss"));
     if (withTime.isValid())
         return withTime;

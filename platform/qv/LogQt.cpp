@@ -36,12 +36,18 @@ void LogQt::write(const QLoggingCategory &category, int level, const QString &li
     if (!isEnabled(level))
         return;
     MutexLocker lock(mutex());
-    if (level >= Log::Error)
-        qCCritical(category).noquote() << line;
-    else if (level == Log::Warning)
-        qCWarning(category).noquote() << line;
+    const QtMsgType type = level >= Log::Error ? QtCriticalMsg
+            : level == Log::Warning              ? QtWarningMsg
+                                                 : QtDebugMsg;
+    if (!category.isEnabled(type))
+        return;
+    QMessageLogger logger(nullptr, 0, nullptr, category.categoryName());
+    if (type == QtCriticalMsg)
+        logger.critical().noquote() << line;
+    else if (type == QtWarningMsg)
+        logger.warning().noquote() << line;
     else
-        qCDebug(category).noquote() << line;
+        logger.debug().noquote() << line;
 }
 
 } // namespace qv

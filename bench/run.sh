@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
+# in the same run.  bench/run.sh [catalogue|...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=build/bench
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DSUC_BUILD_TESTS=OFF -DSUC_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" -j2
+what=${1:-all}
+if [ "$what" = all ] || [ "$what" = catalogue ]; then
+  "$build/bench/catalogue_bench"
+fi
