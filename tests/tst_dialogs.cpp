@@ -1,0 +1,412 @@
+#include <SoftwareUpdateAvailableDialog.h>
+#include <SoftwareUpdateDialog.h>
+#include <qv/LogQt.h>
+#include <qv/QtHelpers.h>
+
+#include <QAbstractButton>
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDialogButtonBox>
+#include <QHeaderView>
+#include <QLabel>
+#include <QLayout>
+#include <QLineEdit>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTableWidget>
+#include <QTextBrowser>
+#include <QtTest>
+
+using qv::SoftwareUpdateAvailableDialog;
+using qv::SoftwareUpdateDialog;
+using qv::SoftwareUpdateDialogSettings;
+
+Q_DECLARE_METATYPE(qv::SoftwareUpdateDialogSettings)
+
+namespace {
+
+template<typename T>
+T *child(QWidget *w, const char *name)
+{
+    T *c = w->findChild<T *>(QString::fromLatin1(name));
+    if (!c)
+        qFatal("no %s", name);
+    return c;
+}
+
+// Holds a keyboard modifier the way the window system reports it, so that
+// QApplication::keyboardModifiers() sees it.
+struct HeldModifier
+{
+    HeldModifier(QWindow *window, Qt::Key key, Qt::KeyboardModifier modifier) : m_window(window), m_key(key)
+    {
+        if (key != Qt::Key_unknown)
+            QTest::keyPress(window, key, modifier);
+    }
+    ~HeldModifier()
+    {
+        if (m_key != Qt::Key_unknown)
+            QTest::keyRelease(m_window, m_key, Qt::NoModifier);
+    }
+    QWindow *m_window;
+    Qt::Key m_key;
+};
+
+QList<QStringList> rows(int n)
+{
+    QList<QStringList> out;
+    for (int i = 0; i < n; ++i)
+        out << QStringList{ QString("Viewer 2.%1").arg(i), "40.0 MB", "zip", "Multilingual", "linux" };
+    return out;
+}
+
+} // namespace
+
+class TestDialogs : public QObject
+{
+    Q_OBJECT
+
+    QWidget m_host;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_host.resize(200, 100);
+        m_host.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&m_host));
+    }
+
+    void expertRowsNeedAModifier_data()
+    {
+        QTest::addColumn<int>("key");
+        QTest::addColumn<int>("modifier");
+        QTest::addColumn<bool>("expert");
+        QTest::newRow("no modifier") << int(Qt::Key_unknown) << int(Qt::NoModifier) << false;
+        QTest::newRow("Shift held") << int(Qt::Key_Shift) << int(Qt::ShiftModifier) << true;
+        QTest::newRow("Ctrl held") << int(Qt::Key_Control) << int(Qt::ControlModifier) << true;
+        QTest::newRow("Alt held") << int(Qt::Key_Alt) << int(Qt::AltModifier) << true;
+    }
+    void expertRowsNeedAModifier()
+    {
+        QFETCH(int, key);
+        QFETCH(int, modifier);
+        QFETCH(bool, expert);
+        QScopedPointer<SoftwareUpdateDialog> dialog;
+        {
+            HeldModifier held(m_host.windowHandle(), Qt::Key(key), Qt::KeyboardModifier(modifier));
+            dialog.reset(new SoftwareUpdateDialog(&m_host, qv::dialogFlags(false)));
+        }
+        dialog->show();
+        QVERIFY(QTest::qWaitForWindowExposed(dialog.data()));
+        QCOMPARE(child<QCheckBox>(dialog.data(), "checkForBetaCheckBox")->isVisible(), expert);
+        QCOMPARE(child<QLabel>(dialog.data(), "updateServerLabel")->isVisible(), expert);
+        QCOMPARE(child<QLineEdit>(dialog.data(), "updateServerLineEdit")->isVisible(), expert);
+        QVERIFY(!child<QProgressBar>(dialog.data(), "progressBar")->isVisible());
+        QCOMPARE(dialog->layout()->sizeConstraint(), QLayout::SetFixedSize);
+    }
+
+    void settingsRoundTrip_data()
+    {
+        QTest::addColumn<QString>("version");
+        QTest::addColumn<QString>("lastCheck");
+        QTest::addColumn<bool>("versionCaption");
+        QTest::addColumn<bool>("lastCheckCaption");
+        QTest::addColumn<QString>("shownVersion");
+        QTest::addColumn<QString>("shownLastCheck");
+        QTest::newRow("both set") << "2.9.1" << "Monday" << true << true << "2.9.1" << "Monday";
+        QTest::newRow("null keeps old text") << QString() << QString() << false << false << "old" << "old date";
+        QTest::newRow("empty shows caption") << "" << "" << true << true << "" << "";
+    }
+    void settingsRoundTrip()
+    {
+        QFETCH(QString, version);
+        QFETCH(QString, lastCheck);
+        SoftwareUpdateDialog dialog(nullptr, {});
+        SoftwareUpdateDialogSettings first;
+        first.currentVersion = "old";
+        first.lastCheck = "old date";
+        dialog.setDialogSettings(first);
+        SoftwareUpdateDialogSettings s;
+        s.doUpdateCheck = true;
+        s.checkForBeta = true;
+        s.updateInterval = 3;
+        s.serverURL = "http://typed.test/list.xml";
+        s.currentVersion = version;
+        s.lastCheck = lastCheck;
+        dialog.setDialogSettings(s);
+        dialog.show();
+        QTEST(child<QLabel>(&dialog, "currentVersionLabel")->isVisible(), "versionCaption");
+        QTEST(child<QLabel>(&dialog, "lastCheckLabel")->isVisible(), "lastCheckCaption");
+        const SoftwareUpdateDialogSettings back = dialog.getDialogSettings();
+        QCOMPARE(back.doUpdateCheck, true);
+        QCOMPARE(back.checkForBeta, true); // hidden, passed through
+        QCOMPARE(back.updateInterval, 3);
+        QCOMPARE(back.serverURL, s.serverURL);
+        QTEST(back.currentVersion, "shownVersion");
+        QTEST(back.lastCheck, "shownLastCheck");
+        QCOMPARE(child<QComboBox>(&dialog, "updateComboBox")->currentText(), QString("Monthly"));
+    }
+
+    void closingEmitsApplyOnlyForOk_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::addColumn<int>("applied");
+        QTest::addColumn<int>("result");
+        QTest::newRow("Ok") << "ok" << 1 << int(QDialog::Accepted);
+        QTest::newRow("Cancel") << "cancel" << 0 << int(QDialog::Rejected);
+        QTest::newRow("window close") << "close" << 0 << int(QDialog::Rejected);
+        QTest::newRow("Escape") << "escape" << 0 << int(QDialog::Rejected);
+    }
+    void closingEmitsApplyOnlyForOk()
+    {
+        QFETCH(QString, how);
+        SoftwareUpdateDialog dialog(nullptr, {});
+        SoftwareUpdateDialogSettings s;
+        s.updateInterval = 2;
+        dialog.setDialogSettings(s);
+        QSignalSpy applied(&dialog, &SoftwareUpdateDialog::applySettings);
+        QSignalSpy check(&dialog, &SoftwareUpdateDialog::checkForUpdate);
+        dialog.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+        QDialogButtonBox *box = child<QDialogButtonBox>(&dialog, "buttonBox");
+        if (how == "ok")
+            QTest::mouseClick(box->button(QDialogButtonBox::Ok), Qt::LeftButton);
+        else if (how == "cancel")
+            QTest::mouseClick(box->button(QDialogButtonBox::Cancel), Qt::LeftButton);
+        else if (how == "close")
+            dialog.close();
+        else
+            QTest::keyClick(&dialog, Qt::Key_Escape);
+        QTEST(int(applied.count()), "applied");
+        QTEST(dialog.result(), "result");
+        QVERIFY(!dialog.isVisible());
+        QCOMPARE(check.count(), 0);
+        if (applied.count())
+            QCOMPARE(applied.first().first().value<SoftwareUpdateDialogSettings>().updateInterval, 2);
+    }
+
+    void checkNowOnlyAsks()
+    {
+        SoftwareUpdateDialog dialog(nullptr, {});
+        QSignalSpy check(&dialog, &SoftwareUpdateDialog::checkForUpdate);
+        QSignalSpy applied(&dialog, &SoftwareUpdateDialog::applySettings);
+        QSignalSpy accepted(&dialog, &QDialog::accepted);
+        dialog.show();
+        QPushButton *now = child<QPushButton>(&dialog, "updatePushButton");
+        QTest::mouseClick(now, Qt::LeftButton);
+        QCOMPARE(check.count(), 1);
+        QCOMPARE(applied.count(), 0);
+        QCOMPARE(accepted.count(), 0);
+        QVERIFY(now->isEnabled()); // only the client's enableProgress() disables it
+        QVERIFY(dialog.isVisible());
+
+        QProgressBar *bar = child<QProgressBar>(&dialog, "progressBar");
+        dialog.enableProgress();
+        QVERIFY(bar->isVisible() && bar->isEnabled() && !now->isEnabled());
+        dialog.disbaleProgress();
+        QVERIFY(!bar->isVisible() && !bar->isEnabled() && now->isEnabled());
+        dialog.setNotificationText("No update available!");
+        QCOMPARE(child<QLabel>(&dialog, "updateNotificationLabel")->text(), QString("No update available!"));
+    }
+
+    // Hosts and the client connect by these names.
+    void methodNames_data()
+    {
+        QTest::addColumn<QString>("klass");
+        QTest::addColumn<QStringList>("methods");
+        QTest::newRow("settings dialog") << "settings"
+                << QStringList{ "checkForUpdate()", "applySettings(qv::SoftwareUpdateDialogSettings)",
+                                "forceUpdateAvailable()", "enableProgress()", "disbaleProgress()",
+                                "emitApplySettings()", "standardButtonClicked(QAbstractButton*)" };
+        QTest::newRow("update-available dialog") << "available"
+                << QStringList{ "downloadUrls(SoftUpIndexList)", "installPackage(int)",
+                                "currentItemsChangedSig(SoftUpIndexList)", "downloadReleaseNotes(SoftUpIndexList)",
+                                "showAllLanguages(bool)", "openUpdateSettings()", "downloadPackagePressed()",
+                                "installPackagePressed()", "currentItemsChanged()", "releaseNotesPressed()",
+                                "getCurrentSelectedItems()", "showAllLanguagesPressed()" };
+    }
+    void methodNames()
+    {
+        QFETCH(QString, klass);
+        QFETCH(QStringList, methods);
+        const QMetaObject *mo = klass == "settings" ? &SoftwareUpdateDialog::staticMetaObject
+                                                    : &SoftwareUpdateAvailableDialog::staticMetaObject;
+        QStringList declared;
+        for (int i = mo->methodOffset(); i < mo->methodCount(); ++i)
+            declared << QString::fromLatin1(mo->method(i).methodSignature());
+        QCOMPARE(declared, methods);
+    }
+
+    void formContents_data()
+    {
+        QTest::addColumn<QString>("form");
+        QTest::addColumn<QString>("object");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("title") << "settings" << "SoftwareUpdateDialogGui" << "Check for Updates";
+        QTest::newRow("intro") << "settings" << "label" << "You can search for new versions manually or automatically.";
+        QTest::newRow("version caption") << "settings" << "currentVersionLabel" << "Current version:";
+        QTest::newRow("check now") << "settings" << "updatePushButton" << "Check Now";
+        QTest::newRow("last check") << "settings" << "lastCheckLabel" << "Last check";
+        QTest::newRow("auto check") << "settings" << "updateCheckBox" << "Check for updates:";
+        QTest::newRow("beta") << "settings" << "checkForBetaCheckBox" << "Include beta versions";
+        QTest::newRow("server") << "settings" << "updateServerLabel" << "Update server URL:";
+        QTest::newRow("available title") << "available" << "SoftwareUpdateAvailableGui" << "Update Available";
+        QTest::newRow("select") << "available" << "label_3" << "Select Packages from List:";
+        QTest::newRow("all languages") << "available" << "showAllLanguagesCheckBox" << "Show all languages";
+        QTest::newRow("release notes") << "available" << "releaseNotesPushButton" << "Release Notes";
+        QTest::newRow("download") << "available" << "downloadPushButton" << "Download Package";
+        QTest::newRow("install") << "available" << "installPushButton" << "Install Package";
+        QTest::newRow("settings") << "available" << "updateSettingsPushButton" << "Update Settings...";
+        QTest::newRow("hint") << "available" << "label_2"
+                << "You can download and install the package manually or start the installation immediately (only available for supported package types).";
+    }
+    void formContents()
+    {
+        QFETCH(QString, form);
+        QFETCH(QString, object);
+        QScopedPointer<QDialog> dialog(form == "settings" ? static_cast<QDialog *>(new SoftwareUpdateDialog(nullptr, {}))
+                                                          : new SoftwareUpdateAvailableDialog(nullptr, {}));
+        QWidget *w = object == dialog->objectName() ? dialog.data() : dialog->findChild<QWidget *>(object);
+        QVERIFY2(w, qPrintable(object));
+        const QString text = w == dialog.data() ? dialog->windowTitle() : w->property("text").toString();
+        QTEST(text, "text");
+    }
+
+    void comboItemsInOrder()
+    {
+        SoftwareUpdateDialog dialog(nullptr, {});
+        QComboBox *combo = child<QComboBox>(&dialog, "updateComboBox");
+        QStringList items;
+        for (int i = 0; i < combo->count(); ++i)
+            items << combo->itemText(i);
+        QCOMPARE(items, QStringList({ "At application start", "Daily", "Weekly", "Monthly" }));
+        QProgressBar *bar = child<QProgressBar>(&dialog, "progressBar");
+        QCOMPARE(bar->maximum(), 0);
+        QVERIFY(!bar->isTextVisible());
+    }
+
+    void threeCellsOfOneRowAreOneIndex()
+    {
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        dialog.setTableEntries(rows(3));
+        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
+        QSignalSpy changed(&dialog, &SoftwareUpdateAvailableDialog::currentItemsChangedSig);
+        table->setSelectionBehavior(QAbstractItemView::SelectItems);
+        table->setCurrentCell(1, 0, QItemSelectionModel::ClearAndSelect);
+        table->setCurrentCell(1, 2, QItemSelectionModel::Select);
+        table->setCurrentCell(1, 4, QItemSelectionModel::Select);
+        QCOMPARE(table->selectedItems().size(), 3);
+        QCOMPARE(dialog.getCurrentSelectedItems(), SoftUpIndexList{ 1 });
+        QVERIFY(changed.count() >= 1);
+        QCOMPARE(changed.last().first().value<SoftUpIndexList>(), SoftUpIndexList{ 1 });
+    }
+
+    void selectionDrivesSignals()
+    {
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        QSignalSpy changed(&dialog, &SoftwareUpdateAvailableDialog::currentItemsChangedSig);
+        dialog.setTableEntries(rows(4));
+        QCOMPARE(changed.count(), 1); // filling the table reports the empty selection
+        QVERIFY(changed.first().first().value<SoftUpIndexList>().isEmpty());
+        dialog.show();
+        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
+        QCOMPARE(table->columnCount(), 5);
+        QVERIFY(table->verticalHeader()->isHidden());
+        QVERIFY(table->horizontalHeader()->stretchLastSection());
+        table->selectRow(3);
+        table->setCurrentCell(0, 0, QItemSelectionModel::Select | QItemSelectionModel::Rows);
+
+        QSignalSpy urls(&dialog, &SoftwareUpdateAvailableDialog::downloadUrls);
+        QSignalSpy notes(&dialog, &SoftwareUpdateAvailableDialog::downloadReleaseNotes);
+        QSignalSpy install(&dialog, &SoftwareUpdateAvailableDialog::installPackage);
+        QSignalSpy settings(&dialog, &SoftwareUpdateAvailableDialog::openUpdateSettings);
+        QSignalSpy languages(&dialog, &SoftwareUpdateAvailableDialog::showAllLanguages);
+        QTest::mouseClick(child<QPushButton>(&dialog, "downloadPushButton"), Qt::LeftButton);
+        QTest::mouseClick(child<QPushButton>(&dialog, "releaseNotesPushButton"), Qt::LeftButton);
+        QTest::mouseClick(child<QPushButton>(&dialog, "installPushButton"), Qt::LeftButton);
+        QTest::mouseClick(child<QPushButton>(&dialog, "updateSettingsPushButton"), Qt::LeftButton);
+        QTest::mouseClick(child<QCheckBox>(&dialog, "showAllLanguagesCheckBox"), Qt::LeftButton);
+        QSet<int> selected;
+        for (int r : urls.first().first().value<SoftUpIndexList>())
+            selected.insert(r);
+        QCOMPARE(selected, QSet<int>({ 0, 3 }));
+        QCOMPARE(notes.first().first().value<SoftUpIndexList>().size(), 2);
+        QCOMPARE(install.first().first().toInt(), 0); // the current row
+        QCOMPARE(settings.count(), 1);
+        QCOMPARE(languages.first().first().toBool(), true);
+        QVERIFY(dialog.getShowAllLanguagesState());
+    }
+
+    void emptyTableLogsAndStaysSilent()
+    {
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        dialog.setTableEntries(rows(2));
+        QSignalSpy changed(&dialog, &SoftwareUpdateAvailableDialog::currentItemsChangedSig);
+        QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateAvailableDialog::setTableEntries() -> no table entries set!");
+        dialog.setTableEntries({});
+        QCOMPARE(changed.count(), 0);
+        QCOMPARE(child<QTableWidget>(&dialog, "tableWidget")->rowCount(), 0);
+    }
+
+    void hidingRows_data()
+    {
+        QTest::addColumn<SoftUpIndexList>("hidden");
+        QTest::newRow("some") << SoftUpIndexList{ 0, 2 };
+        QTest::newRow("none shows all again") << SoftUpIndexList{};
+        QTest::newRow("out of range ignored") << SoftUpIndexList{ 1, 99, -1 };
+    }
+    void hidingRows()
+    {
+        QFETCH(SoftUpIndexList, hidden);
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        dialog.setTableEntries(rows(4));
+        dialog.setHiddenEntries({ 0, 1, 2, 3 });
+        dialog.setHiddenEntries(hidden);
+        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
+        for (int r = 0; r < 4; ++r)
+            QCOMPARE(table->isRowHidden(r), hidden.contains(r));
+    }
+
+    void commentTextAndButtons()
+    {
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        dialog.show();
+        QTextBrowser *comment = child<QTextBrowser>(&dialog, "commentText");
+        QVERIFY(!comment->isVisible());
+        QVERIFY(comment->openExternalLinks());
+        dialog.setCommentText("<b>Viewer 2.10</b>");
+        QVERIFY(comment->isVisible());
+        dialog.setCommentText("");
+        QVERIFY(!comment->isVisible());
+        QVERIFY(comment->toPlainText().contains("Viewer 2.10")); // hidden, content left
+        dialog.setTableEntries(rows(1));
+        QVERIFY(!comment->isVisible());
+        QVERIFY(comment->toPlainText().isEmpty());
+
+        dialog.setInstallButtonState(false);
+        dialog.setDownloadButtonState(false);
+        dialog.setRealeaseNotesButtonState(false);
+        QVERIFY(!child<QPushButton>(&dialog, "installPushButton")->isEnabled());
+        QVERIFY(!child<QPushButton>(&dialog, "downloadPushButton")->isEnabled());
+        QVERIFY(!child<QPushButton>(&dialog, "releaseNotesPushButton")->isEnabled());
+        QVERIFY(child<QPushButton>(&dialog, "installPushButton")->isDefault());
+        QVERIFY(child<QLabel>(&dialog, "qvLinkLabel")->openExternalLinks());
+        QVERIFY(child<QLabel>(&dialog, "qvLinkLabel")->text().contains("href=\"https://"));
+        QVERIFY(!dialog.isModal());
+    }
+
+    void headersAfterEntries()
+    {
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        dialog.setTableEntries(rows(2));
+        dialog.setTableHeaders({ "Name", "File Size", "File Type", "Languages", "Platforms" });
+        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
+        QCOMPARE(table->horizontalHeaderItem(4)->text(), QString("Platforms"));
+        QCOMPARE(table->item(1, 0)->text(), QString("Viewer 2.1"));
+        QVERIFY(!(table->item(1, 0)->flags() & Qt::ItemIsEditable) || table->editTriggers() == QAbstractItemView::NoEditTriggers);
+    }
+};
+
+QTEST_MAIN(TestDialogs)
+#include "tst_dialogs.moc"
