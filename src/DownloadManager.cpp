@@ -1,11 +1,313 @@
 #include "DownloadManager.h"
 
+#include "Logging.h"
+
+#include <qv/Exceptions.h>
+#include <qv/FileUtils.h>
+#include <qv/Preferences.h>
+#include <qv/QtHelpers.h>
+
+#include <QFile>
+#include <QSettings>
+
 namespace qv {
 
 int DownloadManager::qMetaTypes = qRegisterMetaType<PackageInfoList>("qv::PackageInfoList");
+const QString DownloadManager::UPDATE_URL = QStringLiteral(SUC_UPDATE_URL);
+
+namespace {
+// SLOT(downloadResult(RequestPtr)), spelled out so that requests can be told apart by it.
+const char kDownloadResultSlot[] = "1downloadResult(RequestPtr)";
+}
+
+DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
+    : httpClient(host), host(host), regularCheck(true)
+{
+    this->host.path = path;
+    connectRelays();
+}
+
+DownloadManager::DownloadManager(const QUrl &server) : regularCheck(true)
+{
+    setServer(server);
+    httpClient.setHost(host);
+    connectRelays();
+}
+
+DownloadManager::DownloadManager(QSettings &settings, const QString &cacheFile) : regularCheck(false)
+{
+    loadHistory(settings, cacheFile);
+    connectRelays();
+}
 
 DownloadManager::DownloadManager() = default;
 
 DownloadManager::~DownloadManager() = default;
+
+void DownloadManager::connectRelays()
+{
+    qv::connect(&httpClient, SIGNAL(requestStarted(RequestPtr)), this,
+                SLOT(downloadStarting(RequestPtr)), Qt::AutoConnection);
+    qv::connect(&httpClient, SIGNAL(downloadProgress(int,int)), this,
+                SIGNAL(downloadProgress(int,int)), Qt::AutoConnection);
+}
+
+void DownloadManager::setServer(const QUrl &url)
+{
+    host.server.setUrl(url);
+    host.path = HttpClient::encodedUrlPath(url);
+    host.proxyPreference = HttpHost::ApplicationProxy;
+}
+
+void DownloadManager::setProxy(HttpHost::ProxyPreference preference, const QString &address)
+{
+    host.proxyPreference = preference;
+    host.proxy.parseAddress(address, 80);
+    host.updateProxy(QUrl());
+    if (preference != HttpHost::NoProxy && !host.proxy.isEmpty())
+        HttpAccessHistory::proxies.add(host.proxy);
+}
+
+bool DownloadManager::isQueryBusy() const
+{
+    return httpClient.isExecutingRequest();
+}
+
+QString DownloadManager::queryUrl() const
+{
+    return host.makeURL(QString(), QMap<QString, QVariant>(), true);
+}
+
+// Queries.
+
+void DownloadManager::queryUpdate(QString filterTypes, QString filterNames, QString filterReleaseVersion,
+                                  QString filterReleaseStatus, QDateTime filterTime,
+                                  QStringSet filterPlatform, QStringSet filterLanguages,
+                                  QObject *callbackReceiver, const char *callbackSlot)
+{
+    const PackageInfo filter(filterTypes, filterNames, filterReleaseVersion, filterReleaseStatus,
+                             filterTime, filterPlatform, filterLanguages, QString(), QString());
+    queryUpdate(filter, callbackReceiver, callbackSlot);
+}
+
+void DownloadManager::queryUpdate(PackageInfo filter, QObject *callbackReceiver, const char *callbackSlot)
+{
+    host.updateProxy(QUrl());
+    if (host.proxyPreference != HttpHost::NoProxy && !host.proxy.isEmpty())
+        HttpAccessHistory::proxies.add(host.proxy);
+    httpClient.setHost(host);
+    RequestPtr request = httpClient.prepareGet(QString(), QMap<QString, QVariant>(), this,
+                                               SLOT(queryResult(RequestPtr)), nullptr,
+                                               qvb::smart<QIODevice>());
+    request->setUserData(new RequestData{ filter, callbackReceiver, callbackSlot });
+    Q_EMIT queryStarted(QString(host.server));
+    httpClient.execute(request);
+}
+
+void DownloadManager::queryCameraFirmwareUpdate(QString filterVersion, QString filterRelease,
+                                                QStringSet filterLanguages)
+{
+    // The language set goes in as the platform filter.
+    queryUpdate(QStringLiteral("system"), QString(), filterVersion, filterRelease, QDateTime(),
+                filterLanguages, QStringSet(), nullptr, nullptr);
+}
+
+void DownloadManager::queryResult(RequestPtr resp)
+{
+    QBuffer *buffer = resp->getResponseBuffer();
+    buffer->seek(0);
+    if (resp->responseHeader().hasKey(QStringLiteral("set-cookie")))
+        cookie = resp->responseHeader().value(QStringLiteral("set-cookie"));
+    auto *context = static_cast<RequestData *>(resp->userData());
+    RequestData empty;
+    queryResult(buffer, context ? context : &empty);
+    lastAnswer = buffer->data();
+    delete context;
+    resp->setUserData(nullptr);
+    Q_EMIT queryFinished();
+}
+
+void DownloadManager::queryResult(QIODevice *input, RequestData *data)
+{
+    PackageInfoList list = parseXML(input);
+    lastCheck = QDateTime::currentDateTime();
+    for (PackageInfo &p : list) {
+        const QString id = p.stringID();
+        if (history.contains(id))
+            p.flags |= PackageInfo::PackageKnown;
+        else
+            history.insert(id, QDateTime::currentDateTime());
+    }
+    // The best matches are worked out and dropped: callback and signals get the whole list.
+    PackageInfoList best = findBestMatches(list, data->filter);
+    for (PackageInfo &p : best)
+        p.flags &= ~2;
+    if (data->callbackSlot)
+        invokeQueued(data->callbackReceiver, data->callbackSlot, Q_ARG(qv::PackageInfoList, list));
+    if (!list.isEmpty())
+        Q_EMIT packageFound(list);
+    else
+        Q_EMIT noPackageFound();
+}
+
+// History.
+
+void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
+{
+    if (!cacheFile.isEmpty() && QFile::exists(cacheFile)) {
+        try {
+            lastAnswer = FileUtils::readBytes(cacheFile);
+        } catch (const IOException &e) {
+            LogQt::write(lcDownload(), Log::Warning, QStringLiteral("DownloadManager::loadHistory() -> ") + e.message());
+        }
+    }
+    settings.beginGroup(QStringLiteral("Download"));
+    lastCheck = Preferences::dateTimeValue(settings, QStringLiteral("last-check"), QDateTime());
+    regularCheck = Preferences::boolValue(settings, QStringLiteral("reg-check"), false);
+    host.load(settings);
+    if (Preferences::intValue(settings, QStringLiteral("ver"), 0) <= 2)
+        host.proxyPreference = HttpHost::ApplicationProxy;
+    if (Preferences::intValue(settings, QStringLiteral("ver"), 0) <= 2) {
+        // Settings written by versions 0 to 2 always switch to the built-in update server.
+        host.server.setUrl(QUrl(UPDATE_URL));
+        host.path = HttpClient::encodedUrlPath(UPDATE_URL);
+    }
+    const QDateTime limit = QDateTime::currentDateTime().addYears(-2);
+    const int count = settings.beginReadArray(QStringLiteral("hist"));
+    for (int i = 0; i < count; ++i) {
+        settings.setArrayIndex(i);
+        const QString version = Preferences::stringValue(settings, QStringLiteral("version"), QString());
+        const QDateTime time = Preferences::dateTimeValue(settings, QStringLiteral("time"), QDateTime());
+        if (time.isNull() || time < limit)
+            continue;
+        history.insert(version, time);
+    }
+    settings.endArray();
+    settings.endGroup();
+}
+
+void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile)
+{
+    if (!cacheFile.isEmpty() && !lastAnswer.isEmpty()) {
+        try {
+            FileUtils::writeBytes(lastAnswer, cacheFile);
+        } catch (const IOException &e) {
+            LogQt::write(lcDownload(), Log::Warning, QStringLiteral("DownloadManager::storeHistory() -> ") + e.message());
+        }
+    }
+    settings.beginGroup(QStringLiteral("Download"));
+    Preferences::setDateTimeValue(settings, QStringLiteral("last-check"), lastCheck);
+    settings.setValue(QStringLiteral("reg-check"), QVariant(regularCheck));
+    settings.remove(QStringLiteral("regular-check"));
+    settings.setValue(QStringLiteral("ver"), 3);
+    host.store(settings, false);
+    settings.beginWriteArray(QStringLiteral("hist"), int(history.size()));
+    int i = 0;
+    for (auto it = history.cbegin(); it != history.cend(); ++it, ++i) {
+        settings.setArrayIndex(i);
+        settings.setValue(QStringLiteral("version"), it.key());
+        Preferences::setDateTimeValue(settings, QStringLiteral("time"), it.value());
+    }
+    settings.endArray();
+    settings.endGroup();
+}
+
+// Package and release-notes downloads.
+
+void DownloadManager::startDownload(const PackageInfo &package, const QString &filePath)
+{
+    // Owned by the manager until the download reports its outcome; a failed open shows up as a
+    // short file.
+    auto *file = new QFile(filePath, this);
+    file->open(QIODevice::WriteOnly | QIODevice::Truncate);
+
+    // Package downloads always go to port 80 of the package's host.
+    HttpHost target = host;
+    target.server.setAddress(package.url.host(), 80, false);
+    httpClient.setHost(target);
+    RequestPtr request = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url),
+                                               QMap<QString, QVariant>(), this, kDownloadResultSlot,
+                                               file, qvb::smart<QIODevice>());
+    request->setUserData(new PackageInfo(package));
+    httpClient.execute(request);
+}
+
+void DownloadManager::downloadStarting(RequestPtr request)
+{
+    if (request->completionSlot() != kDownloadResultSlot)
+        return;
+    const auto *package = static_cast<const PackageInfo *>(request->userData());
+    auto *file = qobject_cast<QFile *>(request->outputDevice());
+    if (package && package->fileSize != 0 && file)
+        Q_EMIT downloadStarted(*package, file->fileName());
+}
+
+void DownloadManager::downloadResult(RequestPtr request)
+{
+    auto *package = static_cast<PackageInfo *>(request->userData());
+    if (!package)
+        return;
+    // A package without an announced size never reports an outcome; its file stays as it is,
+    // open, until the manager goes.
+    if (package->fileSize == 0) {
+        delete package;
+        request->setUserData(nullptr);
+        return;
+    }
+    auto *file = qobject_cast<QFile *>(request->outputDevice());
+    const QString fileName = file ? file->fileName() : QString();
+    qint64 size = 0;
+    if (file) {
+        file->close();
+        size = file->size();
+    }
+    if (quint64(size) < quint64(package->fileSize)) {
+        Q_EMIT downloadFailure(*package, fileName);
+        Q_EMIT downloadFailure(request->statusCode());
+    } else {
+        package->localFile = fileName;
+        Q_EMIT downloadSuccess(*package, fileName);
+        Q_EMIT downloadSuccess();
+    }
+    delete package;
+    delete file;
+    request->setUserData(nullptr);
+    request->setOutputDevice(nullptr);
+}
+
+void DownloadManager::abortDownload()
+{
+    // The dropped request never reaches downloadResult(): release what it carries here. The
+    // partial file stays on disk.
+    const RequestPtr running = httpClient.currentRequest();
+    if (running && running->completionSlot() == kDownloadResultSlot) {
+        delete static_cast<PackageInfo *>(running->userData());
+        delete running->outputDevice();
+        running->setUserData(nullptr);
+        running->setOutputDevice(nullptr);
+    }
+    httpClient.reset();
+    Q_EMIT downloadAborted();
+}
+
+void DownloadManager::downloadReleaseNotes(const QUrl &url)
+{
+    if (url.isEmpty()) {
+        Q_EMIT releaseNotesDownloaded(url, QString());
+        return;
+    }
+    HttpHost target = host;
+    target.server.setAddress(url.host(), 80, false);
+    httpClient.setHost(target);
+    httpClient.get(HttpClient::encodedUrlPath(url), QMap<QString, QVariant>(), this,
+                   SLOT(releaseNotesResult(RequestPtr)), reinterpret_cast<QIODevice *>(quintptr(-1)),
+                   qvb::smart<QIODevice>());
+}
+
+void DownloadManager::releaseNotesResult(RequestPtr request)
+{
+    const QUrl url = request->urls().value(0);
+    Q_EMIT releaseNotesDownloaded(url, request->statusCode() == 200 ? request->getResponseText() : QString());
+}
 
 } // namespace qv

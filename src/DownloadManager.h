@@ -3,6 +3,9 @@
 #include "PackageInfo.h"
 #include "softwareupdateclient_export.h"
 
+#include <qv/HttpClient.h>
+#include <qv/HttpHost.h>
+
 #include <QByteArray>
 #include <QDateTime>
 #include <QDomElement>
@@ -12,16 +15,32 @@
 #include <QStringList>
 
 class QIODevice;
+class QSettings;
 
 namespace qv {
 
 /// Catalogue queries, package downloads, unpacking and installer hand-over. The catalogue parser
 /// and the package selection rules are static members, usable without an instance.
+///
+/// One HTTP client executes the manager's requests one at a time: a query, a package download or
+/// a release-notes fetch. The history of packages already offered, the last check and the last
+/// catalogue answer persist with storeHistory() and come back with the settings constructor.
 class SOFTWAREUPDATECLIENT_EXPORT DownloadManager : public QObject
 {
     Q_OBJECT
 
 public:
+    /// The context of one running query, carried by its HTTP request.
+    struct RequestData
+    {
+        PackageInfo filter;
+        QObject *callbackReceiver = nullptr;
+        const char *callbackSlot = nullptr;
+    };
+
+    /// The built-in address of the maker's update server.
+    static const QString UPDATE_URL;
+
     // Tag names of the catalogue.
     static const QString DOCUMENT_TAG;
     static const QString PACKAGE_SET;
@@ -46,8 +65,37 @@ public:
     /// Meta-type id of qv::PackageInfoList, registered when the library loads.
     static int qMetaTypes;
 
+    /// A manager for `host`, its server path set to `path`.
+    DownloadManager(const qv::HttpHost &host, const QString &path);
+    /// A manager for the catalogue at `server`.
+    explicit DownloadManager(const QUrl &server);
+    /// A manager restored from the group "Download" of `settings` and from the copy of the last
+    /// answer in `cacheFile` (an empty name keeps no copy).
+    DownloadManager(QSettings &settings, const QString &cacheFile);
+    /// A bare manager for downloads and unpacking: no server, and no progress or start relays.
     DownloadManager();
     ~DownloadManager() override;
+
+    qv::HttpHost &server() { return host; }
+    const qv::HttpHost &server() const { return host; }
+    /// Takes the catalogue URL; the proxy preference becomes "the application's proxy" (2).
+    void setServer(const QUrl &url);
+    void setProxy(qv::HttpHost::ProxyPreference preference, const QString &address);
+    /// True while a query or a download runs.
+    bool isQueryBusy() const;
+    bool isRegularCheck() const { return regularCheck; }
+    void setRegularCheck(bool regular) { regularCheck = regular; }
+    /// The full catalogue URL.
+    QString queryUrl() const;
+    /// When the last answer was processed (null before any).
+    QDateTime lastCheckTime() const { return lastCheck; }
+    /// The value of the last "set-cookie" header of an answer.
+    QString lastCookie() const { return cookie; }
+    /// The HTTP client, for its transfer limits.
+    HttpClient &client() { return httpClient; }
+
+    /// Writes the history to the group "Download" and the last answer to `cacheFile`.
+    void storeHistory(QSettings &settings, const QString &cacheFile);
 
     // Catalogue parser.
 
@@ -88,14 +136,68 @@ public:
     static int countNew(const PackageInfoList &packages);
 
 public Q_SLOTS:
+    void queryUpdate(QString filterTypes = QString(), QString filterNames = QString(),
+                     QString filterReleaseVersion = QString(), QString filterReleaseStatus = QString(),
+                     QDateTime filterTime = QDateTime(), QStringSet filterPlatform = QStringSet(),
+                     QStringSet filterLanguages = QStringSet(), QObject *callbackReceiver = nullptr,
+                     const char *callbackSlot = nullptr);
+    /// Asks the server for its catalogue. The answer comes as packageFound() or noPackageFound(),
+    /// then queryFinished(), and, when given, as a queued call of `callbackSlot` on
+    /// `callbackReceiver` with the whole qv::PackageInfoList. Packages seen in no earlier answer
+    /// arrive unmarked (countNew()). Test isQueryBusy() first: queries are not refused.
+    void queryUpdate(qv::PackageInfo filter, QObject *callbackReceiver = nullptr,
+                     const char *callbackSlot = nullptr);
+    /// A query for firmware ("system") packages; the languages are passed as platform filter.
+    void queryCameraFirmwareUpdate(QString filterVersion = QString(), QString filterRelease = QString(),
+                                   QStringSet filterLanguages = QStringSet());
+
+    /// Downloads the package to `filePath`, always from port 80 of the package URL's host.
+    /// A package with an announced size reports downloadStarted(), then downloadSuccess() when
+    /// at least that many bytes arrived, else downloadFailure().
+    void startDownload(const qv::PackageInfo &package, const QString &filePath);
+    /// Stops the running request and emits downloadAborted(); the partial file stays.
+    void abortDownload();
+    /// Fetches the page and emits releaseNotesDownloaded() with its text, or an empty text.
+    void downloadReleaseNotes(const QUrl &url);
+
     /// Every package of the last accepted answer, each marked as known. `filter` is not used.
     qv::PackageInfoList recentPackages(const qv::PackageInfo &filter);
     qv::PackageInfoList recentPackages(QString type, QString name, QString release, QString status,
                                        QDateTime releaseDate, QStringSet platforms,
                                        QStringSet languages);
 
-protected:
+Q_SIGNALS:
+    void packageFound(qv::PackageInfoList allPackages);
+    void noPackageFound();
+    void queryStarted(QString url);
+    void queryFinished();
+    void downloadStarted(qv::PackageInfo pack, QString fileName);
+    void downloadProgress(int bytes, int totalBytes);
+    void downloadSuccess(qv::PackageInfo pack, QString fileName);
+    void downloadSuccess();
+    void downloadFailure(qv::PackageInfo pack, QString fileName);
+    void downloadFailure(int httpStatusCode);
+    void downloadAborted();
+    void releaseNotesDownloaded(QUrl url, QString text);
+
+private Q_SLOTS:
+    void queryResult(RequestPtr resp);
+    void queryResult(QIODevice *input, qv::DownloadManager::RequestData *data);
+    void downloadStarting(RequestPtr request);
+    void downloadResult(RequestPtr request);
+    void releaseNotesResult(RequestPtr request);
+
+private:
+    void connectRelays();
+    void loadHistory(QSettings &settings, const QString &cacheFile);
+
+    HttpClient httpClient;
+    qv::HttpHost host;
+    QDateTime lastCheck;
+    bool regularCheck = false;
     QByteArray lastAnswer;
+    QHash<QString, QDateTime> history;
+    QString cookie;
 };
 
 } // namespace qv

@@ -2,6 +2,7 @@
 
 #include "LogQt.h"
 
+#include <QMetaMethod>
 #include <QMetaObject>
 #include <QWidget>
 
@@ -31,7 +32,19 @@ bool invokeQueued(QObject *receiver, const char *slot, QGenericArgument a0, QGen
     const qsizetype paren = name.indexOf('(');
     if (paren >= 0)
         name.truncate(paren);
-    return QMetaObject::invokeMethod(receiver, name.constData(), Qt::QueuedConnection, a0, a1);
+    // Matched by name and argument count, so that a slot may spell its parameter type with or
+    // without namespace or typedef (the types themselves must agree).
+    const int argc = (a0.name() ? 1 : 0) + (a1.name() ? 1 : 0);
+    const QMetaObject *mo = receiver->metaObject();
+    for (int i = mo->methodCount() - 1; i >= 0; --i) {
+        const QMetaMethod method = mo->method(i);
+        if (method.name() == name && method.parameterCount() == argc)
+            return method.invoke(receiver, Qt::QueuedConnection, a0, a1);
+    }
+    LogQt::write(lcPlatform(), Log::Error,
+                 QStringLiteral("qv::invokeQueued() -> no method %1 with %2 arguments in %3")
+                         .arg(QString::fromLatin1(name)).arg(argc).arg(QLatin1String(mo->className())));
+    return false;
 }
 
 Qt::WindowFlags dialogFlags(bool sheet)

@@ -1,0 +1,268 @@
+#include "HttpClient.h"
+
+#include "LogQt.h"
+
+#include <QFileDevice>
+#include <QMetaObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTimer>
+
+namespace {
+
+const int s_requestPtrType = qRegisterMetaType<RequestPtr>("RequestPtr");
+
+bool isMemoryOutput(QIODevice *device)
+{
+    return !device || device == reinterpret_cast<QIODevice *>(quintptr(-1));
+}
+
+} // namespace
+
+bool RequestData::ResponseHeader::hasKey(const QString &name) const
+{
+    const QByteArray key = name.toLatin1();
+    for (const auto &pair : pairs) {
+        if (pair.first.compare(key, Qt::CaseInsensitive) == 0)
+            return true;
+    }
+    return false;
+}
+
+QString RequestData::ResponseHeader::value(const QString &name) const
+{
+    const QByteArray key = name.toLatin1();
+    QString found;
+    for (const auto &pair : pairs) {
+        if (pair.first.compare(key, Qt::CaseInsensitive) == 0)
+            found = QString::fromLatin1(pair.second);
+    }
+    return found;
+}
+
+RequestData::RequestData()
+{
+    m_buffer.setBuffer(&m_body);
+}
+
+RequestData::~RequestData() = default;
+
+QBuffer *RequestData::getResponseBuffer()
+{
+    if (!m_buffer.isOpen())
+        m_buffer.open(QIODevice::ReadOnly);
+    return &m_buffer;
+}
+
+QString RequestData::getResponseText() const
+{
+    return QString::fromUtf8(m_body);
+}
+
+HttpClient::HttpClient() : m_manager(new QNetworkAccessManager(this)), m_speedTimer(new QTimer(this))
+{
+    m_manager->setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
+    connect(m_speedTimer, &QTimer::timeout, this, &HttpClient::checkSpeed);
+}
+
+HttpClient::HttpClient(const qv::HttpHost &host) : HttpClient()
+{
+    setHost(host);
+}
+
+HttpClient::~HttpClient()
+{
+    reset();
+}
+
+void HttpClient::setHost(const qv::HttpHost &host)
+{
+    m_host = host;
+}
+
+void HttpClient::setTransferLimits(int stallTimeoutMs, qint64 minimumBytes, int speedWindowMs)
+{
+    m_stallTimeout = stallTimeoutMs;
+    m_minimumBytes = minimumBytes;
+    m_speedWindow = speedWindowMs;
+}
+
+QString HttpClient::encodedUrlPath(const QUrl &url)
+{
+    return QString::fromLatin1(url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment));
+}
+
+QString HttpClient::encodedUrlPath(const QString &url)
+{
+    return encodedUrlPath(QUrl(url));
+}
+
+RequestPtr HttpClient::prepareGet(const QString &path, const QMap<QString, QVariant> &parameters,
+                                  QObject *receiver, const char *slot, QIODevice *output,
+                                  qvb::smart<QIODevice> outputHandle)
+{
+    RequestPtr request(new RequestData);
+    request->m_path = path;
+    request->m_parameters = parameters;
+    request->m_receiver = receiver;
+    request->m_slot = slot;
+    request->m_output = isMemoryOutput(output) ? nullptr : output;
+    request->m_outputHandle = outputHandle;
+    return request;
+}
+
+void HttpClient::execute(RequestPtr request)
+{
+    if (!request)
+        return;
+    // The request is aimed at the host current when it is executed.
+    request->m_urls = { QUrl(m_host.makeURL(request->m_path, request->m_parameters, true)) };
+    m_queue.enqueue(request);
+    if (!m_current)
+        startNext();
+}
+
+RequestPtr HttpClient::get(const QString &path, const QMap<QString, QVariant> &parameters,
+                           QObject *receiver, const char *slot, QIODevice *output,
+                           qvb::smart<QIODevice> outputHandle)
+{
+    RequestPtr request = prepareGet(path, parameters, receiver, slot, output, outputHandle);
+    execute(request);
+    return request;
+}
+
+void HttpClient::startNext()
+{
+    if (m_queue.isEmpty())
+        return;
+    m_current = m_queue.dequeue();
+    m_host.updateProxy(m_current->m_urls.first());
+    m_manager->setProxy(m_host.networkProxy());
+
+    QNetworkRequest request(m_current->m_urls.first());
+    request.setTransferTimeout(m_stallTimeout);
+    m_reply = m_manager->get(request);
+    connect(m_reply, &QNetworkReply::readyRead, this, &HttpClient::onReadyRead);
+    connect(m_reply, &QNetworkReply::finished, this, &HttpClient::onFinished);
+    connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &to) {
+        if (m_current)
+            m_current->m_urls.append(to);
+    });
+    m_windowStartBytes = 0;
+    m_progressClock.invalidate();
+    if (m_speedWindow > 0 && m_minimumBytes > 0)
+        m_speedTimer->start(m_speedWindow);
+
+    const RequestPtr started = m_current;
+    Q_EMIT requestStarted(started);
+}
+
+void HttpClient::onReadyRead()
+{
+    if (!m_reply || !m_current)
+        return;
+    QIODevice *out = m_current->m_output;
+    while (m_reply->bytesAvailable() > 0) {
+        const QByteArray chunk = m_reply->read(256 * 1024);
+        if (chunk.isEmpty())
+            break;
+        m_current->m_received += chunk.size();
+        if (!out) {
+            m_current->m_body.append(chunk);
+            continue;
+        }
+        // Files buffer their writes; flushing each chunk surfaces a full disk at once.
+        QFileDevice *file = qobject_cast<QFileDevice *>(out);
+        if (out->write(chunk) != chunk.size() || (file && !file->flush())) {
+            fail(QStringLiteral("could not write the response: %1").arg(out->errorString()));
+            return;
+        }
+    }
+    reportProgress();
+}
+
+void HttpClient::reportProgress()
+{
+    // Reported from what was read, at most every 50 ms and once more at the end; the reply's
+    // own progress signal may swallow a lone first chunk.
+    const qint64 received = m_current->m_received;
+    const qint64 total = m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong();
+    const bool complete = total > 0 && received >= total;
+    if (m_progressClock.isValid() && m_progressClock.elapsed() < 50 && !complete)
+        return;
+    m_progressClock.start();
+    Q_EMIT downloadProgress(int(qMin<qint64>(received, INT_MAX)),
+                            total > 0 ? int(qMin<qint64>(total, INT_MAX)) : -1);
+}
+
+void HttpClient::checkSpeed()
+{
+    if (!m_current)
+        return;
+    const qint64 now = m_current->m_received;
+    if (now - m_windowStartBytes < m_minimumBytes) {
+        fail(QStringLiteral("transfer too slow: %1 bytes in %2 ms").arg(now - m_windowStartBytes).arg(m_speedWindow));
+        return;
+    }
+    m_windowStartBytes = now;
+}
+
+void HttpClient::onFinished()
+{
+    if (!m_reply || !m_current)
+        return;
+    onReadyRead();
+    if (!m_current)
+        return; // failed while writing the rest
+    if (m_reply->error() != QNetworkReply::NoError)
+        m_current->m_error = m_reply->errorString();
+    finish();
+}
+
+void HttpClient::fail(const QString &why)
+{
+    if (!m_current)
+        return;
+    m_current->m_error = why;
+    qv::LogQt::write(lcPlatform(), qv::Log::Warning, QStringLiteral("HttpClient -> ") + why);
+    finish();
+}
+
+void HttpClient::finish()
+{
+    m_speedTimer->stop();
+    RequestPtr done = m_current;
+    m_current.reset();
+    if (QNetworkReply *reply = m_reply.data()) {
+        m_reply.clear();
+        done->m_statusCode = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        done->m_header.pairs = reply->rawHeaderPairs();
+        reply->disconnect(this);
+        reply->abort();
+        reply->deleteLater();
+    }
+    if (done->m_receiver && !done->m_slot.isEmpty()) {
+        QByteArray method = done->m_slot;
+        if (!method.isEmpty() && method.at(0) >= '0' && method.at(0) <= '9')
+            method.remove(0, 1);
+        const qsizetype paren = method.indexOf('(');
+        if (paren >= 0)
+            method.truncate(paren);
+        QMetaObject::invokeMethod(done->m_receiver, method.constData(), Qt::DirectConnection,
+                                  Q_ARG(RequestPtr, done));
+    }
+    startNext();
+}
+
+void HttpClient::reset()
+{
+    m_queue.clear();
+    m_speedTimer->stop();
+    m_current.reset();
+    if (QNetworkReply *reply = m_reply.data()) {
+        m_reply.clear();
+        reply->disconnect(this);
+        reply->abort();
+        reply->deleteLater();
+    }
+}

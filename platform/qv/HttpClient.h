@@ -1,0 +1,156 @@
+#pragma once
+
+#include "HttpHost.h"
+#include "PlatformExport.h"
+#include "Smart.h"
+
+#include <QBuffer>
+#include <QByteArray>
+#include <QElapsedTimer>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QPair>
+#include <QPointer>
+#include <QQueue>
+#include <QUrl>
+#include <QVariant>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+class QTimer;
+
+/// One HTTP request of the HttpClient and, once it has run, its response.
+class QV_PLATFORM_EXPORT RequestData
+{
+public:
+    using Header = QList<QPair<QByteArray, QByteArray>>;
+
+    /// Response header lookups; names compare case-insensitively, the last occurrence wins.
+    class QV_PLATFORM_EXPORT ResponseHeader
+    {
+    public:
+        bool hasKey(const QString &name) const;
+        QString value(const QString &name) const;
+        Header pairs;
+    };
+
+    RequestData();
+    ~RequestData();
+
+    int statusCode() const { return m_statusCode; }
+    /// The device the body streams into, or null when the body is kept in memory.
+    QIODevice *outputDevice() const { return m_output; }
+    void setOutputDevice(QIODevice *device) { m_output = device; }
+    /// The URL of the request first, then every redirection target followed.
+    QList<QUrl> urls() const { return m_urls; }
+    const ResponseHeader &responseHeader() const { return m_header; }
+    /// The body kept in memory (empty when it streamed into an output device), open for reading.
+    QBuffer *getResponseBuffer();
+    QString getResponseText() const;
+    /// Why the request failed (network error, stall, write error); empty when it completed.
+    QString errorString() const { return m_error; }
+    qint64 bytesReceived() const { return m_received; }
+
+    /// The completion slot given to prepareGet(), as given.
+    QByteArray completionSlot() const { return m_slot; }
+
+    /// One pointer for the caller's own use; the caller owns what it points to.
+    void *userData() const { return m_userData; }
+    void setUserData(void *data) { m_userData = data; }
+
+private:
+    friend class HttpClient;
+
+    QString m_path;
+    QMap<QString, QVariant> m_parameters;
+    QPointer<QObject> m_receiver;
+    QByteArray m_slot;
+    QIODevice *m_output = nullptr;
+    qvb::smart<QIODevice> m_outputHandle;
+    QList<QUrl> m_urls;
+    int m_statusCode = 0;
+    ResponseHeader m_header;
+    QBuffer m_buffer;
+    QByteArray m_body;
+    QString m_error;
+    qint64 m_received = 0;
+    void *m_userData = nullptr;
+};
+
+using RequestPtr = qvb::smart<RequestData>;
+Q_DECLARE_METATYPE(RequestPtr)
+
+/// Executes GET requests one at a time against the current host, through the proxy the host
+/// names. A body streams into the request's output device chunk by chunk as it arrives, or is
+/// kept in memory when the request has none. When a request ends (completed or failed) the
+/// receiver's slot is called with it.
+///
+/// A transfer that stops is ended as failed: when no byte arrives for `stallTimeout()` (30 s by
+/// default), or when fewer than `minimumBytes()` (1 KiB) arrive in any window of `speedWindow()`
+/// (60 s) from the start of the request. A write error on the output device (a full disk) ends
+/// the request too.
+class QV_PLATFORM_EXPORT HttpClient : public QObject
+{
+    Q_OBJECT
+
+public:
+    HttpClient();
+    explicit HttpClient(const qv::HttpHost &host);
+    ~HttpClient() override;
+
+    void setHost(const qv::HttpHost &host);
+    const qv::HttpHost &host() const { return m_host; }
+
+    /// A GET request of `path` under the host (`parameters` become query items), not yet
+    /// started. `output` null, or the all-ones pointer value, keeps the body in memory.
+    /// `outputHandle`, when set, keeps the output device alive as long as the request.
+    RequestPtr prepareGet(const QString &path, const QMap<QString, QVariant> &parameters,
+                          QObject *receiver, const char *slot, QIODevice *output,
+                          qvb::smart<QIODevice> outputHandle);
+    /// Queues the request; it starts when the requests before it have ended.
+    void execute(RequestPtr request);
+    RequestPtr get(const QString &path, const QMap<QString, QVariant> &parameters,
+                   QObject *receiver, const char *slot, QIODevice *output,
+                   qvb::smart<QIODevice> outputHandle);
+
+    bool isExecutingRequest() const { return !m_current.isNull() || !m_queue.isEmpty(); }
+    /// The request being executed, or null.
+    RequestPtr currentRequest() const { return m_current; }
+    /// Drops the executing request and the queued ones without calling their slots.
+    void reset();
+
+    void setTransferLimits(int stallTimeoutMs, qint64 minimumBytes, int speedWindowMs);
+    int stallTimeout() const { return m_stallTimeout; }
+    qint64 minimumBytes() const { return m_minimumBytes; }
+    int speedWindow() const { return m_speedWindow; }
+
+    /// The percent-encoded path and query of a URL.
+    static QString encodedUrlPath(const QUrl &url);
+    static QString encodedUrlPath(const QString &url);
+
+Q_SIGNALS:
+    void requestStarted(RequestPtr request);
+    void downloadProgress(int bytes, int totalBytes);
+
+private:
+    void startNext();
+    void onReadyRead();
+    void onFinished();
+    void checkSpeed();
+    void reportProgress();
+    void fail(const QString &why);
+    void finish();
+
+    qv::HttpHost m_host;
+    QNetworkAccessManager *m_manager;
+    QTimer *m_speedTimer;
+    QQueue<RequestPtr> m_queue;
+    RequestPtr m_current;
+    QPointer<QNetworkReply> m_reply;
+    qint64 m_windowStartBytes = 0;
+    QElapsedTimer m_progressClock;
+    int m_stallTimeout = 30000;
+    qint64 m_minimumBytes = 1024;
+    int m_speedWindow = 60000;
+};

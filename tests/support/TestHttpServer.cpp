@@ -1,0 +1,145 @@
+#include "TestHttpServer.h"
+
+#include <QHash>
+#include <QPointer>
+#include <QTcpSocket>
+#include <QTimer>
+
+namespace {
+
+QByteArray reasonPhrase(int status)
+{
+    static const QHash<int, QByteArray> reasons{
+        { 200, "OK" }, { 301, "Moved Permanently" }, { 302, "Found" }, { 303, "See Other" },
+        { 307, "Temporary Redirect" }, { 404, "Not Found" }, { 500, "Internal Server Error" },
+    };
+    return reasons.value(status, "Status");
+}
+
+} // namespace
+
+TestHttpServer::Response TestHttpServer::Response::ok(const QByteArray &body, const QByteArray &type)
+{
+    Response r;
+    r.body = body;
+    r.headers << qMakePair(QByteArray("Content-Type"), type);
+    return r;
+}
+
+TestHttpServer::Response TestHttpServer::Response::error(int status, const QByteArray &body)
+{
+    Response r;
+    r.status = status;
+    r.body = body;
+    r.headers << qMakePair(QByteArray("Content-Type"), QByteArray("text/html"));
+    return r;
+}
+
+TestHttpServer::Response TestHttpServer::Response::redirect(int status, const QByteArray &location)
+{
+    Response r;
+    r.status = status;
+    if (!location.isEmpty())
+        r.headers << qMakePair(QByteArray("Location"), location);
+    return r;
+}
+
+QByteArray TestHttpServer::Request::header(const QByteArray &name) const
+{
+    for (const auto &h : headers) {
+        if (h.first.compare(name, Qt::CaseInsensitive) == 0)
+            return h.second;
+    }
+    return QByteArray();
+}
+
+TestHttpServer::TestHttpServer(Handler handler, QObject *parent)
+    : QTcpServer(parent), m_handler(std::move(handler))
+{
+    connect(this, &QTcpServer::newConnection, this, &TestHttpServer::onNewConnection);
+}
+
+QByteArray TestHttpServer::url(const QByteArray &path) const
+{
+    return "http://127.0.0.1:" + QByteArray::number(serverPort()) + path;
+}
+
+void TestHttpServer::onNewConnection()
+{
+    while (QTcpSocket *socket = nextPendingConnection()) {
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+    }
+}
+
+void TestHttpServer::onReadyRead(QTcpSocket *socket)
+{
+    QByteArray buffered = socket->property("buffered").toByteArray() + socket->readAll();
+    const qsizetype end = buffered.indexOf("\r\n\r\n");
+    if (end < 0) {
+        socket->setProperty("buffered", buffered);
+        return;
+    }
+    socket->setProperty("buffered", QByteArray());
+    const QList<QByteArray> lines = buffered.left(end).split('\n');
+    Request request;
+    const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
+    request.method = first.value(0);
+    request.target = first.value(1);
+    for (qsizetype i = 1; i < lines.size(); ++i) {
+        const qsizetype colon = lines.at(i).indexOf(':');
+        if (colon > 0)
+            request.headers << qMakePair(lines.at(i).left(colon).trimmed(), lines.at(i).mid(colon + 1).trimmed());
+    }
+    m_requests << request;
+    respond(socket, request);
+}
+
+void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
+{
+    const Response r = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
+    if (r.mode == Response::HangUp) {
+        socket->disconnectFromHost();
+        return;
+    }
+    qint64 length = r.announcedLength >= 0 ? r.announcedLength : r.body.size();
+    if (r.mode == Response::CutShort)
+        length = r.body.size() + r.missing;
+    QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonPhrase(r.status) + "\r\n";
+    for (const auto &h : r.headers)
+        head += h.first + ": " + h.second + "\r\n";
+    head += "Content-Length: " + QByteArray::number(length) + "\r\nConnection: close\r\n\r\n";
+    socket->write(head);
+
+    switch (r.mode) {
+    case Response::Normal:
+    case Response::CutShort:
+        socket->write(r.body);
+        socket->disconnectFromHost();
+        break;
+    case Response::Stall:
+        socket->write(r.body.left(r.sendBeforeStall));
+        break;
+    case Response::Drip: {
+        auto *timer = new QTimer(socket);
+        auto sent = std::make_shared<qint64>(0);
+        const QByteArray body = r.body;
+        QPointer<QTcpSocket> guard(socket);
+        connect(timer, &QTimer::timeout, socket, [guard, timer, sent, body] {
+            if (!guard)
+                return;
+            if (*sent >= body.size()) {
+                timer->stop();
+                guard->disconnectFromHost();
+                return;
+            }
+            guard->write(body.mid(*sent, 1));
+            ++*sent;
+        });
+        timer->start(r.dripIntervalMs);
+        break;
+    }
+    case Response::HangUp:
+        break;
+    }
+}

@@ -1,0 +1,536 @@
+#include <DownloadManager.h>
+#include <TestHttpServer.h>
+#include <qv/HttpHost.h>
+#include <qv/LogQt.h>
+#include <qv/NodeDB.h>
+
+#include <QHttpServer>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using qv::DownloadManager;
+using qv::PackageInfo;
+using qv::PackageInfoList;
+using Response = TestHttpServer::Response;
+
+namespace {
+
+QByteArray testData(const QString &name)
+{
+    QFile f(QFINDTESTDATA("data/" + name));
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+PackageInfo sizedPackage(const QByteArray &url, qint64 size)
+{
+    PackageInfo p;
+    p.name = "Viewer";
+    p.url = QUrl(QString::fromLatin1(url));
+    p.fileSize = size;
+    p.releaseDate = QDateTime(QDate(2013, 6, 2), QTime(9, 0));
+    return p;
+}
+
+} // namespace
+
+// Receives query callbacks; the two slots spell the list type differently.
+class CallbackReceiver : public QObject
+{
+    Q_OBJECT
+public:
+    QList<PackageInfoList> byValue;
+    QList<PackageInfoList> byReference;
+public Q_SLOTS:
+    void onPackages(PackageInfoList list) { byValue << list; }
+    void onPackagesRef(const qv::PackageInfoList &list) { byReference << list; }
+};
+
+class TestDownloadManager : public QObject
+{
+    Q_OBJECT
+
+    QHttpServer m_catalogueServer;
+    quint16 m_cataloguePort = 0;
+    QByteArray m_catalogue;
+    QByteArray m_cookie;
+    int m_catalogueStatus = 200;
+
+    QUrl catalogueUrl(const QString &path = "/software/list.xml") const
+    {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_cataloguePort).arg(path));
+    }
+
+    // Runs one query to the end and returns what the manager reported.
+    PackageInfoList runQuery(DownloadManager &manager, CallbackReceiver *receiver = nullptr,
+                             const char *slot = nullptr)
+    {
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        QSignalSpy found(&manager, &DownloadManager::packageFound);
+        manager.queryUpdate(PackageInfo(), receiver, slot);
+        if (!finished.wait(10000))
+            qWarning("query did not finish");
+        return found.isEmpty() ? PackageInfoList() : found.first().first().value<PackageInfoList>();
+    }
+
+    static void bindPort80(TestHttpServer &server)
+    {
+        if (!server.listen(QHostAddress::LocalHost, 80))
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here");
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QStandardPaths::setTestModeEnabled(true);
+        m_catalogueServer.route("/software/list.xml", [this](const QHttpServerRequest &) {
+            QHttpServerResponse response("text/xml", m_catalogue, QHttpServerResponse::StatusCode(m_catalogueStatus));
+            if (!m_cookie.isEmpty())
+                response.setHeader("Set-Cookie", m_cookie);
+            return response;
+        });
+        m_cataloguePort = m_catalogueServer.listen(QHostAddress::LocalHost);
+        QVERIFY(m_cataloguePort != 0);
+    }
+    void init()
+    {
+        m_catalogue = testData("realistic.xml");
+        m_cookie.clear();
+        m_catalogueStatus = 200;
+    }
+
+    // Queries.
+
+    void serverSettings()
+    {
+        DownloadManager manager(catalogueUrl("/software/list.xml?x=1"));
+        QCOMPARE(manager.queryUrl(), catalogueUrl("/software/list.xml?x=1").toString());
+        QCOMPARE(int(manager.server().proxyPreference), 2);
+        QVERIFY(manager.isRegularCheck());
+        manager.setProxy(qv::HttpHost::OwnProxy, "proxy.lan:3128");
+        QCOMPARE(manager.server().proxy.port(), 3128);
+        QCOMPARE(qv::HttpAccessHistory::proxies.entries().value(0).host(), QString("proxy.lan"));
+        manager.setServer(QUrl("http://other.test/list.xml"));
+        QCOMPARE(int(manager.server().proxyPreference), 2); // reset on every server change
+        QCOMPARE(manager.queryUrl(), QString("http://other.test/list.xml"));
+        DownloadManager bare;
+        QVERIFY(bare.queryUrl().isEmpty());
+    }
+
+    void packagesAreNewExactlyOnce()
+    {
+        DownloadManager manager(catalogueUrl());
+        CallbackReceiver receiver;
+        QSignalSpy started(&manager, &DownloadManager::queryStarted);
+        const PackageInfoList first = runQuery(manager, &receiver, SLOT(onPackages(PackageInfoList)));
+        QCOMPARE(first.size(), 15);
+        QCOMPARE(DownloadManager::countNew(first), 15);
+        const PackageInfoList second = runQuery(manager, &receiver, "onPackagesRef");
+        QCOMPARE(second.size(), 15);
+        QCOMPARE(DownloadManager::countNew(second), 0);
+        QCOMPARE(started.first().first().toString(), QString("http://127.0.0.1:%1").arg(m_cataloguePort));
+
+        // Callbacks arrive queued, with the whole list, whichever way the slot spells the type.
+        QVERIFY(receiver.byValue.isEmpty() || receiver.byValue.size() == 1);
+        QTRY_COMPARE(receiver.byValue.size(), 1);
+        QTRY_COMPARE(receiver.byReference.size(), 1);
+        QCOMPARE(DownloadManager::countNew(receiver.byValue.first()), 15);
+        QCOMPARE(DownloadManager::countNew(receiver.byReference.first()), 0);
+
+        const PackageInfoList recent = manager.recentPackages(PackageInfo());
+        QCOMPARE(recent.size(), 15);
+        QCOMPARE(DownloadManager::countNew(recent), 0);
+        QVERIFY(manager.lastCheckTime().isValid());
+    }
+
+    void filterDoesNotNarrowTheDelivery()
+    {
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        QSignalSpy found(&manager, &DownloadManager::packageFound);
+        manager.queryUpdate("Nothing", "NoSuchProduct", "99.0", "STABLE", QDateTime::currentDateTime(), { "beos" }, { "xx" });
+        QVERIFY(finished.wait());
+        QCOMPARE(found.first().first().value<PackageInfoList>().size(), 15);
+    }
+
+    void badAnswersGiveNoPackages_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("parserComplains");
+        QTest::newRow("empty body") << 200 << QByteArray() << true;
+        QTest::newRow("junk") << 200 << QByteArray("\x01\x02garbage<<<") << true;
+        QTest::newRow("404 page") << 404 << QByteArray("<html><body>Not here<br></body></html>") << true;
+        QTest::newRow("500 page") << 500 << QByteArray("<h1>Oops</h1>") << false;
+        QTest::newRow("empty catalogue") << 200 << QByteArray("<softwareList/>") << false;
+    }
+    void badAnswersGiveNoPackages()
+    {
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        QFETCH(bool, parserComplains);
+        m_catalogueStatus = status;
+        m_catalogue = body;
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy none(&manager, &DownloadManager::noPackageFound);
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        if (parserComplains)
+            QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
+        manager.queryUpdate();
+        QVERIFY(finished.wait());
+        QCOMPARE(none.count(), 1);
+        QVERIFY(manager.lastCheckTime().isValid());
+        QVERIFY(!manager.isQueryBusy());
+    }
+
+    void deadServerEndsTheQuery()
+    {
+        TestHttpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost));
+        const quint16 port = probe.serverPort();
+        probe.close(); // nothing listens there now
+        DownloadManager manager(QUrl(QStringLiteral("http://127.0.0.1:%1/list.xml").arg(port)));
+        QSignalSpy none(&manager, &DownloadManager::noPackageFound);
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
+        manager.queryUpdate();
+        QVERIFY(finished.wait());
+        QCOMPARE(none.count(), 1);
+    }
+
+    void cookieKeptUntilReplaced()
+    {
+        DownloadManager manager(catalogueUrl());
+        m_cookie = "session=abc";
+        runQuery(manager);
+        QCOMPARE(manager.lastCookie(), QString("session=abc"));
+        m_cookie.clear();
+        runQuery(manager);
+        QCOMPARE(manager.lastCookie(), QString("session=abc"));
+    }
+
+    // History.
+
+    void historyPersistsAndAges()
+    {
+        QTemporaryDir dir;
+        const QString ini = dir.filePath("s.ini");
+        const QString cache = dir.filePath("last-answer.xml");
+        {
+            QSettings settings(ini, QSettings::IniFormat);
+            settings.beginGroup("Download");
+            settings.setValue("ver", 3);
+            settings.setValue("server", catalogueUrl().toString());
+            settings.setValue("path", "/software/list.xml");
+            settings.setValue("regular-check", true);
+            const QDateTime now = QDateTime::currentDateTime();
+            settings.beginWriteArray("hist", 5);
+            const QList<QPair<QString, QDateTime>> entries{
+                { "young", now.addDays(-10) },
+                { "just inside", now.addYears(-2).addSecs(120) },
+                { "too old", now.addYears(-2).addSecs(-120) },
+                { "no time", QDateTime() },
+                { "young", now.addDays(-1) },
+            };
+            for (int i = 0; i < entries.size(); ++i) {
+                settings.setArrayIndex(i);
+                settings.setValue("version", entries.at(i).first);
+                if (entries.at(i).second.isValid())
+                    settings.setValue("time", entries.at(i).second.toString(Qt::ISODateWithMs));
+            }
+            settings.endArray();
+            settings.endGroup();
+        }
+        QSettings settings(ini, QSettings::IniFormat);
+        QDateTime youngTime;
+        {
+            DownloadManager manager(settings, cache);
+            QVERIFY(!manager.isRegularCheck());
+            QCOMPARE(manager.queryUrl(), catalogueUrl().toString());
+            const PackageInfoList list = runQuery(manager);
+            QCOMPARE(DownloadManager::countNew(list), 15);
+            manager.storeHistory(settings, cache);
+        }
+        settings.sync();
+        QVERIFY(!settings.contains("Download/regular-check"));
+        QCOMPARE(settings.value("Download/ver").toInt(), 3);
+        QCOMPARE(settings.value("Download/hist/size").toInt(), 2 + 15);
+        QStringList versions;
+        settings.beginGroup("Download");
+        const int n = settings.beginReadArray("hist");
+        for (int i = 0; i < n; ++i) {
+            settings.setArrayIndex(i);
+            versions << settings.value("version").toString();
+            if (versions.last() == "young")
+                youngTime = QDateTime::fromString(settings.value("time").toString(), Qt::ISODateWithMs);
+        }
+        settings.endArray();
+        settings.endGroup();
+        QVERIFY(versions.contains("just inside"));
+        QVERIFY(!versions.contains("too old"));
+        QVERIFY(!versions.contains("no time"));
+        QVERIFY(youngTime > QDateTime::currentDateTime().addDays(-2)); // the later duplicate won
+
+        // Reloaded: every package is known, and the cached answer is back.
+        DownloadManager again(settings, cache);
+        QCOMPARE(DownloadManager::countNew(again.recentPackages(PackageInfo())), 0);
+        QCOMPARE(again.recentPackages(PackageInfo()).size(), 15);
+        QCOMPARE(DownloadManager::countNew(runQuery(again)), 0);
+    }
+
+    void oldSettingsMoveToTheBuiltInServer_data()
+    {
+        QTest::addColumn<QVariant>("ver");
+        QTest::addColumn<bool>("migrated");
+        QTest::newRow("no version") << QVariant() << true;
+        QTest::newRow("version 2") << QVariant(2) << true;
+        QTest::newRow("junk version") << QVariant("junk") << true;
+        QTest::newRow("version 3") << QVariant(3) << false;
+    }
+    void oldSettingsMoveToTheBuiltInServer()
+    {
+        QFETCH(QVariant, ver);
+        QFETCH(bool, migrated);
+        QTemporaryDir dir;
+        QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
+        settings.beginGroup("Download");
+        if (ver.isValid())
+            settings.setValue("ver", ver);
+        settings.setValue("server", "http://stored.test/mine.xml");
+        settings.setValue("path", "/mine.xml");
+        settings.setValue("proxy-pref", 1);
+        settings.endGroup();
+        {
+            DownloadManager manager(settings, QString());
+            QCOMPARE(manager.queryUrl(), migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
+            QCOMPARE(int(manager.server().proxyPreference), migrated ? 2 : 1);
+            manager.storeHistory(settings, QString());
+        }
+        QCOMPARE(settings.value("Download/ver").toInt(), 3);
+        DownloadManager later(settings, QString());
+        QCOMPARE(later.queryUrl(), migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
+    }
+
+    void corruptHistoryFallsBack()
+    {
+        QTemporaryDir dir;
+        QFile f(dir.filePath("s.ini"));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
+                "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray(\\xff)\n"
+                "hist\\9\\version=b\n");
+        f.close();
+        QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
+        DownloadManager manager(settings, dir.filePath("missing-cache.xml"));
+        QVERIFY(manager.lastCheckTime().isNull());
+        QVERIFY(!manager.isRegularCheck());
+        QCOMPARE(int(manager.server().proxyPreference), 0);
+        QVERIFY(manager.recentPackages(PackageInfo()).isEmpty());
+    }
+
+    void cacheFileRules()
+    {
+        QTemporaryDir dir;
+        const QString cache = dir.filePath("cache.xml");
+        QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
+        {
+            QFile f(cache);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            f.write("<softwareList><package name='old'/></softwareList>");
+        }
+        DownloadManager manager(settings, cache);
+        QCOMPARE(manager.recentPackages(PackageInfo()).value(0).name, QString("old"));
+        DownloadManager fresh(catalogueUrl());
+        fresh.storeHistory(settings, cache); // nothing answered yet: the copy stays
+        QCOMPARE(QFile(cache).size(), qint64(50));
+        runQuery(fresh);
+        fresh.storeHistory(settings, QString()); // no name: nothing written
+        QCOMPARE(QFile(cache).size(), qint64(50));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("storeHistory.*cannot write"));
+        fresh.storeHistory(settings, dir.filePath("no/such/folder/cache.xml"));
+        fresh.storeHistory(settings, cache);
+        QCOMPARE(QFile(cache).size(), qint64(m_catalogue.size()));
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files).size(), 2); // no temporary leftovers
+    }
+
+    // Package downloads (always to port 80).
+
+    void downloadOutcomes_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<int>("bodySize");
+        QTest::addColumn<int>("announced"); // in the catalogue
+        QTest::addColumn<bool>("success");
+        QTest::newRow("exact size") << int(Response::Normal) << 200 << 5000 << 5000 << true;
+        QTest::newRow("one byte short") << int(Response::Normal) << 200 << 4999 << 5000 << false;
+        QTest::newRow("longer than announced") << int(Response::Normal) << 200 << 5001 << 5000 << true;
+        QTest::newRow("404 page") << int(Response::Normal) << 404 << 40 << 5000 << false;
+        QTest::newRow("long 500 page still succeeds") << int(Response::Normal) << 500 << 6000 << 5000 << true;
+        QTest::newRow("server goes away mid-body") << int(Response::CutShort) << 200 << 3000 << 5000 << false;
+        QTest::newRow("stall") << int(Response::Stall) << 200 << 5000 << 5000 << false;
+        QTest::newRow("drip") << int(Response::Drip) << 200 << 5000 << 5000 << false;
+        QTest::newRow("hang-up") << int(Response::HangUp) << 200 << 0 << 5000 << false;
+    }
+    void downloadOutcomes()
+    {
+        QFETCH(int, mode);
+        QFETCH(int, status);
+        QFETCH(int, bodySize);
+        QFETCH(int, announced);
+        QFETCH(bool, success);
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            Response r = Response::ok(QByteArray(bodySize, 'p'));
+            r.status = status;
+            r.mode = Response::Mode(mode);
+            r.missing = 2000;
+            r.sendBeforeStall = 100;
+            r.dripIntervalMs = 20;
+            return r;
+        });
+        bindPort80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(catalogueUrl());
+        manager.client().setTransferLimits(1000, 1000, 700);
+        const PackageInfo package = sizedPackage("http://127.0.0.1:8080/dl/viewer-2.10.zip", announced);
+        QSignalSpy started(&manager, &DownloadManager::downloadStarted);
+        QSignalSpy ok(&manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess));
+        QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        QSignalSpy failed(&manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure));
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        const QString target = dir.filePath("viewer.zip");
+        manager.startDownload(package, target);
+        QTRY_VERIFY_WITH_TIMEOUT(okPlain.count() + failedStatus.count() == 1, 10000);
+        QCOMPARE(started.count(), 1);
+        QCOMPARE(started.first().at(1).toString(), target);
+        QCOMPARE(okPlain.count(), success ? 1 : 0);
+        QCOMPARE(ok.count(), success ? 1 : 0);
+        QCOMPARE(failed.count(), success ? 0 : 1);
+        if (success) {
+            QCOMPARE(ok.first().first().value<PackageInfo>().localFile, target);
+            QCOMPARE(QFileInfo(target).size(), qint64(bodySize));
+        } else if (mode == Response::Normal) {
+            QCOMPARE(failedStatus.first().first().toInt(), status);
+        }
+        QVERIFY(package.localFile.isEmpty()); // the caller's record is untouched
+        QCOMPARE(server.requests().value(0).target, QByteArray("/dl/viewer-2.10.zip"));
+        QVERIFY(!manager.isQueryBusy());
+    }
+
+    void unsizedPackageReportsNothing()
+    {
+        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok("abc"); });
+        bindPort80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy started(&manager, &DownloadManager::downloadStarted);
+        QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 0), dir.filePath("x.zip"));
+        QTRY_VERIFY(!manager.isQueryBusy());
+        QTest::qWait(50);
+        QCOMPARE(started.count() + okPlain.count() + failedStatus.count(), 0);
+        QCOMPARE(server.requests().size(), 1);
+    }
+
+    void unwritableTargets_data()
+    {
+        QTest::addColumn<QString>("target");
+        QTest::newRow("missing folder") << "/nonexistent-folder-for-tests/x.zip";
+        QTest::newRow("full disk") << "/dev/full";
+    }
+    void unwritableTargets()
+    {
+        QFETCH(QString, target);
+        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(300000, 'z')); });
+        bindPort80(server);
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("could not write the response"));
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 300000), target);
+        QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
+    }
+
+    void abortKeepsThePartialFile()
+    {
+        TestHttpServer server([](const TestHttpServer::Request &) {
+            Response r = Response::ok(QByteArray(100000, 'a'));
+            r.mode = Response::Stall;
+            r.sendBeforeStall = 1000;
+            return r;
+        });
+        bindPort80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy aborted(&manager, &DownloadManager::downloadAborted);
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        QSignalSpy progress(&manager, &DownloadManager::downloadProgress);
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 100000), dir.filePath("x.zip"));
+        QTRY_VERIFY(progress.count() > 0 && progress.last().first().toInt() == 1000);
+        QCOMPARE(progress.last().at(1).toInt(), 100000);
+        manager.abortDownload();
+        QCOMPARE(aborted.count(), 1);
+        QVERIFY(!manager.isQueryBusy());
+        QVERIFY(QFile::exists(dir.filePath("x.zip")));
+        QTest::qWait(100);
+        QCOMPARE(failedStatus.count(), 0);
+
+        DownloadManager idle;
+        QSignalSpy idleAborted(&idle, &DownloadManager::downloadAborted);
+        idle.abortDownload();
+        QCOMPARE(idleAborted.count(), 1);
+    }
+
+    void releaseNotes_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("found") << 200 << "<h1>Viewer 2.10</h1><p>Ünïcode notes</p>";
+        QTest::newRow("missing") << 404 << "";
+    }
+    void releaseNotes()
+    {
+        QFETCH(int, status);
+        QFETCH(QString, text);
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            return status == 200 ? Response::ok(text.toUtf8(), "text/html; charset=utf-8")
+                                 : Response::error(status, "<html>not found</html>");
+        });
+        bindPort80(server);
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy notes(&manager, &DownloadManager::releaseNotesDownloaded);
+        const QUrl url("http://127.0.0.1:8765/notes/2.10.html");
+        manager.downloadReleaseNotes(url);
+        QVERIFY(notes.wait());
+        QCOMPARE(notes.first().at(0).toUrl().path(), QString("/notes/2.10.html"));
+        QCOMPARE(notes.first().at(1).toString(), text);
+    }
+
+    void emptyReleaseNotesUrlAnswersAtOnce()
+    {
+        DownloadManager manager;
+        QSignalSpy notes(&manager, &DownloadManager::releaseNotesDownloaded);
+        manager.downloadReleaseNotes(QUrl());
+        QCOMPARE(notes.count(), 1);
+        QVERIFY(notes.first().at(1).toString().isEmpty());
+    }
+
+    void hostProxyApplies()
+    {
+        // The application proxy is a loopback "proxy" that records what it is asked.
+        TestHttpServer proxy([](const TestHttpServer::Request &) { return Response::ok("<softwareList/>", "text/xml"); });
+        QVERIFY(proxy.listen(QHostAddress::LocalHost));
+        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy("127.0.0.1", proxy.serverPort()));
+        DownloadManager manager(QUrl("http://updates.example.invalid/list.xml"));
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        manager.queryUpdate();
+        QVERIFY(finished.wait());
+        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
+        QCOMPARE(proxy.requests().size(), 1);
+        QCOMPARE(proxy.requests().first().target, QByteArray("http://updates.example.invalid/list.xml"));
+    }
+};
+
+QTEST_MAIN(TestDownloadManager)
+#include "tst_downloadmanager.moc"
