@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
-# in the same run.  bench/run.sh [catalogue|...]
+# in the same run.  bench/run.sh [catalogue|download]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
@@ -9,4 +9,7 @@ cmake --build "$build" -j2
 what=${1:-all}
 if [ "$what" = all ] || [ "$what" = catalogue ]; then
   "$build/bench/catalogue_bench"
+fi
+if [ "$what" = all ] || [ "$what" = download ]; then
+  "$build/bench/download_bench"
 fi

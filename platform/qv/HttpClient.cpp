@@ -142,6 +142,8 @@ void HttpClient::startNext()
     QNetworkRequest request(m_current->m_urls.first());
     request.setTransferTimeout(m_stallTimeout);
     m_reply = m_manager->get(request);
+    // Back-pressure: the network thread holds at most this much while the output falls behind.
+    m_reply->setReadBufferSize(1 << 20);
     connect(m_reply, &QNetworkReply::readyRead, this, &HttpClient::onReadyRead);
     connect(m_reply, &QNetworkReply::finished, this, &HttpClient::onFinished);
     connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &to) {
@@ -162,18 +164,19 @@ void HttpClient::onReadyRead()
     if (!m_reply || !m_current)
         return;
     QIODevice *out = m_current->m_output;
+    QFileDevice *file = qobject_cast<QFileDevice *>(out);
+    static thread_local QByteArray chunk(256 * 1024, Qt::Uninitialized);
     while (m_reply->bytesAvailable() > 0) {
-        const QByteArray chunk = m_reply->read(256 * 1024);
-        if (chunk.isEmpty())
+        const qint64 n = m_reply->read(chunk.data(), chunk.size());
+        if (n <= 0)
             break;
-        m_current->m_received += chunk.size();
+        m_current->m_received += n;
         if (!out) {
-            m_current->m_body.append(chunk);
+            m_current->m_body.append(chunk.constData(), n);
             continue;
         }
         // Files buffer their writes; flushing each chunk surfaces a full disk at once.
-        QFileDevice *file = qobject_cast<QFileDevice *>(out);
-        if (out->write(chunk) != chunk.size() || (file && !file->flush())) {
+        if (out->write(chunk.constData(), n) != n || (file && !file->flush())) {
             fail(QStringLiteral("could not write the response: %1").arg(out->errorString()));
             return;
         }

@@ -1,0 +1,169 @@
+// Downloads 1 GiB from a loopback server with DownloadManager::startDownload and, from the same
+// server in the same run, with curl; prints the throughput ratio ours/curl and how much our peak
+// memory grew during the download. Needs 127.0.0.1:80 (package downloads always use port 80).
+
+#include <DownloadManager.h>
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLoggingCategory>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <cstdio>
+
+namespace {
+
+constexpr qint64 kSize = qint64(1) << 30;
+
+// Serves GET requests with a body of kSize bytes, generated as it is sent.
+class BulkServer : public QTcpServer
+{
+public:
+    BulkServer()
+    {
+        m_chunk = QByteArray(256 * 1024, 'x');
+        for (int i = 0; i < m_chunk.size(); i += 4096)
+            m_chunk[i] = char(i / 4096);
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *s = nextPendingConnection())
+                serve(s);
+        });
+    }
+
+private:
+    void serve(QTcpSocket *socket)
+    {
+        auto *sent = new qint64(-1);
+        connect(socket, &QTcpSocket::disconnected, socket, [socket, sent] {
+            delete sent;
+            socket->deleteLater();
+        });
+        const auto pump = [this, socket, sent] {
+            if (*sent < 0) {
+                if (!socket->canReadLine() && !socket->bytesAvailable())
+                    return;
+                socket->readAll();
+                socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
+                              + QByteArray::number(kSize) + "\r\nConnection: close\r\n\r\n");
+                *sent = 0;
+            }
+            while (*sent < kSize && socket->bytesToWrite() < 4 * m_chunk.size()) {
+                const qint64 n = qMin<qint64>(m_chunk.size(), kSize - *sent);
+                socket->write(m_chunk.constData(), n);
+                *sent += n;
+            }
+            if (*sent >= kSize && socket->bytesToWrite() == 0)
+                socket->disconnectFromHost();
+        };
+        connect(socket, &QTcpSocket::readyRead, socket, pump);
+        connect(socket, &QTcpSocket::bytesWritten, socket, pump);
+    }
+
+    QByteArray m_chunk;
+};
+
+qint64 statusKiB(const char *field)
+{
+    QFile f(QStringLiteral("/proc/self/status"));
+    if (!f.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray &line : f.readAll().split('\n')) {
+        if (line.startsWith(field))
+            return line.mid(qstrlen(field)).trimmed().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
+void resetPeak()
+{
+    QFile f(QStringLiteral("/proc/self/clear_refs"));
+    if (f.open(QIODevice::WriteOnly))
+        f.write("5");
+}
+
+double oursSeconds(const QString &target, qint64 *peakGrowthKiB)
+{
+    qv::DownloadManager manager(QUrl(QStringLiteral("http://127.0.0.1/list.xml")));
+    qv::PackageInfo package;
+    package.url = QUrl(QStringLiteral("http://127.0.0.1/big.bin"));
+    package.fileSize = kSize;
+    QSignalSpy done(&manager, qOverload<>(&qv::DownloadManager::downloadSuccess));
+    QSignalSpy failed(&manager, qOverload<int>(&qv::DownloadManager::downloadFailure));
+    const qint64 before = statusKiB("VmRSS:");
+    resetPeak();
+    QElapsedTimer t;
+    t.start();
+    manager.startDownload(package, target);
+    while (done.isEmpty() && failed.isEmpty())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    const double seconds = t.nsecsElapsed() / 1e9;
+    *peakGrowthKiB = statusKiB("VmHWM:") - before;
+    if (!failed.isEmpty() || QFileInfo(target).size() != kSize)
+        std::printf("!! our download failed (%lld bytes)\n", QFileInfo(target).size());
+    QFile::remove(target);
+    return seconds;
+}
+
+double curlSeconds(const QString &target)
+{
+    QElapsedTimer t;
+    t.start();
+    const int rc = QProcess::execute(QStringLiteral("curl"),
+                                     { QStringLiteral("-s"), QStringLiteral("--noproxy"), QStringLiteral("*"),
+                                       QStringLiteral("-o"), target, QStringLiteral("http://127.0.0.1/big.bin") });
+    const double seconds = t.nsecsElapsed() / 1e9;
+    if (rc != 0 || QFileInfo(target).size() != kSize)
+        std::printf("!! curl failed (rc %d)\n", rc);
+    QFile::remove(target);
+    return seconds;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QLoggingCategory::setFilterRules(QStringLiteral("qv.softwareupdate.*=false"));
+
+    QThread serverThread;
+    BulkServer *server = new BulkServer;
+    server->moveToThread(&serverThread);
+    serverThread.start();
+    bool listening = false;
+    QMetaObject::invokeMethod(server, [server, &listening] {
+        listening = server->listen(QHostAddress::LocalHost, 80);
+    }, Qt::BlockingQueuedConnection);
+    if (!listening) {
+        std::printf("download bench skipped: cannot listen on 127.0.0.1:80\n");
+        serverThread.quit();
+        serverThread.wait();
+        return 0;
+    }
+
+    QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/download-bench-XXXXXX"));
+    const QString target = dir.filePath(QStringLiteral("body.bin"));
+    double ours = 1e300, curl = 1e300;
+    qint64 growth = 0;
+    for (int round = 0; round < 3; ++round) {
+        qint64 g = 0;
+        ours = qMin(ours, oursSeconds(target, &g));
+        growth = qMax(growth, g);
+        curl = qMin(curl, curlSeconds(target));
+    }
+    const double mib = double(kSize) / (1 << 20);
+    std::printf("== 1 GiB package download from 127.0.0.1:80 (best of 3)\n");
+    std::printf("ours %.0f MiB/s, curl %.0f MiB/s, ratio ours/curl %.2f (goal >= 0.9)\n", mib / ours,
+                mib / curl, curl / ours);
+    std::printf("peak memory growth during our download: %.1f MiB (goal < 32)\n", growth / 1024.0);
+
+    QMetaObject::invokeMethod(server, [server] { delete server; }, Qt::BlockingQueuedConnection);
+    serverThread.quit();
+    serverThread.wait();
+    return 0;
+}
