@@ -14,10 +14,13 @@
 #include <QString>
 #include <QStringList>
 
+class QDir;
 class QIODevice;
 class QSettings;
 
 namespace qv {
+
+class Unzipper;
 
 /// Catalogue queries, package downloads, unpacking and installer hand-over. The catalogue parser
 /// and the package selection rules are static members, usable without an instance.
@@ -97,6 +100,24 @@ public:
     /// Writes the history to the group "Download" and the last answer to `cacheFile`.
     void storeHistory(QSettings &settings, const QString &cacheFile);
 
+    /// Replaces the running process with the updater program, passing "-oldDir"
+    /// `installationPath`, "-newDir" `tempApplicationPath` and "-exe" `newApplication`. Returns
+    /// only when the program could not be started.
+    static void startUpdate(const QString &updateApplicationPath, const QString &installationPath,
+                            const QString &tempApplicationPath, const QString &newApplication);
+
+    /// True when the package set aside by installLater() is on disk with its announced size.
+    bool hasInstallPackage() const;
+    /// The package set aside by installLater().
+    qv::PackageInfo &installPackage() { return installPackageInfo; }
+    const qv::PackageInfo &installPackage() const { return installPackageInfo; }
+    /// The updater, target folder and application set aside by installLater() with paths.
+    QStringList installPaths() const { return { installTexts[0], installTexts[1], installTexts[2] }; }
+
+    /// The relative path of the program to start in `dir`: its largest executable file, else the
+    /// first found in its subfolders; empty when there is none.
+    QString findDefaultExecutable(const QDir &dir);
+
     // Catalogue parser.
 
     /// The packages of the catalogue on `device` (open for reading), in document order. A document
@@ -160,6 +181,20 @@ public Q_SLOTS:
     /// Fetches the page and emits releaseNotesDownloaded() with its text, or an empty text.
     void downloadReleaseNotes(const QUrl &url);
 
+    /// Unpacks the package into a new temporary folder in the background; unzippingDone() tells
+    /// where. A manager unpacks at most one package in its lifetime.
+    void unzipPackage(const QString &packageFile);
+    /// Sets a package aside for the host to install later.
+    void installLater(const qv::PackageInfo &info, bool confirmInstall);
+    void installLater(const QString &packageFile, const QString &updaterExe,
+                      const QString &targetFolder, const QString &applicationExe = QString());
+    /// Starts an installer file: a ".zip" goes to runZipInstaller(); anything else throws
+    /// qv::ExceptionQt("execl() failed").
+    void runInstaller(const QString &installerFile);
+    /// Unpacks a ZIP package, asks for the installation folder, and hands over to a shell that
+    /// copies the files there and starts the program.
+    void runZipInstaller(const QString &installerFile);
+
     /// Every package of the last accepted answer, each marked as known. `filter` is not used.
     qv::PackageInfoList recentPackages(const qv::PackageInfo &filter);
     qv::PackageInfoList recentPackages(QString type, QString name, QString release, QString status,
@@ -179,6 +214,7 @@ Q_SIGNALS:
     void downloadFailure(int httpStatusCode);
     void downloadAborted();
     void releaseNotesDownloaded(QUrl url, QString text);
+    void unzippingDone(QString folder);
 
 private Q_SLOTS:
     void queryResult(RequestPtr resp);
@@ -186,6 +222,8 @@ private Q_SLOTS:
     void downloadStarting(RequestPtr request);
     void downloadResult(RequestPtr request);
     void releaseNotesResult(RequestPtr request);
+    void unzippingFinished(const QString &folder);
+    void unzippingFailed(const QString &message);
 
 private:
     void connectRelays();
@@ -198,6 +236,9 @@ private:
     QByteArray lastAnswer;
     QHash<QString, QDateTime> history;
     QString cookie;
+    Unzipper *unzipper = nullptr;
+    PackageInfo installPackageInfo;
+    QString installTexts[3];
 };
 
 } // namespace qv

@@ -1,0 +1,245 @@
+#include "ZipReader.h"
+
+#include "Exceptions.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QMutex>
+#include <QProgressDialog>
+#include <QSet>
+
+#include <archive.h>
+#include <archive_entry.h>
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <memory>
+#include <thread>
+
+namespace qv {
+
+namespace {
+
+QMutex s_limitsMutex;
+ZipReader::Limits s_defaultLimits{ qint64(8) << 30, 100000 };
+
+struct ReadArchive
+{
+    explicit ReadArchive(const QString &file) : a(archive_read_new())
+    {
+        archive_read_support_filter_all(a);
+        archive_read_support_format_all(a);
+        if (archive_read_open_filename(a, QFile::encodeName(file).constData(), 64 * 1024) != ARCHIVE_OK) {
+            const QString why = error();
+            archive_read_free(a);
+            throw IOException(QStringLiteral("%1 is not a readable archive: %2").arg(file, why));
+        }
+    }
+    ~ReadArchive() { archive_read_free(a); }
+    QString error() const
+    {
+        const char *e = archive_error_string(a);
+        return e ? QString::fromLocal8Bit(e) : QStringLiteral("truncated or damaged data");
+    }
+    // The next header, or null at the end; a damaged archive throws.
+    archive_entry *next()
+    {
+        archive_entry *entry = nullptr;
+        const int r = archive_read_next_header(a, &entry);
+        if (r == ARCHIVE_EOF)
+            return nullptr;
+        if (r < ARCHIVE_WARN)
+            throw IOException(QStringLiteral("damaged archive: %1").arg(error()));
+        return entry;
+    }
+    archive *a;
+};
+
+QString entryName(archive_entry *entry)
+{
+    const char *raw = archive_entry_pathname(entry);
+    return raw ? QFile::decodeName(raw) : QString();
+}
+
+// True when `link`, found at `entryPath` inside the target, stays inside the target.
+bool linkStaysInside(const QByteArray &entryPath, const QByteArray &link)
+{
+    if (link.isEmpty() || link.startsWith('/'))
+        return false;
+    QList<QByteArray> parts = entryPath.split('/');
+    parts.removeLast();
+    for (const QByteArray &p : link.split('/')) {
+        if (p.isEmpty() || p == ".")
+            continue;
+        if (p == "..") {
+            if (parts.isEmpty())
+                return false;
+            parts.removeLast();
+        } else {
+            parts.append(p);
+        }
+    }
+    return true;
+}
+
+// The extraction proper. It runs on a thread of its own whose working folder is the target:
+// libarchive's secure flags accept only relative entry paths, and a thread with its own
+// filesystem context (unshare(CLONE_FS)) can change folder without touching the rest of the
+// process.
+void extractIn(const QString &archiveFile, const QSet<QString> &wanted, const QString &target,
+               bool overwrite, const ZipReader::Limits &limits, const std::atomic<bool> &canceled,
+               std::atomic<qint64> &done, QString &error)
+{
+    try {
+        if (unshare(CLONE_FS) != 0)
+            throw IOException(QStringLiteral("cannot give the extraction a working folder of its own"));
+        if (chdir(QFile::encodeName(target).constData()) != 0)
+            throw IOException(QStringLiteral("cannot enter %1").arg(target));
+
+        ReadArchive in(archiveFile);
+        std::unique_ptr<archive, int (*)(archive *)> out(archive_write_disk_new(), archive_write_free);
+        int flags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_SECURE_NODOTDOT
+                | ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
+        if (!overwrite)
+            flags |= ARCHIVE_EXTRACT_NO_OVERWRITE;
+        archive_write_disk_set_options(out.get(), flags);
+        const auto outError = [&out] {
+            const char *e = archive_error_string(out.get());
+            return e ? QString::fromLocal8Bit(e) : QStringLiteral("unknown error");
+        };
+
+        qint64 entries = 0;
+        qint64 written = 0;
+        while (archive_entry *entry = in.next()) {
+            if (canceled)
+                return;
+            const QString name = entryName(entry);
+            if (!wanted.contains(name)) {
+                archive_read_data_skip(in.a);
+                continue;
+            }
+            if (++entries > limits.maxEntries)
+                throw IOException(QStringLiteral("more than %1 entries").arg(limits.maxEntries));
+            const QByteArray path = archive_entry_pathname(entry);
+            if (const char *link = archive_entry_symlink(entry); link && !linkStaysInside(path, link))
+                throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
+            if (const char *link = archive_entry_hardlink(entry); link && !linkStaysInside(QByteArray(), link))
+                throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
+            if (archive_write_header(out.get(), entry) < ARCHIVE_WARN)
+                throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
+            const void *block = nullptr;
+            size_t size = 0;
+            la_int64_t offset = 0;
+            for (;;) {
+                const int r = archive_read_data_block(in.a, &block, &size, &offset);
+                if (r == ARCHIVE_EOF)
+                    break;
+                if (r < ARCHIVE_WARN)
+                    throw IOException(QStringLiteral("%1: %2").arg(name, in.error()));
+                written += qint64(size);
+                if (written > limits.maxTotalBytes)
+                    throw IOException(QStringLiteral("unpacks to more than %1 bytes").arg(limits.maxTotalBytes));
+                if (archive_write_data_block(out.get(), block, size, offset) < ARCHIVE_WARN)
+                    throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
+                if (canceled)
+                    return;
+            }
+            if (archive_write_finish_entry(out.get()) < ARCHIVE_WARN)
+                throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
+            ++done;
+        }
+    } catch (const IOException &e) {
+        error = e.message();
+    }
+}
+
+} // namespace
+
+ZipDevice::ZipDevice(QObject *parent) : QObject(parent) { }
+
+void ZipDevice::attachProgressDialog(QProgressDialog *dialog)
+{
+    m_progress = dialog;
+}
+
+ZipReader::Limits ZipReader::defaultLimits()
+{
+    QMutexLocker lock(&s_limitsMutex);
+    return s_defaultLimits;
+}
+
+void ZipReader::setDefaultLimits(const Limits &limits)
+{
+    QMutexLocker lock(&s_limitsMutex);
+    s_defaultLimits = limits;
+}
+
+ZipReader::ZipReader(const QString &file, QObject *parent)
+    : ZipDevice(parent), m_file(file), m_limits(defaultLimits())
+{
+}
+
+ZipReader::~ZipReader() = default;
+
+void ZipReader::open(QIODevice::OpenMode mode)
+{
+    if (mode & QIODevice::WriteOnly)
+        throw IOException(QStringLiteral("archives can only be read"));
+    ReadArchive probe(m_file);
+    m_open = true;
+}
+
+QStringList ZipReader::fileList(const QRegularExpression &pattern) const
+{
+    if (!m_open)
+        throw IOException(QStringLiteral("%1 is not open").arg(m_file));
+    ReadArchive in(m_file);
+    QStringList names;
+    const bool all = pattern.pattern().isEmpty();
+    while (archive_entry *entry = in.next()) {
+        const QString name = entryName(entry);
+        if (all || pattern.match(name).hasMatch())
+            names << name;
+        if (names.size() > m_limits.maxEntries)
+            throw IOException(QStringLiteral("more than %1 entries").arg(m_limits.maxEntries));
+        archive_read_data_skip(in.a);
+    }
+    return names;
+}
+
+void ZipReader::extractFiles(const QStringList &files, const QString &targetFolder, bool overwrite)
+{
+    if (!m_open)
+        throw IOException(QStringLiteral("%1 is not open").arg(m_file));
+    if (!QDir().mkpath(targetFolder))
+        throw IOException(QStringLiteral("cannot create %1").arg(targetFolder));
+    const QSet<QString> wanted(files.cbegin(), files.cend());
+    const QString target = QDir(targetFolder).absolutePath();
+    std::atomic<qint64> done{ 0 };
+    std::atomic<bool> finished{ false };
+    QString error;
+    std::thread worker([&] {
+        extractIn(m_file, wanted, target, overwrite, m_limits, m_canceled, done, error);
+        finished = true;
+    });
+    if (m_progress) {
+        // The caller's thread keeps its dialog alive meanwhile.
+        m_progress->setRange(0, int(qMin<qint64>(files.size(), INT_MAX)));
+        while (!finished) {
+            m_progress->setValue(int(done));
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+            if (!m_progress || m_progress->wasCanceled())
+                m_canceled = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    worker.join();
+    if (m_progress && !m_canceled)
+        m_progress->setValue(m_progress->maximum());
+    if (!error.isEmpty())
+        throw IOException(error);
+}
+
+} // namespace qv

@@ -1,0 +1,44 @@
+// Stands in for a host application in the tests of the calls that replace the running process:
+//   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>
+//   exec_helper runZipInstaller <archive> <folder to choose>
+// Exit code 3 means the call returned (the process was not replaced).
+
+#include <DownloadManager.h>
+
+#include <QApplication>
+#include <QFileDialog>
+#include <QTimer>
+
+#include <cstdio>
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    const QStringList args = QCoreApplication::arguments();
+    if (args.value(1) == u"startUpdate" && args.size() == 6) {
+        qv::DownloadManager::startUpdate(args.at(2), args.at(3), args.at(4), args.at(5));
+        return 3;
+    }
+    if (args.value(1) == u"runZipInstaller" && args.size() == 4) {
+        const QString choice = args.at(3);
+        // Answers the folder chooser with the given folder.
+        auto *answer = new QTimer(&app);
+        QObject::connect(answer, &QTimer::timeout, [choice] {
+            if (auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
+                dialog->setDirectory(choice);
+                dialog->selectFile(choice);
+                QMetaObject::invokeMethod(dialog, "accept");
+            }
+        });
+        answer->start(20);
+        qv::DownloadManager manager;
+        try {
+            manager.runZipInstaller(args.at(2));
+        } catch (...) {
+            return 4;
+        }
+        return 3;
+    }
+    std::fprintf(stderr, "usage: exec_helper startUpdate|runZipInstaller ...\n");
+    return 2;
+}

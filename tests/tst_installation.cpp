@@ -1,0 +1,343 @@
+#include <DownloadManager.h>
+#include <qv/Exceptions.h>
+#include <qv/LogQt.h>
+#include <qv/ZipReader.h>
+
+#include <QAbstractButton>
+#include <QMessageBox>
+#include <QProcess>
+#include <QProgressDialog>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+using qv::DownloadManager;
+
+namespace {
+
+const QString corpus = QStringLiteral(SUC_CORPUS_DIR);
+
+// Files that escaping entries of the hostile corpus would create.
+const QStringList escapes{ "/tmp/suc-escape-dotdot.txt", "/tmp/suc-escape-absolute.txt",
+                           "/tmp/suc-escape-link.txt", "/suc-escape-rel.txt",
+                           "/tmp/suc-escape-rel.txt" };
+
+void writeFile(const QString &path, qint64 size, bool executable)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    f.open(QIODevice::WriteOnly);
+    f.write(QByteArray(size, 'x'));
+    f.close();
+    if (executable)
+        f.setPermissions(f.permissions() | QFile::ExeOwner | QFile::ExeUser);
+}
+
+// Answers the next modal message box with Ok and keeps its text.
+class BoxAnswerer : public QObject
+{
+public:
+    QStringList texts;
+    BoxAnswerer()
+    {
+        auto *timer = new QTimer(this);
+        connect(timer, &QTimer::timeout, this, [this] {
+            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+                texts << box->windowTitle() + " | " + box->text();
+                box->button(QMessageBox::Ok)->click();
+            }
+        });
+        timer->start(10);
+    }
+};
+
+QStringList filesBelow(const QString &dir)
+{
+    QStringList out;
+    QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System | QDir::Hidden,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        out << QDir(dir).relativeFilePath(it.next());
+    out.sort();
+    return out;
+}
+
+} // namespace
+
+class TestInstallation : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(QFile::exists(corpus + "/good.zip"), "run the corpus fixture first");
+        for (const QString &e : escapes)
+            QFile::remove(e);
+        qv::ZipReader::setDefaultLimits({ 64 << 20, 1000 });
+    }
+
+    void unpacksAndRemovesTheArchive()
+    {
+        QTemporaryDir dir;
+        const QString archive = dir.filePath("package.zip");
+        QVERIFY(QFile::copy(corpus + "/good.zip", archive));
+        DownloadManager manager;
+        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
+        manager.unzipPackage(archive);
+        QVERIFY(done.wait(10000));
+        const QString folder = done.first().first().toString();
+        QCOMPARE(filesBelow(folder), QStringList({ "bin", "bin/app", "share", "share/readme.txt" }));
+        QVERIFY(QFileInfo(folder + "/bin/app").isExecutable());
+        QVERIFY(!QFile::exists(archive));
+        QCOMPARE(manager.findDefaultExecutable(QDir(folder)), QString("bin/app"));
+        QDir(folder).removeRecursively();
+    }
+
+    void oneUnpackingPerManager()
+    {
+        QTemporaryDir dir;
+        QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("a.zip")));
+        QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("b.zip")));
+        DownloadManager manager;
+        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
+        qv::LogQt::setLevel(qv::Log::Debug);
+        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("DownloadManager::installPackage\\(\\) -> trying to extract .*a.zip to "));
+        manager.unzipPackage(dir.filePath("a.zip"));
+        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("DownloadManager::installPackage\\(\\) -> trying to extract .*b.zip to "));
+        manager.unzipPackage(dir.filePath("b.zip"));
+        qv::LogQt::setLevel(qv::Log::Warning);
+        QVERIFY(done.wait(10000));
+        QTest::qWait(200);
+        QCOMPARE(done.count(), 1);
+        QVERIFY(QFile::exists(dir.filePath("b.zip")));
+        QDir(done.first().first().toString()).removeRecursively();
+    }
+
+    void hostileArchivesAreRefusedOrContained_data()
+    {
+        QTest::addColumn<QString>("archive");
+        QTest::addColumn<QString>("failure"); // empty: unpacks, contained
+        QTest::newRow("dot-dot entry") << "dotdot.zip" << "Path contains '..'";
+        QTest::newRow("absolute path") << "absolute.zip" << "Path is absolute";
+        QTest::newRow("write through a link") << "symlink-through.zip" << "links outside the target";
+        QTest::newRow("link out of the target") << "symlink-outside.zip" << "links outside the target";
+        QTest::newRow("relative link out") << "symlink-relative.zip" << "links outside the target";
+        QTest::newRow("decompression bomb") << "bomb.zip" << "unpacks to more than 67108864 bytes";
+        QTest::newRow("too many entries") << "many-entries.zip" << "more than 1000 entries";
+        QTest::newRow("duplicate names: the first stays") << "duplicate.zip" << "";
+        QTest::newRow("truncated") << "truncated.zip" << "damaged archive";
+        QTest::newRow("corrupt") << "corrupt.zip" << "";
+        QTest::newRow("name not UTF-8") << "not-utf8.zip" << "";
+    }
+    void hostileArchivesAreRefusedOrContained()
+    {
+        QFETCH(QString, archive);
+        QFETCH(QString, failure);
+        QTemporaryDir dir;
+        const QString copy = dir.filePath(archive);
+        QVERIFY(QFile::copy(corpus + "/" + archive, copy));
+        DownloadManager manager;
+        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
+        BoxAnswerer answerer;
+        manager.unzipPackage(copy);
+        QTRY_VERIFY_WITH_TIMEOUT(done.count() + answerer.texts.size() > 0, 20000);
+        for (const QString &e : escapes)
+            QVERIFY2(!QFile::exists(e), qPrintable(e + " was written"));
+        if (!failure.isEmpty()) {
+            QCOMPARE(done.count(), 0);
+            QVERIFY2(answerer.texts.first().contains("Downloaded file could not be unpacked:<br>"), qPrintable(answerer.texts.first()));
+            QVERIFY2(answerer.texts.first().contains(failure), qPrintable(answerer.texts.first()));
+            QVERIFY(QFile::exists(copy)); // the archive stays after a failure
+        } else if (done.count()) {
+            const QString folder = done.first().first().toString();
+            for (const QString &f : filesBelow(folder))
+                QVERIFY(!QFileInfo(folder + "/" + f).isSymLink());
+            if (archive == "duplicate.zip") {
+                QFile same(folder + "/same.txt");
+                QVERIFY(same.open(QIODevice::ReadOnly));
+                QCOMPARE(same.readAll(), QByteArray("first"));
+            }
+            QDir(folder).removeRecursively();
+        }
+    }
+
+    void readerProgressAndCancel()
+    {
+        QTemporaryDir dir;
+        qv::ZipReader reader(corpus + "/many-entries.zip");
+        reader.setLimits({ 1 << 30, 100000 });
+        reader.open(QIODevice::ReadOnly);
+        const QStringList names = reader.fileList(QRegularExpression("^e/0000"));
+        QCOMPARE(names.size(), 10);
+        QCOMPARE(reader.fileList().size(), 5000);
+        QProgressDialog progress;
+        progress.setMinimumDuration(0);
+        reader.attachProgressDialog(&progress);
+        QTimer::singleShot(0, &progress, &QProgressDialog::cancel);
+        reader.extractFiles(reader.fileList(), dir.path(), false);
+        QVERIFY(reader.wasCanceled());
+        QVERIFY(filesBelow(dir.path()).size() < 5001);
+
+        qv::ZipReader broken(dir.filePath("missing.zip"));
+        QVERIFY_THROWS_EXCEPTION(qv::IOException, broken.open(QIODevice::ReadOnly));
+        QVERIFY_THROWS_EXCEPTION(qv::IOException, broken.fileList());
+    }
+
+    void defaultExecutable_data()
+    {
+        QTest::addColumn<QStringList>("files"); // "name:size:x" with x for executable
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("program in bin") << QStringList{ "readme.txt:10:", "bin/viewer:100:x" } << "bin/viewer";
+        QTest::newRow("larger program wins") << QStringList{ "small:10:x", "large:500:x", "bin/other:900:x" } << "large";
+        QTest::newRow("no program") << QStringList{ "readme.txt:10:", "lib/data:5:" } << "";
+        QTest::newRow("empty folder") << QStringList{} << "";
+    }
+    void defaultExecutable()
+    {
+        QFETCH(QStringList, files);
+        QTemporaryDir dir;
+        for (const QString &spec : files) {
+            const QStringList parts = spec.split(':');
+            writeFile(dir.filePath(parts.at(0)), parts.at(1).toLongLong(), parts.at(2) == "x");
+        }
+        DownloadManager manager;
+        QTEST(manager.findDefaultExecutable(QDir(dir.path())), "expected");
+    }
+
+    void pendingInstallation_data()
+    {
+        QTest::addColumn<qint64>("onDisk"); // -1: no file
+        QTest::addColumn<bool>("ready");
+        QTest::newRow("announced size") << qint64(1000) << true;
+        QTest::newRow("one byte short") << qint64(999) << false;
+        QTest::newRow("one byte long") << qint64(1001) << false;
+        QTest::newRow("missing") << qint64(-1) << false;
+    }
+    void pendingInstallation()
+    {
+        QFETCH(qint64, onDisk);
+        QTemporaryDir dir;
+        const QString file = dir.filePath("pkg.zip");
+        if (onDisk >= 0)
+            writeFile(file, onDisk, false);
+        DownloadManager manager;
+        QVERIFY(!manager.hasInstallPackage());
+        qv::PackageInfo info;
+        info.name = "Viewer";
+        info.fileSize = 1000;
+        info.localFile = file;
+        manager.installLater(info, true);
+        QTEST(manager.hasInstallPackage(), "ready");
+        QVERIFY(manager.installPackage().spareFlag);
+        QCOMPARE(manager.installPackage().name, QString("Viewer"));
+        manager.installLater(dir.filePath("other.zip"), "/opt/UpdateInstaller", "/opt/viewer");
+        QCOMPARE(manager.installPackage().localFile, dir.filePath("other.zip"));
+        QCOMPARE(manager.installPaths(), QStringList({ "/opt/UpdateInstaller", "/opt/viewer", "" }));
+        QVERIFY(!manager.hasInstallPackage());
+    }
+
+    void runInstallerStartsOnlyZip_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("upper-case ZIP") << "/tmp/package.ZIP";
+        QTest::newRow("exe") << "/tmp/setup.exe";
+        QTest::newRow("tar.gz") << "/tmp/p.tar.gz";
+    }
+    void runInstallerStartsOnlyZip()
+    {
+        QFETCH(QString, file);
+        DownloadManager manager;
+        try {
+            manager.runInstaller(file);
+            QFAIL("no exception");
+        } catch (const qv::ExceptionQt &e) {
+            QCOMPARE(e.message(), QString("execl() failed"));
+        }
+    }
+
+    // The process-replacing calls run in a helper process against fake programs that record
+    // the argument vector they receive.
+    void startUpdatePassesItsArguments_data()
+    {
+        QTest::addColumn<QString>("oldDir");
+        QTest::addColumn<QString>("exe");
+        QTest::newRow("plain") << "/opt/viewer" << "Viewer";
+        QTest::newRow("non-ASCII and spaces") << "/opt/Kamera Prüfung/ä" << "Ansicht ü";
+    }
+    void startUpdatePassesItsArguments()
+    {
+        QFETCH(QString, oldDir);
+        QFETCH(QString, exe);
+        QTemporaryDir dir;
+        const QString recorder = dir.filePath("Update Installer ö");
+        const QString argvFile = dir.filePath("argv.txt");
+        writeRecorder(recorder, argvFile);
+        QProcess helper;
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "startUpdate", recorder, oldDir, "/tmp/new ß", exe });
+        QVERIFY(helper.waitForFinished(20000));
+        QCOMPARE(helper.exitCode(), 0); // the recorder replaced the helper
+        QCOMPARE(readArgv(argvFile), QStringList({ recorder, "-oldDir", oldDir, "-newDir", "/tmp/new ß", "-exe", exe }));
+    }
+
+    void startUpdateReturnsWhenTheUpdaterIsMissing()
+    {
+        QProcess helper;
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "startUpdate", "/nonexistent/UpdateInstaller", "/a", "/b", "c" });
+        QVERIFY(helper.waitForFinished(20000));
+        QCOMPARE(helper.exitCode(), 3);
+    }
+
+    void zipInstallerHandsOverToTheShell()
+    {
+        QTemporaryDir dir;
+        const QString chosen = dir.filePath("install here");
+        QDir().mkpath(chosen);
+        const QString argvFile = dir.filePath("argv.txt");
+        // execl("sh", ...) does not search the PATH: it runs ./sh from the working folder.
+        writeRecorder(dir.filePath("sh"), argvFile);
+        QProcess helper;
+        helper.setWorkingDirectory(dir.path());
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        env.insert("TMPDIR", dir.path());
+        helper.setProcessEnvironment(env);
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", corpus + "/good.zip", chosen });
+        QVERIFY(helper.waitForFinished(30000));
+        QCOMPARE(helper.exitCode(), 0);
+        const QStringList argv = readArgv(argvFile);
+        QCOMPARE(argv.size(), 10);
+        QCOMPARE(argv.at(0), QString("sh"));
+        QCOMPARE(argv.mid(1, 2), QStringList({ "cp", "-fr" }));
+        QVERIFY(argv.at(3).startsWith(dir.path() + "/softwareupdate-"));
+        // The chosen folder travels as 16-bit character data: an ASCII path reads as its first
+        // character.
+        QCOMPARE(argv.at(4), QString("/"));
+        QCOMPARE(argv.mid(5, 2), QStringList({ "&&rm", "-fr" }));
+        QCOMPARE(argv.at(7), argv.at(3));
+        QCOMPARE(argv.at(8), QString("&&"));
+        QCOMPARE(argv.at(9), chosen + "/bin/app");
+        QCOMPARE(filesBelow(argv.at(3)), QStringList({ "bin", "bin/app", "share", "share/readme.txt" }));
+    }
+
+private:
+    static void writeRecorder(const QString &path, const QString &argvFile)
+    {
+        QFile f(path);
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + argvFile.toUtf8() + "'\n");
+        f.close();
+        f.setPermissions(f.permissions() | QFile::ExeOwner | QFile::ExeUser);
+    }
+    static QStringList readArgv(const QString &file)
+    {
+        QFile f(file);
+        if (!f.open(QIODevice::ReadOnly))
+            return {};
+        return QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
+    }
+};
+
+QTEST_MAIN(TestInstallation)
+#include "tst_installation.moc"

@@ -1,0 +1,212 @@
+#include <QProcess>
+#include <QStorageInfo>
+#include <QTemporaryDir>
+#include <QtTest>
+
+// Runs the UpdateInstaller program on application folders made here. Each fake application's
+// program appends its version to a marker file when it starts.
+class TestUpdateInstaller : public QObject
+{
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QString m_marker;
+
+    static void makeApp(const QString &folder, const QString &version, bool executable = true)
+    {
+        QDir().mkpath(folder + "/lib");
+        QFile v(folder + "/version.txt");
+        v.open(QIODevice::WriteOnly);
+        v.write(version.toUtf8());
+        v.close();
+        QFile data(folder + "/lib/data.bin");
+        data.open(QIODevice::WriteOnly);
+        data.write(QByteArray(4096, version.at(1).toLatin1()));
+        data.close();
+        QFile app(folder + "/app");
+        app.open(QIODevice::WriteOnly);
+        app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n");
+        app.close();
+        if (executable)
+            app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
+    }
+
+    // The version of a complete application folder, or empty when it is missing or incomplete.
+    static QString completeVersion(const QString &folder)
+    {
+        QFile v(folder + "/version.txt");
+        QFile data(folder + "/lib/data.bin");
+        if (!v.open(QIODevice::ReadOnly) || !data.open(QIODevice::ReadOnly) || !QFileInfo(folder + "/app").isExecutable())
+            return QString();
+        const QString version = QString::fromUtf8(v.readAll());
+        return data.readAll() == QByteArray(4096, version.at(1).toLatin1()) ? version : QString();
+    }
+
+    int runInstaller(const QStringList &args, const QByteArray &stopAfter = QByteArray())
+    {
+        QProcess p;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("SUC_MARKER", m_marker);
+        env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
+        if (!stopAfter.isEmpty())
+            env.insert("UPDATEINSTALLER_STOP_AFTER", QString::fromLatin1(stopAfter));
+        p.setProcessEnvironment(env);
+        p.start(QStringLiteral(SUC_UPDATE_INSTALLER), args);
+        if (!p.waitForFinished(30000))
+            return -100;
+        return p.exitStatus() == QProcess::CrashExit ? -1 : p.exitCode();
+    }
+
+    QStringList started()
+    {
+        QFile f(m_marker);
+        if (!f.open(QIODevice::ReadOnly))
+            return {};
+        return QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
+    }
+
+    QString log()
+    {
+        QFile f(m_dir.filePath("UpdateInstaller.log"));
+        f.open(QIODevice::ReadOnly);
+        return QString::fromUtf8(f.readAll());
+    }
+
+    // A folder on another file system than the application, when the machine has one.
+    static QString otherFileSystem(const QString &near)
+    {
+        const QStorageInfo here(near);
+        for (const QString &candidate : { QStringLiteral("/dev/shm"), QStringLiteral("/run") }) {
+            const QStorageInfo there(candidate);
+            if (there.isValid() && there.device() != here.device() && QFileInfo(candidate).isWritable())
+                return candidate;
+        }
+        return QString();
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        QVERIFY(m_dir.isValid());
+        QDir(m_dir.path()).removeRecursively();
+        QDir().mkpath(m_dir.path());
+        m_marker = m_dir.filePath("started.txt");
+    }
+
+    void swapsAndStartsTheNewVersion_data()
+    {
+        QTest::addColumn<bool>("acrossFileSystems");
+        QTest::newRow("same file system") << false;
+        QTest::newRow("across file systems") << true;
+    }
+    void swapsAndStartsTheNewVersion()
+    {
+        QFETCH(bool, acrossFileSystems);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        QString newDir = m_dir.filePath("unpacked");
+        QScopedPointer<QTemporaryDir> other;
+        if (acrossFileSystems) {
+            const QString base = otherFileSystem(m_dir.path());
+            if (base.isEmpty())
+                QSKIP("no second file system here");
+            other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
+            newDir = other->filePath("unpacked");
+        }
+        makeApp(newDir, "v2");
+        QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", newDir, "-exe", "app" }), 0);
+        QCOMPARE(completeVersion(app), QString("v2"));
+        QTRY_COMPARE(started(), QStringList{ "v2" });
+        QVERIFY(!QFileInfo::exists(app + ".update-backup"));
+        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
+        QVERIFY(!QFileInfo::exists(app + ".update-incoming"));
+        QVERIFY(!QFileInfo::exists(newDir));
+        QVERIFY(log().contains("step done: cleanup"));
+    }
+
+    void refusesAndRestartsTheOldVersion_data()
+    {
+        QTest::addColumn<QString>("newDir"); // "@" is replaced by the test folder
+        QTest::addColumn<QString>("exe");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("empty new folder") << "" << "app" << "-newDir is empty";
+        QTest::newRow("missing new folder") << "@/nothing" << "app" << "does not exist";
+        QTest::newRow("same folder") << "@/Viewer" << "app" << "are the same";
+        QTest::newRow("program missing in new folder") << "@/unpacked" << "viewer" << "has no program viewer";
+    }
+    void refusesAndRestartsTheOldVersion()
+    {
+        QFETCH(QString, newDir);
+        QFETCH(QString, exe);
+        QFETCH(QString, message);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2");
+        newDir.replace("@", m_dir.path());
+        if (exe == "viewer")
+            makeApp(app + "/../Viewer", "v1"); // the old program is "app"; restart it by that name
+        QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", newDir, "-exe", exe }), 1);
+        QCOMPARE(completeVersion(app), QString("v1"));
+        QVERIFY2(log().contains(message), qPrintable(log()));
+        if (exe == "app")
+            QTRY_COMPARE(started(), QStringList{ "v1" });
+        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
+    }
+
+    void newProgramThatCannotStartRollsBack()
+    {
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2", false);
+        QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app" }), 1);
+        QCOMPARE(completeVersion(app), QString("v1"));
+        QTRY_COMPARE(started(), QStringList{ "v1" });
+        QVERIFY(QFileInfo::exists(m_dir.filePath("unpacked/version.txt"))); // the new version is kept
+        QVERIFY(!QFileInfo::exists(app + ".update-backup"));
+    }
+
+    // Killed right after each step, the installer leaves one complete application, and a second
+    // run finishes the job.
+    void interruptedRunsComplete_data()
+    {
+        QTest::addColumn<QByteArray>("step");
+        QTest::addColumn<bool>("acrossFileSystems");
+        for (const char *step : { "journal", "backup", "move", "start" })
+            QTest::newRow(step) << QByteArray(step) << false;
+        QTest::newRow("copy (across file systems)") << QByteArray("copy") << true;
+        QTest::newRow("move (across file systems)") << QByteArray("move") << true;
+    }
+    void interruptedRunsComplete()
+    {
+        QFETCH(QByteArray, step);
+        QFETCH(bool, acrossFileSystems);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        QString newDir = m_dir.filePath("unpacked");
+        QScopedPointer<QTemporaryDir> other;
+        if (acrossFileSystems) {
+            const QString base = otherFileSystem(m_dir.path());
+            if (base.isEmpty())
+                QSKIP("no second file system here");
+            other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
+            newDir = other->filePath("unpacked");
+        }
+        makeApp(newDir, "v2");
+        const QStringList args{ "-oldDir", app, "-newDir", newDir, "-exe", "app" };
+        QCOMPARE(runInstaller(args, step), -1); // killed
+        const QString inPlace = completeVersion(app);
+        const QString backup = completeVersion(app + ".update-backup");
+        QVERIFY2(!inPlace.isEmpty() || backup == "v1", qPrintable(QString("in place '%1', backup '%2'").arg(inPlace, backup)));
+
+        QCOMPARE(runInstaller(args), 0);
+        QCOMPARE(completeVersion(app), QString("v2"));
+        QVERIFY(!QFileInfo::exists(app + ".update-backup"));
+        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
+        QVERIFY(!QFileInfo::exists(app + ".update-incoming"));
+        QTRY_VERIFY(started().contains("v2"));
+        QCOMPARE(started().count("v2"), 1); // started once, not again by the second run
+    }
+};
+
+QTEST_GUILESS_MAIN(TestUpdateInstaller)
+#include "tst_updateinstaller.moc"

@@ -1,0 +1,60 @@
+// UpdateInstaller -oldDir <application folder> -newDir <unpacked new version> -exe <program>
+//
+// Replaces the application folder with the new version and starts the program; see FolderSwap.
+// Every step is written to UpdateInstaller.log beside this program (or to the file named by
+// UPDATEINSTALLER_LOG).
+
+#include "FolderSwap.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QProcess>
+
+#include <csignal>
+#include <cstdio>
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    FolderSwap::Options options;
+    const QStringList args = QCoreApplication::arguments();
+    for (qsizetype i = 1; i + 1 < args.size(); ++i) {
+        if (args.at(i) == u"-oldDir")
+            options.oldDir = args.at(++i);
+        else if (args.at(i) == u"-newDir")
+            options.newDir = args.at(++i);
+        else if (args.at(i) == u"-exe")
+            options.exe = args.at(++i);
+    }
+
+    QString logPath = qEnvironmentVariable("UPDATEINSTALLER_LOG");
+    if (logPath.isEmpty())
+        logPath = QCoreApplication::applicationDirPath() + QStringLiteral("/UpdateInstaller.log");
+    QFile logFile(logPath);
+    if (!logFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text))
+        logFile.open(stderr, QIODevice::WriteOnly | QIODevice::Text);
+    QTextStream log(&logFile);
+
+    if (options.oldDir.isEmpty()) {
+        std::fprintf(stderr, "usage: UpdateInstaller -oldDir <folder> -newDir <folder> -exe <program>\n");
+        log << "refused: no application folder (-oldDir) given" << Qt::endl;
+        return 2;
+    }
+
+    // A test hook: UPDATEINSTALLER_STOP_AFTER=<step> kills the process right after that step.
+    const QByteArray stopAfter = qgetenv("UPDATEINSTALLER_STOP_AFTER");
+    const auto hook = [&stopAfter, &log](const char *step) {
+        if (!stopAfter.isEmpty() && stopAfter == step) {
+            log.flush();
+            std::raise(SIGKILL);
+        }
+    };
+    const auto starter = [](const QString &program, const QString &folder) {
+        return QProcess::startDetached(program, {}, folder);
+    };
+    FolderSwap swap(options, log, starter, hook);
+    const int result = swap.run();
+    if (result != 0)
+        std::fprintf(stderr, "UpdateInstaller: the update was not installed; see %s\n", qPrintable(logPath));
+    return result;
+}
