@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
-# in the same run.  bench/run.sh [catalogue|download]
+# in the same run.  bench/run.sh [catalogue|download|unzip]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
@@ -12,4 +12,7 @@ if [ "$what" = all ] || [ "$what" = catalogue ]; then
 fi
 if [ "$what" = all ] || [ "$what" = download ]; then
   "$build/bench/download_bench"
+fi
+if [ "$what" = all ] || [ "$what" = unzip ]; then
+  "$build/bench/unzip_bench"
 fi
