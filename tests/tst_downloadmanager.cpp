@@ -418,6 +418,19 @@ private Q_SLOTS:
         QVERIFY(!manager.isQueryBusy());
     }
 
+    void deadServerFailsTheDownload()
+    {
+        TestHttpServer server;
+        bindPort80(server);
+        server.close(); // port 80 refuses connections now
+        QTemporaryDir dir;
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 10), dir.filePath("x.zip"));
+        QVERIFY(failedStatus.wait(10000));
+        QCOMPARE(failedStatus.first().first().toInt(), 0);
+    }
+
     void unsizedPackageReportsNothing()
     {
         TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok("abc"); });

@@ -198,8 +198,8 @@ private Q_SLOTS:
     {
         QFETCH(QStringList, files);
         QTemporaryDir dir;
-        for (const QString &spec : files) {
-            const QStringList parts = spec.split(':');
+        for (const QString &file : files) {
+            const QStringList parts = file.split(':');
             writeFile(dir.filePath(parts.at(0)), parts.at(1).toLongLong(), parts.at(2) == "x");
         }
         DownloadManager manager;
@@ -319,6 +319,31 @@ private Q_SLOTS:
         QCOMPARE(argv.at(8), QString("&&"));
         QCOMPARE(argv.at(9), chosen + "/bin/app");
         QCOMPARE(filesBelow(argv.at(3)), QStringList({ "bin", "bin/app", "share", "share/readme.txt" }));
+    }
+
+    void zipInstallerReportsAndRethrowsArchiveErrors_data()
+    {
+        QTest::addColumn<QString>("archive");
+        QTest::newRow("dot-dot entry") << "dotdot.zip";
+        QTest::newRow("truncated") << "truncated.zip";
+        QTest::newRow("not an archive") << "missing.zip";
+    }
+    void zipInstallerReportsAndRethrowsArchiveErrors()
+    {
+        QFETCH(QString, archive);
+        QTemporaryDir dir;
+        QProcess helper;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        env.insert("TMPDIR", dir.path());
+        helper.setProcessEnvironment(env);
+        helper.setWorkingDirectory(dir.path());
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", corpus + "/" + archive, dir.path() });
+        QVERIFY(helper.waitForFinished(30000));
+        QCOMPARE(helper.exitCode(), 4);
+        QVERIFY(helper.readAllStandardOutput().contains("box: Unpacking failed | "));
+        for (const QString &e : escapes)
+            QVERIFY(!QFile::exists(e));
     }
 
 private:

@@ -1,12 +1,16 @@
 // Stands in for a host application in the tests of the calls that replace the running process:
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>
 //   exec_helper runZipInstaller <archive> <folder to choose>
-// Exit code 3 means the call returned (the process was not replaced).
+// Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
+// rethrew an archive error.
 
 #include <DownloadManager.h>
+#include <qv/Exceptions.h>
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QFileDialog>
+#include <QMessageBox>
 #include <QTimer>
 
 #include <cstdio>
@@ -21,10 +25,15 @@ int main(int argc, char **argv)
     }
     if (args.value(1) == u"runZipInstaller" && args.size() == 4) {
         const QString choice = args.at(3);
-        // Answers the folder chooser with the given folder.
+        // Answers the folder chooser with the given folder, and a message box with Ok after
+        // printing its title and text.
         auto *answer = new QTimer(&app);
         QObject::connect(answer, &QTimer::timeout, [choice] {
-            if (auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
+            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+                std::printf("box: %s | %s\n", qPrintable(box->windowTitle()), qPrintable(box->text()));
+                std::fflush(stdout);
+                box->button(QMessageBox::Ok)->click();
+            } else if (auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
                 dialog->setDirectory(choice);
                 dialog->selectFile(choice);
                 QMetaObject::invokeMethod(dialog, "accept");
@@ -34,7 +43,7 @@ int main(int argc, char **argv)
         qv::DownloadManager manager;
         try {
             manager.runZipInstaller(args.at(2));
-        } catch (...) {
+        } catch (const qv::IOException &) {
             return 4;
         }
         return 3;
