@@ -196,19 +196,6 @@ private Q_SLOTS:
         }
     }
 
-    void translatedUrlCount()
-    {
-        QFile f(QFINDTESTDATA("data/inheritance.xml"));
-        QVERIFY(f.open(QIODevice::ReadOnly));
-        QDomDocument doc;
-        QVERIFY(doc.setContent(&f));
-        const QDomElement second = doc.documentElement().firstChildElement("package-set")
-                                           .firstChildElement("package").nextSiblingElement("package");
-        UrlMap map;
-        QCOMPARE(DownloadManager::findAllTranslatedUrls(second, "release-notes", map), 3);
-        QCOMPARE(DownloadManager::startSearchAt(second).nodeName(), QString("file"));
-        QCOMPARE(DownloadManager::startSearchAt(doc.documentElement()).nodeName(), QString("softwareList"));
-    }
 
     void fileSizes_data()
     {
@@ -517,15 +504,6 @@ private Q_SLOTS:
         QCOMPARE(best.first().fileSize, 0);
     }
 
-    void countNewCountsUnmarked()
-    {
-        PackageInfo known;
-        known.flags = PackageInfo::PackageKnown | 2;
-        PackageInfo fresh;
-        fresh.flags = 2;
-        QCOMPARE(DownloadManager::countNew({ known, fresh, PackageInfo() }), 2);
-        QCOMPARE(DownloadManager::countNew({}), 0);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestCatalogue)

@@ -286,16 +286,6 @@ private Q_SLOTS:
         QCOMPARE(proxy.password(), address.isEmpty() ? QString() : QString("secret"));
     }
 
-    void releaseStatusWord()
-    {
-        QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        QCOMPARE(client->transformReleaseStatus(false), QString("STABLE"));
-        QVERIFY(client->transformReleaseStatus(true).isEmpty());
-        QVERIFY(!client->transformReleaseStatus(true).isNull());
-        client->setWindowFlags(Qt::Tool);
-        QCOMPARE(client->windowFlags(), Qt::WindowFlags(Qt::Tool));
-        QCOMPARE(client->parent(), nullptr);
-    }
 };
 
 QTEST_MAIN(TestClientSettings)

@@ -298,13 +298,7 @@ private Q_SLOTS:
         // execl("sh", ...) does not search the PATH: it runs ./sh from the working folder.
         writeRecorder(dir.filePath("sh"), argvFile);
         QProcess helper;
-        helper.setWorkingDirectory(dir.path());
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        env.insert("TMPDIR", dir.path());
-        helper.setProcessEnvironment(env);
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", corpus + "/good.zip", chosen });
-        QVERIFY(helper.waitForFinished(30000));
+        runZipInstallerHelper(helper, dir.path(), corpus + "/good.zip", chosen);
         QCOMPARE(helper.exitCode(), 0);
         const QStringList argv = readArgv(argvFile);
         QCOMPARE(argv.size(), 10);
@@ -333,13 +327,7 @@ private Q_SLOTS:
         QFETCH(QString, archive);
         QTemporaryDir dir;
         QProcess helper;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        env.insert("TMPDIR", dir.path());
-        helper.setProcessEnvironment(env);
-        helper.setWorkingDirectory(dir.path());
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", corpus + "/" + archive, dir.path() });
-        QVERIFY(helper.waitForFinished(30000));
+        runZipInstallerHelper(helper, dir.path(), corpus + "/" + archive, dir.path());
         QCOMPARE(helper.exitCode(), 4);
         QVERIFY(helper.readAllStandardOutput().contains("box: Unpacking failed | "));
         for (const QString &e : escapes)
@@ -347,6 +335,20 @@ private Q_SLOTS:
     }
 
 private:
+    // Runs runZipInstaller in the helper, in `folder` (its working and temporary folder),
+    // answering the folder chooser with `choice`.
+    static void runZipInstallerHelper(QProcess &helper, const QString &folder, const QString &archive,
+                                      const QString &choice)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("QT_QPA_PLATFORM", "offscreen");
+        env.insert("TMPDIR", folder);
+        helper.setProcessEnvironment(env);
+        helper.setWorkingDirectory(folder);
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", archive, choice });
+        QVERIFY(helper.waitForFinished(30000));
+    }
+
     static void writeRecorder(const QString &path, const QString &argvFile)
     {
         QFile f(path);

@@ -9,21 +9,6 @@ class TestPackageInfo : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void fullConstructorMirrorsPublicFields()
-    {
-        const QDateTime when(QDate(2011, 4, 5), QTime(10, 30));
-        const PackageInfo p("Application", "Viewer", "2.1", "BETA", when, { "linux" }, { "de" },
-                            "zip", "note");
-        QCOMPARE(p.publicName, QString("Viewer"));
-        QCOMPARE(p.publicRelease, QString("2.1"));
-        QCOMPARE(p.fileSize, 0);
-        QVERIFY(p.url.isEmpty());
-        QVERIFY(p.releaseNotes.isEmpty());
-        QCOMPARE(p.flags, 0);
-        QVERIFY(!p.spareFlag);
-        QCOMPARE(p.suffix, QString("zip"));
-        QCOMPARE(p.comment, QString("note"));
-    }
 
     void identity_data()
     {
@@ -170,42 +155,8 @@ private Q_SLOTS:
         QVERIFY(PackageInfo::compareRelease("BETA", "STABLE") > 0);
     }
 
-    void installable_data()
-    {
-        QTest::addColumn<QString>("suffix");
-        QTest::addColumn<bool>("installable");
-        QTest::newRow("ZIP") << "ZIP" << true;
-        QTest::newRow("Rpm") << "Rpm" << true;
-        QTest::newRow("zip") << "zip" << true;
-        QTest::newRow("tar.gz") << "tar.gz" << false;
-        QTest::newRow("msi") << "msi" << false;
-        QTest::newRow("empty") << "" << false;
-    }
-    void installable()
-    {
-        QFETCH(QString, suffix);
-        PackageInfo p;
-        p.suffix = suffix;
-        QTEST(p.isInstallable(), "installable");
-        QTEST(PackageInfo::isInstallable(suffix), "installable");
-    }
 
-    void matchesPackageIsAlwaysTrue()
-    {
-        const PackageInfo p;
-        QVERIFY(p.matchesPackage("", "x"));
-        QVERIFY(p.matchesPackage("abc", "zzz"));
-        QVERIFY(p.matchesPackage("", ""));
-    }
 
-    void fileNameFromUrl()
-    {
-        PackageInfo p;
-        p.url = QUrl("http://h/dl/2.1/setup%20x.msi?token=1");
-        QCOMPARE(p.fileName(), QString("setup x.msi"));
-        p.url = QUrl("http://h/dl/");
-        QCOMPARE(p.fileName(), QString());
-    }
 
     void valueLists()
     {

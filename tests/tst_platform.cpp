@@ -1,4 +1,3 @@
-#include <qv/Exceptions.h>
 #include <qv/LogQt.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
@@ -86,12 +85,6 @@ private Q_SLOTS:
         QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
     }
 
-    void applicationVersion()
-    {
-        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion(" 2.1.3 ", "?", 0), QString("2.1.3"));
-        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion("", "?", 0), QString("?"));
-        QCOMPARE(qv::QuorvelSoftwareVersion::applicationVersion("beta", "?", 0), QString("?"));
-    }
 
     void splitWords_data()
     {
@@ -232,15 +225,6 @@ private Q_SLOTS:
             QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(), qPrintable(line));
     }
 
-    void exceptionsCarryMessage()
-    {
-        try {
-            throw qv::ParseException(QStringLiteral("bad <tag> ä"));
-        } catch (const qv::ExceptionQt &e) {
-            QCOMPARE(e.message(), QString("bad <tag> ä"));
-            QCOMPARE(QString::fromUtf8(e.what()), QString("bad <tag> ä"));
-        }
-    }
 
     void invokeQueued_data()
     {
@@ -265,13 +249,6 @@ private Q_SLOTS:
         QCOMPARE(r.calls, found ? QStringList{ text } : QStringList{});
     }
 
-    void dialogFlags()
-    {
-        QCOMPARE(qv::dialogFlags(false) & Qt::WindowType_Mask, Qt::Dialog);
-        QCOMPARE(qv::dialogFlags(true) & Qt::WindowType_Mask, Qt::Sheet);
-        QVERIFY(qv::dialogFlags(false).testFlag(Qt::WindowCloseButtonHint));
-        QCOMPARE(qv::sheetDialogFlags(nullptr), qv::dialogFlags(false));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestPlatform)

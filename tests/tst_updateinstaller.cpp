@@ -84,6 +84,22 @@ class TestUpdateInstaller : public QObject
         return QString();
     }
 
+    // The unpacked new version, on the application's file system or on another one (empty when
+    // the machine has no other).
+    QString newVersionFolder(bool acrossFileSystems, QScopedPointer<QTemporaryDir> &other)
+    {
+        QString folder = m_dir.filePath("unpacked");
+        if (acrossFileSystems) {
+            const QString base = otherFileSystem(m_dir.path());
+            if (base.isEmpty())
+                return QString();
+            other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
+            folder = other->filePath("unpacked");
+        }
+        makeApp(folder, "v2");
+        return folder;
+    }
+
 private Q_SLOTS:
     void init()
     {
@@ -104,16 +120,10 @@ private Q_SLOTS:
         QFETCH(bool, acrossFileSystems);
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
-        QString newDir = m_dir.filePath("unpacked");
         QScopedPointer<QTemporaryDir> other;
-        if (acrossFileSystems) {
-            const QString base = otherFileSystem(m_dir.path());
-            if (base.isEmpty())
-                QSKIP("no second file system here");
-            other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
-            newDir = other->filePath("unpacked");
-        }
-        makeApp(newDir, "v2");
+        const QString newDir = newVersionFolder(acrossFileSystems, other);
+        if (newDir.isEmpty())
+            QSKIP("no second file system here");
         QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", newDir, "-exe", "app" }), 0);
         QCOMPARE(completeVersion(app), QString("v2"));
         QTRY_COMPARE(started(), QStringList{ "v2" });
@@ -182,16 +192,10 @@ private Q_SLOTS:
         QFETCH(bool, acrossFileSystems);
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
-        QString newDir = m_dir.filePath("unpacked");
         QScopedPointer<QTemporaryDir> other;
-        if (acrossFileSystems) {
-            const QString base = otherFileSystem(m_dir.path());
-            if (base.isEmpty())
-                QSKIP("no second file system here");
-            other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
-            newDir = other->filePath("unpacked");
-        }
-        makeApp(newDir, "v2");
+        const QString newDir = newVersionFolder(acrossFileSystems, other);
+        if (newDir.isEmpty())
+            QSKIP("no second file system here");
         const QStringList args{ "-oldDir", app, "-newDir", newDir, "-exe", "app" };
         QCOMPARE(runInstaller(args, step), -1); // killed
         const QString inPlace = completeVersion(app);
