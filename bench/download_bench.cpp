@@ -2,6 +2,8 @@
 // server in the same run, with curl; prints the throughput ratio ours/curl and how much our peak
 // memory grew during the download. Needs 127.0.0.1:80 (package downloads always use port 80).
 
+#include "BenchUtil.h"
+
 #include <DownloadManager.h>
 
 #include <QCoreApplication>
@@ -68,25 +70,6 @@ private:
     QByteArray m_chunk;
 };
 
-qint64 statusKiB(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : f.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field)).trimmed().split(' ').value(0).toLongLong();
-    }
-    return -1;
-}
-
-void resetPeak()
-{
-    QFile f(QStringLiteral("/proc/self/clear_refs"));
-    if (f.open(QIODevice::WriteOnly))
-        f.write("5");
-}
-
 double oursSeconds(const QString &target, qint64 *peakGrowthKiB)
 {
     qv::DownloadManager manager(QUrl(QStringLiteral("http://127.0.0.1/list.xml")));
@@ -95,15 +78,15 @@ double oursSeconds(const QString &target, qint64 *peakGrowthKiB)
     package.fileSize = kSize;
     QSignalSpy done(&manager, qOverload<>(&qv::DownloadManager::downloadSuccess));
     QSignalSpy failed(&manager, qOverload<int>(&qv::DownloadManager::downloadFailure));
-    const qint64 before = statusKiB("VmRSS:");
-    resetPeak();
+    const qint64 before = bench::statusKiB("VmRSS:");
+    bench::resetPeak();
     QElapsedTimer t;
     t.start();
     manager.startDownload(package, target);
     while (done.isEmpty() && failed.isEmpty())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
     const double seconds = t.nsecsElapsed() / 1e9;
-    *peakGrowthKiB = statusKiB("VmHWM:") - before;
+    *peakGrowthKiB = bench::statusKiB("VmHWM:") - before;
     if (!failed.isEmpty() || QFileInfo(target).size() != kSize)
         std::printf("!! our download failed (%lld bytes)\n", QFileInfo(target).size());
     QFile::remove(target);

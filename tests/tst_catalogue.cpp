@@ -302,6 +302,9 @@ private Q_SLOTS:
         QTest::newRow("huge attribute") << QByteArray("<s><package name='" + QByteArray(2 << 20, 'x') + "'/></s>");
         QTest::newRow("huge text") << QByteArray("<s><package><name>" + QByteArray(2 << 20, 'x') + "</name></package></s>");
         QTest::newRow("over 32 MiB") << QByteArray("<s>" + QByteArray("<package/>").repeated(3400000) + "</s>");
+        QTest::newRow("over a million elements") << QByteArray("<s>" + QByteArray("<p/>").repeated(1000001) + "</s>");
+        const QString utf16 = QStringLiteral("\uFEFF<!DOCTYPE s [<!ENTITY a 'x'>]><s><package name='&a;'/></s>");
+        QTest::newRow("UTF-16 with a DTD") << QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2);
     }
     void badDocumentsGiveEmptyList()
     {
@@ -322,6 +325,9 @@ private Q_SLOTS:
         QCOMPARE(parseBytes(nested).size(), 1);
         QCOMPARE(parseBytes("<s><package name='a &amp; b &#x41;'/></s>").value(0).name, QString("a & b A"));
         QCOMPARE(parseBytes(repeatedCatalogue(20000)).size(), 20000);
+        const QString utf16 = QStringLiteral("\uFEFF<s><package name='Kamera \u00FC'/></s>");
+        QCOMPARE(parseBytes(QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2)).value(0).name,
+                 QString("Kamera \u00FC"));
     }
 
     // Selection on the realistic catalogue.

@@ -133,7 +133,8 @@ RequestPtr HttpClient::get(const QString &path, const QMap<QString, QVariant> &p
 
 void HttpClient::startNext()
 {
-    if (m_queue.isEmpty())
+    // A completion slot may have started the next request already.
+    if (m_current || m_queue.isEmpty())
         return;
     m_current = m_queue.dequeue();
     m_host.updateProxy(m_current->m_urls.first());

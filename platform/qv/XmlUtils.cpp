@@ -2,6 +2,7 @@
 
 #include "Exceptions.h"
 
+#include <QBuffer>
 #include <QIODevice>
 #include <QXmlStreamReader>
 
@@ -18,8 +19,16 @@ QByteArray readLimited(QIODevice *device, qint64 maxBytes)
         throw ParseException(QStringLiteral("device is not open for reading"));
     if (!device->isSequential() && device->size() - device->pos() > maxBytes)
         throw ParseException(QStringLiteral("document larger than %1 bytes").arg(maxBytes));
+    // A buffer's bytes are shared, not copied.
+    if (auto *buffer = qobject_cast<QBuffer *>(device); buffer && !buffer->isWritable()) {
+        const QByteArray data = buffer->pos() == 0 ? buffer->data() : buffer->data().mid(buffer->pos());
+        buffer->seek(buffer->size());
+        return data;
+    }
     // Read in pieces: read(maxBytes) would reserve the whole limit for every document.
     QByteArray data;
+    if (!device->isSequential())
+        data.reserve(device->size() - device->pos());
     char chunk[64 * 1024];
     for (;;) {
         const qint64 got = device->read(chunk, sizeof chunk);
@@ -72,6 +81,7 @@ void checkBytes(const QByteArray &data, const XmlUtils::Limits &limits)
         return from + at + qstrlen(terminator);
     };
     int depth = 0;
+    qint64 elements = 0;
     while (p < end) {
         const char *lt = static_cast<const char *>(memchr(p, '<', size_t(end - p)));
         const char *textEnd = lt ? lt : end;
@@ -117,6 +127,8 @@ void checkBytes(const QByteArray &data, const XmlUtils::Limits &limits)
                 refuse(QStringLiteral("unterminated start tag"));
             if (p[-1] != '/' && ++depth > limits.maxDepth)
                 refuse(QStringLiteral("elements nested deeper than %1").arg(limits.maxDepth));
+            if (++elements > limits.maxElements)
+                refuse(QStringLiteral("more than %1 elements").arg(limits.maxElements));
             ++p;
         }
     }
@@ -128,6 +140,7 @@ void checkTokens(const QByteArray &data, const XmlUtils::Limits &limits)
 {
     QXmlStreamReader reader(data);
     int depth = 0;
+    qint64 elements = 0;
     while (!reader.atEnd()) {
         switch (reader.readNext()) {
         case QXmlStreamReader::DTD:
@@ -135,6 +148,8 @@ void checkTokens(const QByteArray &data, const XmlUtils::Limits &limits)
         case QXmlStreamReader::StartElement:
             if (++depth > limits.maxDepth)
                 refuse(QStringLiteral("elements nested deeper than %1").arg(limits.maxDepth));
+            if (++elements > limits.maxElements)
+                refuse(QStringLiteral("more than %1 elements").arg(limits.maxElements));
             for (const QXmlStreamAttribute &a : reader.attributes()) {
                 if (a.value().size() > limits.maxValueLength)
                     refuse(QStringLiteral("attribute value too long"));

@@ -14,6 +14,7 @@ struct XmlLimits
     qint64 maxBytes = 32 * 1024 * 1024; ///< size of the whole document
     int maxDepth = 64;                  ///< element nesting
     qsizetype maxValueLength = 1 << 20; ///< characters of one text run or attribute value
+    qint64 maxElements = 1000000;       ///< elements in the whole document
 };
 
 /// Reads XML documents into a DOM, refusing what could exhaust time or memory.

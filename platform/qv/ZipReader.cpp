@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMutex>
 #include <QProgressDialog>
 #include <QSet>
@@ -84,20 +85,50 @@ bool linkStaysInside(const QByteArray &entryPath, const QByteArray &link)
     return true;
 }
 
-// The extraction proper. It runs on a thread of its own whose working folder is the target:
-// libarchive's secure flags accept only relative entry paths, and a thread with its own
-// filesystem context (unshare(CLONE_FS)) can change folder without touching the rest of the
-// process.
+// The working folder of the calling thread is the target while this object lives. libarchive's
+// secure flags accept only relative entry paths, so extraction must happen from inside the
+// target. A thread with a filesystem context of its own (unshare(CLONE_FS)) changes folder
+// without touching the rest of the process; where that is not allowed (some sandboxes filter
+// the call) the process-wide folder is changed under a lock and restored afterwards.
+class WorkingFolder
+{
+public:
+    explicit WorkingFolder(const QString &target)
+    {
+        if (unshare(CLONE_FS) != 0) {
+            s_mutex.lock();
+            m_locked = true;
+            char *previous = getcwd(nullptr, 0);
+            m_previous = previous ? QByteArray(previous) : QByteArray("/");
+            free(previous);
+        }
+        if (chdir(QFile::encodeName(target).constData()) != 0)
+            throw IOException(QStringLiteral("cannot enter %1").arg(target));
+    }
+    ~WorkingFolder()
+    {
+        if (m_locked) {
+            if (chdir(m_previous.constData()) != 0)
+                qWarning("could not return to %s", m_previous.constData());
+            s_mutex.unlock();
+        }
+    }
+
+private:
+    static QMutex s_mutex;
+    bool m_locked = false;
+    QByteArray m_previous;
+};
+
+QMutex WorkingFolder::s_mutex;
+
+// The extraction proper, on a thread of its own (see WorkingFolder).
 void extractIn(const QString &archiveFile, const QSet<QString> &wanted, const QString &target,
                bool overwrite, const ZipReader::Limits &limits, const std::atomic<bool> &canceled,
                std::atomic<qint64> &done, QString &error)
 {
     try {
-        if (unshare(CLONE_FS) != 0)
-            throw IOException(QStringLiteral("cannot give the extraction a working folder of its own"));
-        if (chdir(QFile::encodeName(target).constData()) != 0)
-            throw IOException(QStringLiteral("cannot enter %1").arg(target));
-
+        const WorkingFolder inside(target);
         ReadArchive in(archiveFile);
         std::unique_ptr<archive, int (*)(archive *)> out(archive_write_disk_new(), archive_write_free);
         int flags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_SECURE_NODOTDOT
@@ -220,8 +251,10 @@ void ZipReader::extractFiles(const QStringList &files, const QString &targetFold
     std::atomic<qint64> done{ 0 };
     std::atomic<bool> finished{ false };
     QString error;
+    // An archive given by a relative path is found from the caller's folder.
+    const QString archivePath = QFileInfo(m_file).absoluteFilePath();
     std::thread worker([&] {
-        extractIn(m_file, wanted, target, overwrite, m_limits, m_canceled, done, error);
+        extractIn(archivePath, wanted, target, overwrite, m_limits, m_canceled, done, error);
         finished = true;
     });
     if (m_progress) {
