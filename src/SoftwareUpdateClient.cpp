@@ -73,6 +73,7 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
         settings.serverURL = serverURL;
     setCurrentSettings(&settings);
 
+    connect(m_checkTimer, &QTimer::timeout, this, [this] { queryLastUpdate(); });
     if (settings.doUpdateCheck)
         enableSoftwareUpdate();
     else
@@ -231,6 +232,8 @@ void SoftwareUpdateClient::applyDialogSettings(const SoftwareUpdateDialogSetting
 void SoftwareUpdateClient::deleteNetworkmanager()
 {
     if (m_networkManager) {
+        // A reply that still arrives belongs to a released check and is not evaluated.
+        m_networkManager->disconnect(this);
         m_networkManager->deleteLater();
         m_networkManager = nullptr;
     }

@@ -4,6 +4,7 @@
 #include "SoftwareUpdateSettings.h"
 #include "softwareupdateclient_export.h"
 
+#include <QList>
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
@@ -11,6 +12,7 @@
 #include <QString>
 
 class QNetworkAccessManager;
+class QNetworkReply;
 class QProgressDialog;
 class QTimer;
 class QWidget;
@@ -25,7 +27,8 @@ class SoftwareUpdateDialog;
 ///
 /// Create one, with the product name, the running version, the update server to use when the
 /// settings hold none, and the host window. The constructor reads and writes the settings and
-/// starts the hourly check timer when automatic checking is on; it checks nothing itself.
+/// starts the hourly check timer when automatic checking is on; it checks nothing itself. Call
+/// doInitialCheck() once the host is ready, and queryForUpdate() to open the settings dialog.
 ///
 /// Settings live at the top level of the host's own store, opened with the host's organization
 /// and application names ("Quorvel" and "softwareUpdate" when the host has set none), in the
@@ -57,7 +60,26 @@ public:
     Qt::WindowFlags windowFlags() const { return m_windowFlags; }
     QWidget *parentWidget() const { return m_parent; }
 
+    /// Sends the catalogue request; the outcome arrives later (up to date, packages found,
+    /// an error or a timeout after 15 s).
+    void performUpdateCheck(const QUrl &url);
+    /// Reads the catalogue and keeps the newer packages for the application and each camera;
+    /// 1 when the catalogue held no package at all.
+    int parseServerResponse(QNetworkReply *reply);
+    void productUpToDate();
+
+    /// The packages of the last check, in table-row order.
+    PackageInfoList packageList() const { return m_packageList; }
+
 public Q_SLOTS:
+    /// Checks now (the dialog's "Check Now" lands here too).
+    void checkForUpdate();
+    /// Checks after the delay (at once for 0 or less), unless automatic checking is off.
+    void checkForUpdate(int millisecondsDelay);
+    /// The start-up check: runs only when the interval is "at application start".
+    void doInitialCheck(int msDelay = 0);
+    /// Opens the update settings dialog, or refreshes and raises the open one.
+    void queryForUpdate(Qt::WindowFlags flags = {}, bool modal = true);
     /// Starts the hourly background check timer.
     void enableSoftwareUpdate();
     /// Stops the background check timer.
@@ -70,11 +92,42 @@ public Q_SLOTS:
     void setWindowFlags(Qt::WindowFlags flags);
 
 private Q_SLOTS:
+    void updateAvailable();
+    void doBackgroundCheck();
     void applyDialogSettings(const qv::SoftwareUpdateDialogSettings &dialogSettings);
+    void downloadUrls(SoftUpIndexList itemIndexes);
+    void downloadReleaseNotes(SoftUpIndexList itemIndexes);
+    void downloadProgress(int value, int total);
+    void downloadError(int httpStatusCode);
+    void installPackage(int itemIndex);
+    QList<int> determineForeignLanguageRows(qv::PackageInfoList list);
+    void downloadFinished();
+    void abortDownload();
+    void evaluateServerResponse(QNetworkReply *reply);
+    void requestTimeout();
+    void requestError(QString errorText);
+    void queryLastUpdate(int delay = 0);
+    void deleteUpdateDialog();
+    void deleteUpdateAvailableDialog();
     void deleteNetworkmanager();
+    void deleteProgressDialog();
+    void startZipInstall();
+    void unzippedMPKGPackage(QString unzippedFilePath);
+    void manageUpdateAvailableDialog(SoftUpIndexList indexList);
+    void showHideForeignLanguageItems(bool state);
+    void setUpdateAvailableNull(QObject *obj = nullptr);
+    void setUpdateDialogNull(QObject *obj = nullptr);
+    void openSettingsDialogFromUpdateAvailableDialog();
 
 private:
     QSettings *openStore() const;
+    void installEXEPackage();
+    void installMPKGPackage();
+    void installZIPPackage();
+    void installMSIPackage();
+    void installDEBPackage();
+    void installRPKPackage();
+    void installTARGZPackage();
 
     QWidget *m_parent = nullptr;
     QNetworkAccessManager *m_networkManager = nullptr;

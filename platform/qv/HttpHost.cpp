@@ -70,7 +70,7 @@ void HttpAccessHistory::add(const HttpAccess &access)
 }
 
 HttpHost::HttpHost(const HttpAccess &server, const HttpAccess &proxy, const QString &path)
-    : server(server), proxy(proxy), path(path)
+    : server(server), proxyPreference(proxy.isEmpty() ? NoProxy : OwnProxy), proxy(proxy), path(path)
 {
 }
 

@@ -73,6 +73,7 @@ public:
     };
 
     HttpHost() = default;
+    /// A host reached through `proxy` (OwnProxy), or directly when `proxy` is empty.
     HttpHost(const HttpAccess &server, const HttpAccess &proxy, const QString &path);
 
     HttpAccess server;

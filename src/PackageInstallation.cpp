@@ -1,0 +1,251 @@
+// Download and installation by package type: confirmation, the download with its progress
+// dialog, and the routine each file type gets once the file is complete.
+
+#include "SoftwareUpdateClient.h"
+
+#include "DownloadManager.h"
+#include "Logging.h"
+#include "SoftwareUpdateAvailableDialog.h"
+
+#include <qv/FileUtils.h>
+#include <qv/HttpHost.h>
+#include <qv/QtHelpers.h>
+
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QDir>
+#include <QFile>
+#include <QMessageBox>
+#include <QProcess>
+#include <QProgressDialog>
+#include <QPushButton>
+
+namespace qv {
+
+namespace {
+
+const QString kUpdaterName = QStringLiteral("UpdateInstaller");
+
+QString clientText(const char *text)
+{
+    return QCoreApplication::translate("SoftwareUpdateClient", text);
+}
+
+void progressLine(const QString &line)
+{
+    LogQt::write(lcClient(), Log::Debug, line);
+}
+
+void errorLine(const QString &line)
+{
+    LogQt::write(lcClient(), Log::Error, line);
+}
+
+void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, const QString &text)
+{
+    QMessageBox box(QMessageBox::Critical, title, text, QMessageBox::Ok, parent, flags);
+    box.exec();
+}
+
+} // namespace
+
+void SoftwareUpdateClient::installPackage(int itemIndex)
+{
+    m_selectedRows = { itemIndex };
+    const PackageInfo package = m_packageList.at(itemIndex);
+
+    QWidget *dialogParent = m_updateAvailableDialog;
+    QMessageBox confirm(QMessageBox::Warning, clientText("Install Package"),
+                        clientText("After downloading the package, the installer will automatically exit and restart your application!"),
+                        QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
+    QPushButton *cancel = confirm.addButton(clientText("Cancel Install"), QMessageBox::RejectRole);
+    confirm.addButton(clientText("Proceed"), QMessageBox::AcceptRole);
+    confirm.exec();
+    if (confirm.clickedButton() == cancel) {
+        progressLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
+        return;
+    }
+
+    const QNetworkProxy proxy = networkProxy();
+    const HttpAccess proxyAccess(proxy.hostName(), proxy.port(), QString(), QString());
+    const HttpHost host(HttpAccess(), proxyAccess, QString());
+    // Never deleted: it lives as long as the process.
+    auto *manager = new DownloadManager(host, QString());
+
+    const QString link = package.url.toString();
+    m_downloadedFilePath = FileUtils::createTempDir() + QLatin1Char('/') + link.section(QLatin1Char('/'), -1);
+    progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> ") + link + QStringLiteral(" to ")
+                 + m_downloadedFilePath);
+
+    if (!m_progressDialog) {
+        m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
+        m_progressDialog->setLabelText(clientText("Downloading package to temporary folder..."));
+        connect(manager, &DownloadManager::downloadProgress, this, &SoftwareUpdateClient::downloadProgress);
+        connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
+                &SoftwareUpdateClient::downloadError);
+        connect(manager, qOverload<>(&DownloadManager::downloadSuccess), this,
+                &SoftwareUpdateClient::downloadFinished);
+        connect(m_progressDialog, &QProgressDialog::canceled, manager, &DownloadManager::abortDownload);
+        connect(manager, &DownloadManager::downloadAborted, this, &SoftwareUpdateClient::abortDownload);
+    }
+    manager->startDownload(package, m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::downloadProgress(int value, int total)
+{
+    if (!m_progressDialog)
+        return;
+    m_progressDialog->setRange(0, total);
+    m_progressDialog->setValue(value);
+}
+
+void SoftwareUpdateClient::downloadFinished()
+{
+    deleteProgressDialog();
+    if (m_updateAvailableDialog)
+        deleteUpdateAvailableDialog();
+    const QString suffix = m_packageList.at(m_selectedRows.first()).suffix;
+    if (suffix == u"exe") {
+        installEXEPackage();
+    } else if (suffix == u"mpkg") {
+        installMPKGPackage();
+    } else if (suffix == u"zip") {
+        installZIPPackage();
+    } else if (suffix == u"msi") {
+        installMSIPackage();
+    } else if (suffix == u"deb") {
+        installDEBPackage();
+    } else if (suffix == u"rpk") {
+        installRPKPackage();
+    } else if (suffix == u"tar.gz") {
+        installTARGZPackage();
+    } else {
+        showError(m_parent, m_windowFlags, clientText("Download Error"),
+                  clientText("Unknown package type! Installation cannot proceed!"));
+        abortDownload();
+    }
+}
+
+void SoftwareUpdateClient::downloadError(int httpStatusCode)
+{
+    showError(m_parent, m_windowFlags, clientText("Download Error"),
+              clientText("Error downloading! Http status code %1").arg(httpStatusCode));
+    abortDownload();
+}
+
+void SoftwareUpdateClient::abortDownload()
+{
+    deleteProgressDialog();
+    if (!FileUtils::erase(m_downloadedFilePath))
+        errorLine(QStringLiteral("SoftwareUpdateClient::abortDownload() -> could not remove downloaded files: ")
+                  + m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::deleteProgressDialog()
+{
+    if (!m_progressDialog)
+        return;
+    m_progressDialog->hide();
+    m_progressDialog->deleteLater();
+    m_progressDialog = nullptr;
+}
+
+void SoftwareUpdateClient::installEXEPackage()
+{
+    QProcess::startDetached(m_downloadedFilePath, QStringList());
+}
+
+void SoftwareUpdateClient::installMPKGPackage()
+{
+    if (!m_unpackingManager)
+        m_unpackingManager = new DownloadManager();
+    m_unpackingManager->unzipPackage(m_downloadedFilePath);
+    connect(m_unpackingManager, &DownloadManager::unzippingDone, this, &SoftwareUpdateClient::unzippedMPKGPackage);
+}
+
+void SoftwareUpdateClient::unzippedMPKGPackage(QString unzippedFilePath)
+{
+    if (m_unpackingManager) {
+        m_unpackingManager->deleteLater();
+        m_unpackingManager = nullptr;
+    }
+    progressLine(QStringLiteral("SoftwareUpdateClient::unzippedMPKGPackage() -> unzipped succesfully to ")
+                 + unzippedFilePath);
+    const QDir folder(unzippedFilePath);
+    const QFileInfoList installers = folder.entryInfoList({ QStringLiteral("*.mpkg") });
+    for (const QFileInfo &installer : installers) {
+        progressLine(QStringLiteral("SoftwareUpdateClient::installMPKGPackage ") + installer.absoluteFilePath());
+        if (!QDesktopServices::openUrl(QUrl::fromLocalFile(installer.absoluteFilePath()))) {
+            errorLine(QStringLiteral("SoftwareUpdateClient::installMPKGPackage, can't start package installer!"));
+            return;
+        }
+    }
+}
+
+void SoftwareUpdateClient::installZIPPackage()
+{
+    // Not kept: nobody hears where it unpacks to, so the new-folder argument of the updater
+    // stays empty, and the restart question does not wait for the unpacking.
+    auto *unpacker = new DownloadManager();
+    unpacker->unzipPackage(m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ") + m_downloadedFilePath
+                 + QStringLiteral(" to ") + m_unpackedFolder);
+
+    QMessageBox ask(QMessageBox::Warning, clientText("Restart required"),
+                    clientText("Please restart your application to finish the installation process."),
+                    QMessageBox::NoButton, m_parent, m_windowFlags);
+    ask.addButton(clientText("Restart later"), QMessageBox::RejectRole);
+    QPushButton *now = ask.addButton(clientText("Restart now"), QMessageBox::AcceptRole);
+    ask.exec();
+    if (ask.clickedButton() == now)
+        startZipInstall();
+}
+
+void SoftwareUpdateClient::startZipInstall()
+{
+    const QString applicationFolder = QCoreApplication::applicationDirPath();
+    const QString updaterSource = applicationFolder + QLatin1Char('/') + kUpdaterName;
+    QDir folder(applicationFolder);
+    if (folder.exists() && QFile::exists(updaterSource)) {
+        folder.cdUp();
+        const QString updaterTarget = folder.absolutePath() + QLatin1Char('/') + kUpdaterName;
+        progressLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> starting zip installation application ")
+                     + updaterTarget + QStringLiteral(" -> removing ") + applicationFolder
+                     + QStringLiteral(", renaming ") + m_unpackedFolder + QStringLiteral("  to ") + applicationFolder
+                     + QStringLiteral(" and restarting ") + QCoreApplication::applicationFilePath());
+        // An updater already in the parent folder is used as it stands.
+        if (QFile::exists(updaterTarget) || QFile::copy(updaterSource, updaterTarget)) {
+            const QString executable = QCoreApplication::applicationFilePath().section(QLatin1Char('/'), -1);
+            DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder, executable);
+            return;
+        }
+        errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> could not copy file to ")
+                  + updaterTarget);
+    }
+    errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> one of the following file/dir is missing: ")
+              + folder.absolutePath() + QStringLiteral(" or ") + QFileInfo(updaterSource).fileName());
+    showError(m_parent, m_windowFlags, clientText("Installation failed"),
+              clientText("Installation process failed. If problem persists try manual install."));
+}
+
+void SoftwareUpdateClient::installMSIPackage()
+{
+    progressLine(QStringLiteral("SoftwareUpdateClient::installMSIPackage() -> trying to run ") + m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::installDEBPackage()
+{
+    progressLine(QStringLiteral("SoftwareUpdateClient::installDEBPackage() -> trying to run ") + m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::installRPKPackage()
+{
+    progressLine(QStringLiteral("SoftwareUpdateClient::installRPKPackage() -> trying to run ") + m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::installTARGZPackage()
+{
+    progressLine(QStringLiteral("SoftwareUpdateClient::installTARGZPackage() -> trying to run ") + m_downloadedFilePath);
+}
+
+} // namespace qv

@@ -1,0 +1,163 @@
+// The update-available flow: the package table, its buttons and comment text, foreign-language
+// firmware rows, and release notes and download links opened in the browser.
+
+#include "SoftwareUpdateClient.h"
+
+#include "SoftwareUpdateAvailableDialog.h"
+#include "SoftwareUpdateDialog.h"
+
+#include <QCoreApplication>
+#include <QDesktopServices>
+#include <QLocale>
+
+namespace qv {
+
+namespace {
+
+const QString kCameraKind = QStringLiteral("Camera Firmware");
+
+QString clientText(const char *text)
+{
+    return QCoreApplication::translate("SoftwareUpdateClient", text);
+}
+
+// The name and release as the table shows them: the internal name first (the reverse of
+// PackageInfo::displayName), the public release first, and " BETA" for beta releases.
+QString nameAndRelease(const PackageInfo &p)
+{
+    return (!p.name.isEmpty() ? p.name : p.publicName) + QLatin1Char(' ')
+            + (!p.publicRelease.isEmpty() ? p.publicRelease : p.release)
+            + (p.status == u"BETA" ? QStringLiteral(" BETA") : QString());
+}
+
+QString joined(const QStringSet &set)
+{
+    return set.values().join(QStringLiteral(", "));
+}
+
+} // namespace
+
+void SoftwareUpdateClient::updateAvailable()
+{
+    if (!m_updateAvailableDialog) {
+        QWidget *parent = m_updateDialog ? static_cast<QWidget *>(m_updateDialog) : m_parent;
+        m_updateAvailableDialog = new SoftwareUpdateAvailableDialog(parent, m_windowFlags);
+        SoftwareUpdateAvailableDialog *d = m_updateAvailableDialog;
+        connect(d, &SoftwareUpdateAvailableDialog::downloadUrls, this, &SoftwareUpdateClient::downloadUrls);
+        connect(d, &SoftwareUpdateAvailableDialog::downloadReleaseNotes, this,
+                &SoftwareUpdateClient::downloadReleaseNotes);
+        connect(d, &SoftwareUpdateAvailableDialog::installPackage, this, &SoftwareUpdateClient::installPackage);
+        connect(d, &QDialog::accepted, this, &SoftwareUpdateClient::deleteUpdateAvailableDialog);
+        connect(d, &QDialog::rejected, this, &SoftwareUpdateClient::deleteUpdateAvailableDialog);
+        connect(d, &SoftwareUpdateAvailableDialog::currentItemsChangedSig, this,
+                &SoftwareUpdateClient::manageUpdateAvailableDialog);
+        connect(d, &SoftwareUpdateAvailableDialog::showAllLanguages, this,
+                &SoftwareUpdateClient::showHideForeignLanguageItems);
+        connect(d, &QObject::destroyed, this, &SoftwareUpdateClient::setUpdateAvailableNull);
+        connect(d, &SoftwareUpdateAvailableDialog::openUpdateSettings, this,
+                &SoftwareUpdateClient::openSettingsDialogFromUpdateAvailableDialog);
+    }
+    QList<QStringList> rows;
+    for (const PackageInfo &p : std::as_const(m_packageList)) {
+        const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
+                + QStringLiteral(" MB");
+        const QString languages = p.type == kCameraKind ? joined(p.languages) : clientText("Multilingual");
+        rows << QStringList{ nameAndRelease(p), size, p.suffix, languages, joined(p.platforms) };
+    }
+    m_updateAvailableDialog->setTableEntries(rows);
+    m_updateAvailableDialog->setTableHeaders({ clientText("Name"), clientText("File Size"),
+                                               clientText("File Type"), clientText("Languages"),
+                                               clientText("Platforms") });
+    m_updateAvailableDialog->show();
+    m_updateAvailableDialog->activateWindow();
+}
+
+void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList)
+{
+    SoftwareUpdateAvailableDialog *d = m_updateAvailableDialog;
+    if (!d)
+        return;
+    d->setInstallButtonState(false);
+    d->setRealeaseNotesButtonState(false);
+    showHideForeignLanguageItems(d->getShowAllLanguagesState());
+    if (indexList.isEmpty()) {
+        d->setCommentText(QString());
+        d->setInstallButtonState(false);
+        d->setDownloadButtonState(false);
+        return;
+    }
+    if (indexList.size() > 1) {
+        d->setDownloadButtonState(true);
+        d->setCommentText(QString());
+        return;
+    }
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    const PackageInfo &p = m_packageList.at(indexList.first());
+    d->setInstallButtonState(settings.installablePackageTypes.contains(p.suffix, Qt::CaseSensitive));
+    d->setRealeaseNotesButtonState(!p.releaseNotes.value(QStringLiteral("en")).isEmpty());
+    const QString published = p.releaseDate.isNull()
+            ? QString()
+            : clientText("Published on %1").arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
+    const QString link = p.url.toString();
+    d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p) + QStringLiteral(", ") + p.type
+                      + QStringLiteral("</b><br />") + published + QStringLiteral("<a href=\"") + link
+                      + QStringLiteral("\">") + link + QStringLiteral("</a><br />"));
+    d->setDownloadButtonState(true);
+}
+
+QList<int> SoftwareUpdateClient::determineForeignLanguageRows(PackageInfoList list)
+{
+    const QString own = QLocale::system().name().section(QLatin1Char('_'), 0, 0);
+    QList<int> hidden;
+    bool matched = false;
+    for (int i = 0; i < list.size(); ++i) {
+        const PackageInfo &p = list.at(i);
+        if (p.type != kCameraKind)
+            continue;
+        // English speakers are offered the German-and-English firmware.
+        const bool shown = own == u"en"
+                ? p.languages.contains(QStringLiteral("de")) && p.languages.contains(QStringLiteral("en"))
+                : p.languages.contains(own);
+        if (shown)
+            matched = true;
+        else
+            hidden << i;
+    }
+    return matched ? hidden : QList<int>();
+}
+
+void SoftwareUpdateClient::showHideForeignLanguageItems(bool state)
+{
+    if (!m_updateAvailableDialog)
+        return;
+    m_updateAvailableDialog->setHiddenEntries(state ? SoftUpIndexList() : determineForeignLanguageRows(m_packageList));
+}
+
+void SoftwareUpdateClient::downloadReleaseNotes(SoftUpIndexList itemIndexes)
+{
+    if (itemIndexes.isEmpty())
+        return;
+    QDesktopServices::openUrl(m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")));
+}
+
+void SoftwareUpdateClient::downloadUrls(SoftUpIndexList itemIndexes)
+{
+    for (const int row : std::as_const(itemIndexes))
+        QDesktopServices::openUrl(m_packageList.at(row).url);
+}
+
+void SoftwareUpdateClient::deleteUpdateAvailableDialog()
+{
+    if (!m_updateAvailableDialog)
+        return;
+    m_updateAvailableDialog->hide();
+    m_updateAvailableDialog->deleteLater();
+}
+
+void SoftwareUpdateClient::setUpdateAvailableNull(QObject *)
+{
+    m_updateAvailableDialog = nullptr;
+}
+
+} // namespace qv

@@ -1,0 +1,306 @@
+// When the client checks, and the check itself: the catalogue request, its answer and the
+// outcome shown in the settings dialog.
+
+#include "SoftwareUpdateClient.h"
+
+#include "DownloadManager.h"
+#include "Logging.h"
+#include "SoftwareUpdateDialog.h"
+
+#include <qv/QtHelpers.h>
+
+#include <QCoreApplication>
+#include <QLocale>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QTimer>
+
+namespace qv {
+
+namespace {
+
+const int kRequestTimeout = 15000;
+const QString kApplicationKind = QStringLiteral("Application");
+const QString kCameraKind = QStringLiteral("Camera Firmware");
+
+QString longDate(const QDateTime &when)
+{
+    return QLocale::system().toString(when, QLocale::LongFormat);
+}
+
+void debugLine(const QString &line)
+{
+    LogQt::write(lcClient(), Log::Debug, line);
+}
+
+void errorLine(const QString &line)
+{
+    LogQt::write(lcClient(), Log::Error, line);
+}
+
+QString clientText(const char *text)
+{
+    return QCoreApplication::translate("SoftwareUpdateClient", text);
+}
+
+} // namespace
+
+// Scheduling.
+
+void SoftwareUpdateClient::doInitialCheck(int msDelay)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    if (settings.doUpdateCheck && settings.updateInterval == 0)
+        checkForUpdate(msDelay);
+}
+
+void SoftwareUpdateClient::checkForUpdate(int millisecondsDelay)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    if (!settings.doUpdateCheck)
+        return;
+    if (millisecondsDelay <= 0) {
+        doBackgroundCheck();
+        return;
+    }
+    // The delay timers stay children of the client after they fire.
+    auto *timer = new QTimer(this);
+    connect(timer, &QTimer::timeout, this, &SoftwareUpdateClient::doBackgroundCheck);
+    timer->setSingleShot(true);
+    timer->start(millisecondsDelay);
+}
+
+void SoftwareUpdateClient::doBackgroundCheck()
+{
+    if (!m_updateDialog)
+        checkForUpdate();
+}
+
+void SoftwareUpdateClient::checkForUpdate()
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    settings.lastCheck = QDateTime::currentDateTime();
+    if (m_updateDialog) {
+        // The URL as typed in the dialog, applied or not.
+        performUpdateCheck(QUrl(m_updateDialog->getDialogSettings().serverURL));
+        setCurrentSettings(&settings);
+    } else if (settings.doUpdateCheck) {
+        performUpdateCheck(QUrl(settings.serverURL));
+        setCurrentSettings(&settings);
+    }
+}
+
+void SoftwareUpdateClient::queryLastUpdate(int delay)
+{
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    if (m_updateDialog || settings.updateInterval == 0)
+        return;
+    const QDateTime last = settings.lastCheck;
+    const QDateTime now = QDateTime::currentDateTime();
+    if (settings.updateInterval == 2) {
+        if (last.addDays(7) < now) {
+            checkForUpdate(delay);
+            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
+        }
+    } else if (settings.updateInterval == 3) {
+        if (last.addMonths(1) < now) {
+            checkForUpdate(delay);
+            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
+        }
+    } else if (settings.updateInterval == 1) {
+        if (last.addDays(1) < now) {
+            checkForUpdate(delay);
+            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> daily update fired"));
+        }
+    }
+}
+
+void SoftwareUpdateClient::queryForUpdate(Qt::WindowFlags flags, bool modal)
+{
+    if (!m_updateDialog) {
+        m_updateDialog = new SoftwareUpdateDialog(m_parent, flags ? flags : m_windowFlags);
+        m_updateDialog->setModal(modal);
+        connect(m_updateDialog, &SoftwareUpdateDialog::checkForUpdate, this,
+                qOverload<>(&SoftwareUpdateClient::checkForUpdate));
+        connect(m_updateDialog, &SoftwareUpdateDialog::applySettings, this,
+                &SoftwareUpdateClient::applyDialogSettings);
+        connect(m_updateDialog, &QDialog::rejected, this, &SoftwareUpdateClient::deleteUpdateDialog);
+        connect(m_updateDialog, &QDialog::accepted, this, &SoftwareUpdateClient::deleteUpdateDialog);
+        connect(m_updateDialog, &QObject::destroyed, this, &SoftwareUpdateClient::setUpdateDialogNull);
+        connect(m_updateDialog, &SoftwareUpdateDialog::forceUpdateAvailable, this,
+                &SoftwareUpdateClient::updateAvailable);
+    }
+    m_updateDialog->setNotificationText(QString());
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    SoftwareUpdateDialogSettings record;
+    record.doUpdateCheck = settings.doUpdateCheck;
+    record.checkForBeta = settings.checkForBeta;
+    record.updateInterval = settings.updateInterval;
+    record.serverURL = settings.serverURL;
+    record.currentVersion = settings.versionNumber.toShortVersion();
+    record.lastCheck = longDate(settings.lastCheck);
+    m_updateDialog->setDialogSettings(record);
+    m_updateDialog->setVisible(true);
+    m_updateDialog->activateWindow();
+}
+
+void SoftwareUpdateClient::openSettingsDialogFromUpdateAvailableDialog()
+{
+    queryForUpdate(dialogFlags(false), true);
+}
+
+void SoftwareUpdateClient::deleteUpdateDialog()
+{
+    if (!m_updateDialog)
+        return;
+    m_updateDialog->hide();
+    m_updateDialog->deleteLater();
+}
+
+void SoftwareUpdateClient::setUpdateDialogNull(QObject *)
+{
+    m_updateDialog = nullptr;
+}
+
+// The request and its answer.
+
+void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
+{
+    if (m_updateDialog) {
+        SoftwareUpdateSettings settings;
+        getCurrentSettings(&settings);
+        m_updateDialog->enableProgress();
+        m_updateDialog->setNotificationText(QString());
+        // The stored time is the previous check's: the new one is written after this call.
+        SoftwareUpdateDialogSettings record = m_updateDialog->getDialogSettings();
+        record.lastCheck = longDate(settings.lastCheck);
+        m_updateDialog->setDialogSettings(record);
+    }
+    debugLine(QStringLiteral("SoftwareUpdateClient::performUpdateCheck() -> ") + url.toString());
+
+    QNetworkRequest request(url);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("text/xml"));
+    // Redirects are followed here, one by one, not by Qt.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    if (!m_networkManager) {
+        m_networkManager = new QNetworkAccessManager;
+        connect(m_networkManager, &QNetworkAccessManager::finished, this,
+                &SoftwareUpdateClient::evaluateServerResponse);
+    }
+    m_networkManager->setProxy(networkProxy());
+    m_networkManager->get(request);
+
+    if (!m_requestTimeoutTimer) {
+        m_requestTimeoutTimer = new QTimer(this);
+        connect(m_requestTimeoutTimer, &QTimer::timeout, this, &SoftwareUpdateClient::requestTimeout);
+    }
+    m_requestTimeoutTimer->setSingleShot(true);
+    m_requestTimeoutTimer->start(kRequestTimeout);
+}
+
+void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
+{
+    m_requestTimeoutTimer->stop();
+    deleteNetworkmanager();
+
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    bool redirectWithoutTarget = false;
+    if (status == 302 || status == 301 || status == 303 || status == 307) {
+        const QUrl url = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+        if (!url.isEmpty()) {
+            debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ") + url.toString());
+            performUpdateCheck(url);
+            return;
+        }
+        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> could not obtain redirect url from server response"));
+        redirectWithoutTarget = true;
+    }
+    if (m_updateDialog)
+        m_updateDialog->disbaleProgress();
+    // A redirect without a target is read like any answer; Qt flags it as an error of its own.
+    if (reply->error() != QNetworkReply::NoError && !redirectWithoutTarget) {
+        requestError(reply->errorString());
+        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
+                  + reply->errorString());
+        return;
+    }
+    if (parseServerResponse(reply) == 1)
+        return;
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    if (m_packageList.isEmpty()) {
+        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> product is up-to-date "));
+        productUpToDate();
+    } else {
+        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
+        updateAvailable();
+    }
+}
+
+int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
+{
+    m_packageList.clear();
+    m_packageList = DownloadManager::parseXML(reply);
+    if (m_packageList.isEmpty()) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
+        if (m_updateDialog)
+            m_updateDialog->setNotificationText(clientText("No update available!"));
+        return 1;
+    }
+    SoftwareUpdateSettings settings;
+    getCurrentSettings(&settings);
+    // The dialog's unsaved beta choice counts while it is open.
+    const bool beta = m_updateDialog ? m_updateDialog->getDialogSettings().checkForBeta : settings.checkForBeta;
+    const QString status = transformReleaseStatus(beta);
+
+    PackageInfoList cameras;
+    for (const auto &camera : std::as_const(settings.currentCameraVersions)) {
+        const PackageInfo filter(QString(), QString(), camera.second.toString(), status, QDateTime(),
+                                 QStringSet{ camera.first }, QStringSet(), QLatin1String(""), QLatin1String(""));
+        cameras += DownloadManager::findPackageCandidates(m_packageList, filter, kCameraKind, QStringList());
+    }
+    DownloadManager::eliminateDuplicatePackages(cameras);
+
+    // Matched by the host's application name, not by the stored product.
+    const QStringSet platforms(settings.supportedPlatforms.cbegin(), settings.supportedPlatforms.cend());
+    const PackageInfo application(QString(), QCoreApplication::applicationName(),
+                                  settings.versionNumber.toString(), status, QDateTime(), platforms,
+                                  QStringSet(), QLatin1String(""), QLatin1String(""));
+    const PackageInfoList applications = DownloadManager::findPackageCandidates(
+            m_packageList, application, kApplicationKind, settings.supportedPackageTypes);
+    m_packageList = applications + cameras;
+    return 0;
+}
+
+void SoftwareUpdateClient::requestError(QString errorText)
+{
+    if (m_updateDialog)
+        m_updateDialog->setNotificationText(errorText);
+    deleteNetworkmanager();
+    errorLine(QStringLiteral("SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
+}
+
+void SoftwareUpdateClient::requestTimeout()
+{
+    if (m_updateDialog) {
+        m_updateDialog->disbaleProgress();
+        m_updateDialog->setNotificationText(clientText("Timeout error! Update server unreachable!"));
+    }
+    deleteNetworkmanager();
+    errorLine(QStringLiteral("SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
+}
+
+void SoftwareUpdateClient::productUpToDate()
+{
+    if (m_updateDialog)
+        m_updateDialog->setNotificationText(clientText("Congratulations! Your product is up-to-date!"));
+    deleteNetworkmanager();
+    debugLine(QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
+}
+
+} // namespace qv

@@ -1,0 +1,498 @@
+#include <SoftwareUpdateAvailableDialog.h>
+#include <SoftwareUpdateClient.h>
+#include <SoftwareUpdateDialog.h>
+#include <TestHttpServer.h>
+#include <qv/LogQt.h>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QDesktopServices>
+#include <QHttpServer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QProgressDialog>
+#include <QPushButton>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTableWidget>
+#include <QTextBrowser>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QtTest>
+
+using qv::PackageInfo;
+using qv::PackageInfoList;
+using qv::SoftwareUpdateAvailableDialog;
+using qv::SoftwareUpdateClient;
+using qv::SoftwareUpdateDialog;
+using qv::SoftwareUpdateSettings;
+using qv::VersionNumber;
+
+namespace {
+
+QByteArray testData(const QString &name)
+{
+    QFile f(QFINDTESTDATA("data/" + name));
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+template<typename T>
+T *openDialog()
+{
+    for (QWidget *w : QApplication::topLevelWidgets()) {
+        if (auto *d = qobject_cast<T *>(w); d && d->isVisible())
+            return d;
+    }
+    return nullptr;
+}
+
+// Clicks the button with the given text in every modal message box that opens, and keeps the
+// boxes' titles and texts.
+class BoxAnswerer : public QObject
+{
+public:
+    explicit BoxAnswerer(const QStringList &choices) : m_choices(choices)
+    {
+        auto *timer = new QTimer(this);
+        connect(timer, &QTimer::timeout, this, [this] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box)
+                return;
+            seen << box->windowTitle() + " | " + box->text();
+            for (QAbstractButton *b : box->buttons()) {
+                if (m_choices.contains(b->text()) || (m_choices.isEmpty() && box->buttonRole(b) == QMessageBox::AcceptRole)) {
+                    b->click();
+                    return;
+                }
+            }
+            box->buttons().first()->click();
+        });
+        timer->start(10);
+    }
+    QStringList seen;
+
+private:
+    QStringList m_choices;
+};
+
+// Records what would have opened in the browser.
+class UrlRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    QList<QUrl> opened;
+public Q_SLOTS:
+    void open(const QUrl &url) { opened << url; }
+};
+
+} // namespace
+
+class TestClient : public QObject
+{
+    Q_OBJECT
+
+    QHttpServer m_server;
+    quint16 m_port = 0;
+    QByteArray m_catalogue;
+    int m_requests = 0;
+    QScopedPointer<SoftwareUpdateClient> m_client;
+    QTemporaryDir m_tmp;
+    int m_testNumber = 0;
+
+    QString url(const QString &path = "/list.xml") const
+    {
+        return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path);
+    }
+    static QSettings store()
+    {
+        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "Viewer");
+    }
+    SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
+    {
+        m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber(version.toStdString()), url(), nullptr));
+        return m_client.data();
+    }
+    // Runs a check from an open settings dialog and returns the notification line, or
+    // "<packages>" when the package list opened.
+    QString checkFromDialog()
+    {
+        if (!openDialog<SoftwareUpdateDialog>())
+            m_client->queryForUpdate({}, false);
+        SoftwareUpdateDialog *dialog = openDialog<SoftwareUpdateDialog>();
+        if (!dialog)
+            return "no dialog";
+        auto *line = dialog->findChild<QLabel *>("updateNotificationLabel");
+        Q_EMIT dialog->checkForUpdate();
+        QElapsedTimer t;
+        t.start();
+        while (t.elapsed() < 20000) {
+            QTest::qWait(10);
+            if (openDialog<SoftwareUpdateAvailableDialog>())
+                return "<packages>";
+            if (!line->text().isEmpty())
+                return line->text();
+        }
+        return "no outcome";
+    }
+    QStringList tableNames()
+    {
+        QStringList names;
+        if (auto *d = openDialog<SoftwareUpdateAvailableDialog>()) {
+            auto *table = d->findChild<QTableWidget *>("tableWidget");
+            for (int r = 0; r < table->rowCount(); ++r)
+                names << table->item(r, 0)->text();
+        }
+        return names;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QStandardPaths::setTestModeEnabled(true);
+        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setApplicationName("Viewer");
+        SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        m_server.route("/list.xml", [this](const QHttpServerRequest &) {
+            ++m_requests;
+            return QHttpServerResponse("text/xml", m_catalogue);
+        });
+        m_server.route("/moved", [this](const QHttpServerRequest &) {
+            QHttpServerResponse r(QHttpServerResponse::StatusCode::Found);
+            r.setHeader("Location", url().toUtf8());
+            return r;
+        });
+        m_server.route("/moved-nowhere", [](const QHttpServerRequest &) {
+            return QHttpServerResponse(QHttpServerResponse::StatusCode::Found);
+        });
+        m_server.route("/missing", [](const QHttpServerRequest &) {
+            return QHttpServerResponse("text/html", "<html>gone</html>", QHttpServerResponse::StatusCode::NotFound);
+        });
+        m_port = m_server.listen(QHostAddress::LocalHost);
+        QVERIFY(m_port);
+    }
+    void init()
+    {
+        QFile::remove(store().fileName());
+        m_catalogue = testData("realistic.xml");
+        m_requests = 0;
+        // Downloads go to fresh temporary folders; give each test its own.
+        const QString tmp = m_tmp.filePath(QString::number(++m_testNumber));
+        QDir().mkpath(tmp);
+        qputenv("TMPDIR", tmp.toLocal8Bit());
+    }
+    void cleanup()
+    {
+        m_client.reset();
+        for (QWidget *w : QApplication::topLevelWidgets())
+            w->deleteLater();
+        QTest::qWait(1);
+    }
+
+    void checkOutcomes_data()
+    {
+        QTest::addColumn<QString>("version");
+        QTest::addColumn<QString>("catalogue");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("twoCameras");
+        QTest::addColumn<bool>("beta");
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<QStringList>("packages");
+        const QStringList updates{ "Viewer 2.10", "M1004 Firmware 5.3", "M1004 Firmware 5.3" };
+        QTest::newRow("up to date") << "2.11" << "realistic.xml" << "/list.xml" << false << false
+                                    << "Congratulations! Your product is up-to-date!" << QStringList();
+        QTest::newRow("firmware only, no cameras") << "2.0" << "cameras-only.xml" << "/list.xml" << false << false
+                                                   << "Congratulations! Your product is up-to-date!" << QStringList();
+        QTest::newRow("empty catalogue") << "2.0" << "" << "/list.xml" << false << false << "No update available!" << QStringList();
+        QTest::newRow("updates, duplicate firmware once per package") << "2.9.1" << "realistic.xml" << "/list.xml" << true << false
+                                                                      << "<packages>" << updates;
+        QTest::newRow("unsaved beta choice counts") << "2.9.1" << "realistic.xml" << "/list.xml" << false << true
+                                                    << "<packages>" << QStringList{ "Viewer 2.11 BETA" };
+        QTest::newRow("redirect followed") << "2.9.1" << "realistic.xml" << "/moved" << true << false << "<packages>" << updates;
+        QTest::newRow("redirect without target") << "2.9.1" << "realistic.xml" << "/moved-nowhere" << false << false
+                                                 << "No update available!" << QStringList();
+        QTest::newRow("404 page") << "2.9.1" << "realistic.xml" << "/missing" << false << false
+                                  << "server replied: Not Found" << QStringList();
+    }
+    void checkOutcomes()
+    {
+        QFETCH(QString, version);
+        QFETCH(QString, catalogue);
+        QFETCH(QString, path);
+        QFETCH(bool, twoCameras);
+        QFETCH(bool, beta);
+        QFETCH(QString, outcome);
+        QFETCH(QStringList, packages);
+        m_catalogue = catalogue.isEmpty() ? QByteArray("<softwareList/>") : testData(catalogue);
+        makeClient(version);
+        if (twoCameras)
+            m_client->setCurrentCameraVersions({ { "M1004", VersionNumber("5.2.1") }, { "M1004", VersionNumber("5.2.1") } });
+        store().setValue("serverURL", url(path));
+        m_client->queryForUpdate({}, false);
+        openDialog<SoftwareUpdateDialog>()->findChild<QCheckBox *>("checkForBetaCheckBox")->setChecked(beta);
+        if (outcome == "No update available!" && !catalogue.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
+        const QString got = checkFromDialog();
+        QVERIFY2(got.contains(outcome), qPrintable(got));
+        QCOMPARE(tableNames(), packages);
+        QVERIFY(!openDialog<SoftwareUpdateDialog>()->findChild<QWidget *>("progressBar")->isVisible());
+    }
+
+    void deadServerShowsTheError()
+    {
+        TestHttpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost));
+        const quint16 port = probe.serverPort();
+        probe.close();
+        makeClient();
+        store().setValue("serverURL", QStringLiteral("http://127.0.0.1:%1/list.xml").arg(port));
+        QVERIFY(checkFromDialog().contains("Connection refused"));
+    }
+
+    void checkNowUsesTheTypedUrlAndStampsTheTime()
+    {
+        makeClient();
+        store().setValue("serverURL", "http://127.0.0.1:9/nothing-here.xml");
+        store().setValue("doUpdateCheck", false);
+        m_client->queryForUpdate({}, false);
+        auto *dialog = openDialog<SoftwareUpdateDialog>();
+        dialog->findChild<QLineEdit *>("updateServerLineEdit")->setText(url());
+        QCOMPARE(checkFromDialog(), QString("<packages>"));
+        QCOMPARE(m_requests, 1);
+        SoftwareUpdateSettings s;
+        m_client->getCurrentSettings(&s);
+        QVERIFY(s.lastCheck.secsTo(QDateTime::currentDateTime()) < 30);
+        QCOMPARE(s.serverURL, QString("http://127.0.0.1:9/nothing-here.xml")); // not applied
+    }
+
+    void backgroundCheckThatFindsNothingIsSilent()
+    {
+        makeClient("2.11");
+        m_client->checkForUpdate(0);
+        QTRY_COMPARE(m_requests, 1);
+        QTest::qWait(100);
+        QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
+        QVERIFY(!openDialog<SoftwareUpdateDialog>());
+        QVERIFY(!QApplication::activeModalWidget());
+    }
+
+    void hourlyRhythm_data()
+    {
+        QTest::addColumn<int>("interval");
+        QTest::addColumn<int>("hoursAgo"); // -1: never checked
+        QTest::addColumn<bool>("fires");
+        QTest::newRow("at start: never by the timer") << 0 << 1000 << false;
+        QTest::newRow("daily, 25 hours") << 1 << 25 << true;
+        QTest::newRow("daily, 23 hours") << 1 << 23 << false;
+        QTest::newRow("daily, never checked") << 1 << -1 << true;
+        QTest::newRow("weekly, 8 days") << 2 << 8 * 24 << true;
+        QTest::newRow("weekly, 6 days") << 2 << 6 * 24 << false;
+        QTest::newRow("monthly, 32 days") << 3 << 32 * 24 << true;
+        QTest::newRow("monthly, 27 days") << 3 << 27 * 24 << false;
+        QTest::newRow("unknown interval") << 7 << 5000 << false;
+    }
+    void hourlyRhythm()
+    {
+        QFETCH(int, interval);
+        QFETCH(int, hoursAgo);
+        QFETCH(bool, fires);
+        m_catalogue = "<softwareList/>";
+        makeClient();
+        SoftwareUpdateSettings s;
+        m_client->getCurrentSettings(&s);
+        s.updateInterval = interval;
+        s.lastCheck = hoursAgo < 0 ? QDateTime() : QDateTime::currentDateTime().addSecs(-3600 * hoursAgo);
+        m_client->setCurrentSettings(&s);
+        if (hoursAgo < 0)
+            store().remove("lastCheck");
+        if (fires)
+            QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::parseServerResponse() -> no update available");
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
+        QTRY_COMPARE(m_requests, fires ? 1 : 0);
+        QTest::qWait(200); // the answer is evaluated, or nothing was asked
+    }
+
+    void openSettingsDialogSuppressesTheRhythm()
+    {
+        makeClient();
+        store().setValue("updateInterval", 1);
+        m_client->queryForUpdate({}, false);
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
+        m_client->checkForUpdate(0);
+        QTest::qWait(200);
+        QCOMPARE(m_requests, 0);
+        m_client->queryForUpdate({}, false); // the same dialog, raised again
+        int dialogs = 0;
+        for (QWidget *w : QApplication::topLevelWidgets())
+            dialogs += qobject_cast<SoftwareUpdateDialog *>(w) && w->isVisible();
+        QCOMPARE(dialogs, 1);
+    }
+
+    void initialCheck_data()
+    {
+        QTest::addColumn<int>("interval");
+        QTest::addColumn<bool>("checking");
+        QTest::addColumn<int>("requests");
+        QTest::newRow("at start") << 0 << true << 1;
+        QTest::newRow("daily waits for the timer") << 1 << true << 0;
+        QTest::newRow("checking off") << 0 << false << 0;
+    }
+    void initialCheck()
+    {
+        QFETCH(int, interval);
+        QFETCH(bool, checking);
+        m_catalogue = "<softwareList/>";
+        store().setValue("updateInterval", interval);
+        store().setValue("doUpdateCheck", checking);
+        makeClient();
+        if (interval == 0 && checking)
+            QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::parseServerResponse() -> no update available");
+        m_client->doInitialCheck(300);
+        QTest::qWait(100);
+        QCOMPARE(m_requests, 0); // not before the delay
+        QTest::qWait(600);
+        QTEST(m_requests, "requests");
+    }
+
+    void packageTable()
+    {
+        makeClient();
+        m_client->setCurrentCameraVersions({ { "M1004", VersionNumber("5.2.1") }, { "P3301", VersionNumber("4.0") } });
+        m_client->checkForUpdate(0);
+        QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        auto *dialog = openDialog<SoftwareUpdateAvailableDialog>();
+        auto *table = dialog->findChild<QTableWidget *>("tableWidget");
+        QCOMPARE(table->rowCount(), 4);
+        const QStringList row0{ "Viewer 2.10", "39.0 MB", "deb", "Multilingual", "linux-x86_64" };
+        for (int c = 0; c < 5; ++c)
+            QCOMPARE(table->item(0, c)->text(), row0.at(c));
+        QCOMPARE(table->item(3, 0)->text(), QString("P3301 Firmware 4.10"));
+        QCOMPARE(table->horizontalHeaderItem(1)->text(), QString("File Size"));
+
+        auto *install = dialog->findChild<QPushButton *>("installPushButton");
+        auto *download = dialog->findChild<QPushButton *>("downloadPushButton");
+        auto *notes = dialog->findChild<QPushButton *>("releaseNotesPushButton");
+        auto *comment = dialog->findChild<QTextBrowser *>("commentText");
+        table->selectRow(0);
+        QVERIFY(!install->isEnabled()); // no package type is installable in this build
+        QVERIFY(download->isEnabled());
+        QVERIFY(!notes->isEnabled()); // this package has no English release notes
+        QVERIFY(comment->isVisible());
+        QVERIFY(comment->toHtml().contains("Viewer 2.10, Application"));
+        QVERIFY(comment->toPlainText().contains("http://dl.example.test/software/viewer/2.10/Viewer-linux.deb"));
+        table->selectRow(1);
+        QVERIFY(notes->isEnabled()); // M1004 5.3 has English notes
+        table->setCurrentCell(3, 0, QItemSelectionModel::Select | QItemSelectionModel::Rows);
+        QVERIFY(download->isEnabled() && !install->isEnabled() && !notes->isEnabled());
+        QVERIFY(!comment->isVisible());
+
+        UrlRecorder browser;
+        QDesktopServices::setUrlHandler("http", &browser, "open");
+        QTest::mouseClick(download, Qt::LeftButton);
+        table->selectRow(1);
+        QTest::mouseClick(notes, Qt::LeftButton);
+        QDesktopServices::unsetUrlHandler("http");
+        QCOMPARE(browser.opened.size(), 3);
+        QCOMPARE(browser.opened.last(), QUrl("http://dl.example.test/notes/m1004-5.3-en.html"));
+    }
+
+    void foreignLanguageRows_data()
+    {
+        QTest::addColumn<QString>("locale");
+        QTest::addColumn<QStringList>("languages"); // one firmware row each; "app" is an application row
+        QTest::addColumn<QList<int>>("hidden");
+        QTest::newRow("en: de+en shown, others hidden") << "en" << QStringList{ "app", "de en", "en", "fr" } << QList<int>{ 2, 3 };
+        QTest::newRow("en: no de+en row hides nothing") << "en" << QStringList{ "en", "fr" } << QList<int>{};
+        QTest::newRow("fr: own language shown") << "fr" << QStringList{ "de en", "fr" } << QList<int>{ 0 };
+        QTest::newRow("fr: no French row hides nothing") << "fr" << QStringList{ "de", "en" } << QList<int>{};
+        QTest::newRow("de: German rows shown") << "de" << QStringList{ "de en", "fr", "app", "de" } << QList<int>{ 1 };
+    }
+    void foreignLanguageRows()
+    {
+        QFETCH(QString, locale);
+        QFETCH(QStringList, languages);
+        if (QLocale::system().name().section('_', 0, 0) != locale)
+            QSKIP("for another system locale (see the tst_client_<lang> entries)");
+        PackageInfoList list;
+        for (const QString &l : languages) {
+            PackageInfo p;
+            p.type = l == "app" ? "Application" : "Camera Firmware";
+            const QStringList words = l.split(' ');
+            p.languages = QStringSet(words.cbegin(), words.cend());
+            list << p;
+        }
+        makeClient();
+        QList<int> hidden;
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "determineForeignLanguageRows", Qt::DirectConnection,
+                                          Q_RETURN_ARG(QList<int>, hidden), Q_ARG(qv::PackageInfoList, list)));
+        QTEST(hidden, "hidden");
+    }
+
+    // Installation, against a package server on port 80.
+    void installByType_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QStringList>("answers");
+        QTest::addColumn<QString>("box");     // the last box shown
+        QTest::addColumn<bool>("fileKept");
+        QTest::addColumn<int>("downloads");
+        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList{ "Cancel Install" } << "Install Package" << false << 0;
+        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList{ "Proceed" } << "Install Package" << true << 1;
+        QTest::newRow("404") << "viewer.tar.gz" << 404 << QStringList{ "Proceed", "OK" }
+                             << "Download Error | Error downloading! Http status code 404" << false << 1;
+        QTest::newRow("unknown type") << "viewer.bin" << 200 << QStringList{ "Proceed", "OK" }
+                                      << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1;
+        QTest::newRow("zip, restart later") << "viewer.zip" << 200 << QStringList{ "Proceed", "Restart later" }
+                                            << "Restart required" << false << 1;
+    }
+    void installByType()
+    {
+        QFETCH(QString, file);
+        QFETCH(int, status);
+        QFETCH(QStringList, answers);
+        QFETCH(QString, box);
+        QFETCH(bool, fileKept);
+        QFETCH(int, downloads);
+        QFile zip(QFINDTESTDATA("data/package.zip"));
+        QVERIFY(zip.open(QIODevice::ReadOnly));
+        const QByteArray body = file.endsWith(".zip") ? zip.readAll() : QByteArray(3000, 'p');
+        TestHttpServer packages([&](const TestHttpServer::Request &) {
+            TestHttpServer::Response r = TestHttpServer::Response::ok(status == 200 ? body : QByteArray("<html>missing</html>"));
+            r.status = status;
+            return r;
+        });
+        if (!packages.listen(QHostAddress::LocalHost, 80))
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here");
+        m_catalogue = "<softwareList base-url='http://127.0.0.1/dl/'><package-set type='Application' name='Viewer' "
+                      "status='STABLE'><package release='3.0' url='" + file.toUtf8() + "' file-size='"
+                + QByteArray::number(body.size()) + "'/></package-set></softwareList>";
+        makeClient();
+        store().setValue("supportedPackageTypes", "tar.gz,bin,zip");
+        m_client->checkForUpdate(0);
+        QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        BoxAnswerer answerer(answers);
+        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
+        QTRY_COMPARE(packages.requests().size(), downloads);
+        QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= answers.size(), 10000);
+        QTest::qWait(100);
+        QVERIFY2(answerer.seen.last().startsWith(box), qPrintable(answerer.seen.join('\n')));
+        QVERIFY(!QApplication::activeModalWidget());
+        if (downloads)
+            QTRY_VERIFY(!openDialog<QProgressDialog>());
+        // The ZIP archive goes once its unpacking, which nobody waits for, has finished.
+        const auto downloadedFileExists = [&file] {
+            for (const QFileInfo &dir : QDir(QDir::tempPath()).entryInfoList({ "softwareupdate-*" }, QDir::Dirs)) {
+                if (QFile::exists(dir.filePath() + "/" + file))
+                    return true;
+            }
+            return false;
+        };
+        QTRY_COMPARE(downloadedFileExists(), fileKept);
+    }
+};
+
+QTEST_MAIN(TestClient)
+#include "tst_client.moc"
