@@ -49,7 +49,8 @@ void DownloadManager::unzippingFinished(const QString &folder)
 void DownloadManager::unzippingFailed(const QString &message)
 {
     QMessageBox box(QMessageBox::Critical, QCoreApplication::applicationName(),
-                    tr("Downloaded file could not be unpacked:<br>") + message, QMessageBox::Ok);
+                    QCoreApplication::translate("DownloadManager", "Downloaded file could not be unpacked:<br>") + message,
+                    QMessageBox::Ok);
     box.exec();
 }
 
@@ -100,7 +101,9 @@ void DownloadManager::runZipInstaller(const QString &installerFile)
 {
     QString folder = QDir(QCoreApplication::applicationDirPath()).absolutePath();
     const QString archiveName = QFileInfo(installerFile).fileName();
-    if (!FileUtils::openDirectoryDialog(folder, tr("Select Installation Path for '%1'").arg(archiveName),
+    if (!FileUtils::openDirectoryDialog(folder,
+                                        QCoreApplication::translate("DownloadManager", "Select Installation Path for '%1'")
+                                                .arg(archiveName),
                                         QString(), nullptr))
         return;
     try {
@@ -110,7 +113,7 @@ void DownloadManager::runZipInstaller(const QString &installerFile)
         // The wait cursor stays set: the process is handed over below.
         QApplication::setOverrideCursor(Qt::WaitCursor);
         QProgressDialog progress(nullptr, {});
-        progress.setLabelText(tr("Unpacking '%1'").arg(archiveName));
+        progress.setLabelText(QCoreApplication::translate("DownloadManager", "Unpacking '%1'").arg(archiveName));
         reader.attachProgressDialog(&progress);
         reader.extractFiles(reader.fileList(QRegularExpression()), temp, false);
         if (reader.wasCanceled())

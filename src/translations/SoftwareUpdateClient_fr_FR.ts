@@ -1,0 +1,208 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="fr_FR">
+<context>
+    <name>DownloadManager</name>
+    <message>
+        <source>Downloaded file could not be unpacked:&lt;br&gt;</source>
+        <translation>Le fichier téléchargé n'a pas pu être décompressé :&lt;br&gt;</translation>
+    </message>
+    <message>
+        <source>Select Installation Path for '%1'</source>
+        <translation>Sélectionner le dossier d'installation pour '%1'</translation>
+    </message>
+    <message>
+        <source>Unpacking '%1'</source>
+        <translation>Décompresser '%1'</translation>
+    </message>
+</context>
+<context>
+    <name>SoftwareUpdateAvailableGui</name>
+    <message>
+        <source>Update Available</source>
+        <translation>Mise à jour disponible</translation>
+    </message>
+    <message>
+        <source>Select Packages from List:</source>
+        <translation>Sélectionnez des paquets dans la liste :</translation>
+    </message>
+    <message>
+        <source>Show all languages</source>
+        <translation>Afficher tous les langues</translation>
+    </message>
+    <message>
+        <source>Release Notes</source>
+        <translation>Notes de publication</translation>
+    </message>
+    <message>
+        <source>Download Package</source>
+        <translation>Télécharger package</translation>
+    </message>
+    <message>
+        <source>Install Package</source>
+        <translation>Installer package</translation>
+    </message>
+    <message>
+        <source>Update Settings...</source>
+        <translation>Paramètres de mise à jour...</translation>
+    </message>
+    <message>
+        <source>You can download and install the package manually or start the installation immediately (only available for supported package types).</source>
+        <translation>Vous pouvez télécharger et installer le paquet manuellement ou lancer l'installation immédiatement (uniquement pour les types de paquets pris en charge).</translation>
+    </message>
+    <message>
+        <source>For more information and updates visit &lt;a href=&quot;https://www.quorvel.com/support/downloads/&quot;&gt;www.quorvel.com/support&lt;/a&gt;.</source>
+        <translation>Pour plus d'informations et les mises à jour, consultez &lt;a href=&quot;https://www.quorvel.com/fr/support/downloads/&quot;&gt;www.quorvel.com/fr/support&lt;/a&gt;.</translation>
+    </message>
+</context>
+<context>
+    <name>SoftwareUpdateClient</name>
+    <message>
+        <source>No update available!</source>
+        <translation>Aucune mise à jour disponible !</translation>
+    </message>
+    <message>
+        <source>Congratulations! Your product is up-to-date!</source>
+        <translation>Félicitations ! Votre produit est à jour !</translation>
+    </message>
+    <message>
+        <source>Timeout error! Update server unreachable!</source>
+        <translation>Délai dépassé ! Le serveur de mise à jour est injoignable !</translation>
+    </message>
+    <message>
+        <source>Download Error</source>
+        <translation>Erreur lors du téléchargement</translation>
+    </message>
+    <message>
+        <source>Error downloading! Http status code %1</source>
+        <translation>Erreur de téléchargement ! Code d'état HTTP %1</translation>
+    </message>
+    <message>
+        <source>Downloading package to temporary folder...</source>
+        <translation>Téléchargement du paquet dans le dossier temporaire...</translation>
+    </message>
+    <message>
+        <source>After downloading the package, the installer will automatically exit and restart your application!</source>
+        <translation>Après le téléchargement du paquet, le programme d'installation fermera et redémarrera automatiquement votre application !</translation>
+    </message>
+    <message>
+        <source>Install Package</source>
+        <translation>Installer package</translation>
+    </message>
+    <message>
+        <source>Cancel Install</source>
+        <translation>Annuler l'installation</translation>
+    </message>
+    <message>
+        <source>Proceed</source>
+        <translation>Continuer</translation>
+    </message>
+    <message>
+        <source>Installation failed</source>
+        <translation>L'installation a échouée</translation>
+    </message>
+    <message>
+        <source>Installation process failed. If problem persists try manual install.</source>
+        <translation>L'installation a échoué. Si le problème persiste, essayez une installation manuelle.</translation>
+    </message>
+    <message>
+        <source>Unknown package type! Installation cannot proceed!</source>
+        <translation>Type de paquet inconnu ! L'installation ne peut pas continuer !</translation>
+    </message>
+    <message>
+        <source>Restart required</source>
+        <translation>Redémarrage obligatoire</translation>
+    </message>
+    <message>
+        <source>Please restart your application to finish the installation process.</source>
+        <translation>Veuillez redémarrer votre application pour terminer l'installation.</translation>
+    </message>
+    <message>
+        <source>Restart now</source>
+        <translation>Redémarrer maintenant</translation>
+    </message>
+    <message>
+        <source>Restart later</source>
+        <translation>Redémarrer plus tard</translation>
+    </message>
+    <message>
+        <source>Name</source>
+        <translation>Nom</translation>
+    </message>
+    <message>
+        <source>File Type</source>
+        <translation>Type du fichier</translation>
+    </message>
+    <message>
+        <source>File Size</source>
+        <translation>Taille du fichier</translation>
+    </message>
+    <message>
+        <source>Languages</source>
+        <translation>Langues</translation>
+    </message>
+    <message>
+        <source>Platforms</source>
+        <translation>Plateformes</translation>
+    </message>
+    <message>
+        <source>Multilingual</source>
+        <translation>Multilingue</translation>
+    </message>
+    <message>
+        <source>Published on %1</source>
+        <translation>Publiée le %1</translation>
+    </message>
+</context>
+<context>
+    <name>SoftwareUpdateDialogGui</name>
+    <message>
+        <source>Check for Updates</source>
+        <translation>Rechercher de nouveaux mises à jour</translation>
+    </message>
+    <message>
+        <source>You can search for new versions manually or automatically.</source>
+        <translation>Vous pouvez rechercher de nouvelles versions manuellement ou automatiquement.</translation>
+    </message>
+    <message>
+        <source>Current version:</source>
+        <translation>Version actuelle :</translation>
+    </message>
+    <message>
+        <source>Check Now</source>
+        <translation>Rechercher maintenant</translation>
+    </message>
+    <message>
+        <source>Last check</source>
+        <translation>Dernière recherche</translation>
+    </message>
+    <message>
+        <source>Check for updates:</source>
+        <translation>Rechercher des mises à jour :</translation>
+    </message>
+    <message>
+        <source>At application start</source>
+        <translation>Au démarrage du programme</translation>
+    </message>
+    <message>
+        <source>Daily</source>
+        <translation>Tous les jours</translation>
+    </message>
+    <message>
+        <source>Weekly</source>
+        <translation>Toutes les semaines</translation>
+    </message>
+    <message>
+        <source>Monthly</source>
+        <translation>Tous les mois</translation>
+    </message>
+    <message>
+        <source>Include beta versions</source>
+        <translation>Inclure les versions beta</translation>
+    </message>
+    <message>
+        <source>Update server URL:</source>
+        <translation>URL du serveur de mise à jour :</translation>
+    </message>
+</context>
+</TS>
