@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Set-up and run commands for a fresh Debian 12 machine (run as root, or with sudo available).
+#   ./run.sh demo    install what is missing, build, and run the demo host through an update
 #   ./run.sh test    install what is missing, build with sanitizers, run every test offscreen
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -32,7 +33,22 @@ cmd_test() {
   QT_QPA_PLATFORM=offscreen ctest --test-dir "$build" --output-on-failure --timeout 900
 }
 
+cmd_demo() {
+  ensure_packages "${PACKAGES[@]}"
+  local build=build/demo
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DSUC_BUILD_TESTS=OFF -DSUC_BUILD_EXAMPLES=ON
+  cmake --build "$build" -j2 --target demo-host
+  local args=(--output demo-output)
+  # Without a display the demo takes every step itself, offscreen, and saves pictures.
+  if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+    export QT_QPA_PLATFORM=offscreen
+    args+=(--auto)
+  fi
+  "$build/examples/demo-host/demo-host" "${args[@]}"
+}
+
 case "${1:-}" in
+  demo) cmd_demo ;;
   test) cmd_test ;;
-  *) echo "usage: $0 test" >&2; exit 2 ;;
+  *) echo "usage: $0 demo|test" >&2; exit 2 ;;
 esac
