@@ -3,6 +3,7 @@
 
 #include "SoftwareUpdateClient.h"
 
+#include "ClientSupport.h"
 #include "DownloadManager.h"
 #include "Logging.h"
 #include "SoftwareUpdateAvailableDialog.h"
@@ -22,24 +23,13 @@
 
 namespace qv {
 
+using client::errorLine;
+using client::progressLine;
+using client::text;
+
 namespace {
 
 const QString kUpdaterName = QStringLiteral("UpdateInstaller");
-
-QString clientText(const char *text)
-{
-    return QCoreApplication::translate("SoftwareUpdateClient", text);
-}
-
-void progressLine(const QString &line)
-{
-    LogQt::write(lcClient(), Log::Debug, line);
-}
-
-void errorLine(const QString &line)
-{
-    LogQt::write(lcClient(), Log::Error, line);
-}
 
 void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, const QString &text)
 {
@@ -55,11 +45,11 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
-    QMessageBox confirm(QMessageBox::Warning, clientText("Install Package"),
-                        clientText("After downloading the package, the installer will automatically exit and restart your application!"),
+    QMessageBox confirm(QMessageBox::Warning, text("Install Package"),
+                        text("After downloading the package, the installer will automatically exit and restart your application!"),
                         QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
-    QPushButton *cancel = confirm.addButton(clientText("Cancel Install"), QMessageBox::RejectRole);
-    confirm.addButton(clientText("Proceed"), QMessageBox::AcceptRole);
+    QPushButton *cancel = confirm.addButton(text("Cancel Install"), QMessageBox::RejectRole);
+    confirm.addButton(text("Proceed"), QMessageBox::AcceptRole);
     confirm.exec();
     if (confirm.clickedButton() == cancel) {
         progressLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
@@ -79,7 +69,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
 
     if (!m_progressDialog) {
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
-        m_progressDialog->setLabelText(clientText("Downloading package to temporary folder..."));
+        m_progressDialog->setLabelText(text("Downloading package to temporary folder..."));
         connect(manager, &DownloadManager::downloadProgress, this, &SoftwareUpdateClient::downloadProgress);
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
                 &SoftwareUpdateClient::downloadError);
@@ -120,16 +110,16 @@ void SoftwareUpdateClient::downloadFinished()
     } else if (suffix == u"tar.gz") {
         installTARGZPackage();
     } else {
-        showError(m_parent, m_windowFlags, clientText("Download Error"),
-                  clientText("Unknown package type! Installation cannot proceed!"));
+        showError(m_parent, m_windowFlags, text("Download Error"),
+                  text("Unknown package type! Installation cannot proceed!"));
         abortDownload();
     }
 }
 
 void SoftwareUpdateClient::downloadError(int httpStatusCode)
 {
-    showError(m_parent, m_windowFlags, clientText("Download Error"),
-              clientText("Error downloading! Http status code %1").arg(httpStatusCode));
+    showError(m_parent, m_windowFlags, text("Download Error"),
+              text("Error downloading! Http status code %1").arg(httpStatusCode));
     abortDownload();
 }
 
@@ -191,11 +181,11 @@ void SoftwareUpdateClient::installZIPPackage()
     progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ") + m_downloadedFilePath
                  + QStringLiteral(" to ") + m_unpackedFolder);
 
-    QMessageBox ask(QMessageBox::Warning, clientText("Restart required"),
-                    clientText("Please restart your application to finish the installation process."),
+    QMessageBox ask(QMessageBox::Warning, text("Restart required"),
+                    text("Please restart your application to finish the installation process."),
                     QMessageBox::NoButton, m_parent, m_windowFlags);
-    ask.addButton(clientText("Restart later"), QMessageBox::RejectRole);
-    QPushButton *now = ask.addButton(clientText("Restart now"), QMessageBox::AcceptRole);
+    ask.addButton(text("Restart later"), QMessageBox::RejectRole);
+    QPushButton *now = ask.addButton(text("Restart now"), QMessageBox::AcceptRole);
     ask.exec();
     if (ask.clickedButton() == now)
         startZipInstall();
@@ -224,8 +214,8 @@ void SoftwareUpdateClient::startZipInstall()
     }
     errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> one of the following file/dir is missing: ")
               + folder.absolutePath() + QStringLiteral(" or ") + QFileInfo(updaterSource).fileName());
-    showError(m_parent, m_windowFlags, clientText("Installation failed"),
-              clientText("Installation process failed. If problem persists try manual install."));
+    showError(m_parent, m_windowFlags, text("Installation failed"),
+              text("Installation process failed. If problem persists try manual install."));
 }
 
 void SoftwareUpdateClient::installMSIPackage()

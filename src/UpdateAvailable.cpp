@@ -3,6 +3,7 @@
 
 #include "SoftwareUpdateClient.h"
 
+#include "ClientSupport.h"
 #include "SoftwareUpdateAvailableDialog.h"
 #include "SoftwareUpdateDialog.h"
 
@@ -12,14 +13,10 @@
 
 namespace qv {
 
+using client::kCameraKind;
+using client::text;
+
 namespace {
-
-const QString kCameraKind = QStringLiteral("Camera Firmware");
-
-QString clientText(const char *text)
-{
-    return QCoreApplication::translate("SoftwareUpdateClient", text);
-}
 
 // The name and release as the table shows them: the internal name first (the reverse of
 // PackageInfo::displayName), the public release first, and " BETA" for beta releases.
@@ -61,13 +58,13 @@ void SoftwareUpdateClient::updateAvailable()
     for (const PackageInfo &p : std::as_const(m_packageList)) {
         const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
                 + QStringLiteral(" MB");
-        const QString languages = p.type == kCameraKind ? joined(p.languages) : clientText("Multilingual");
+        const QString languages = p.type == kCameraKind ? joined(p.languages) : text("Multilingual");
         rows << QStringList{ nameAndRelease(p), size, p.suffix, languages, joined(p.platforms) };
     }
     m_updateAvailableDialog->setTableEntries(rows);
-    m_updateAvailableDialog->setTableHeaders({ clientText("Name"), clientText("File Size"),
-                                               clientText("File Type"), clientText("Languages"),
-                                               clientText("Platforms") });
+    m_updateAvailableDialog->setTableHeaders({ text("Name"), text("File Size"),
+                                               text("File Type"), text("Languages"),
+                                               text("Platforms") });
     m_updateAvailableDialog->show();
     m_updateAvailableDialog->activateWindow();
 }
@@ -98,7 +95,7 @@ void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList
     d->setRealeaseNotesButtonState(!p.releaseNotes.value(QStringLiteral("en")).isEmpty());
     const QString published = p.releaseDate.isNull()
             ? QString()
-            : clientText("Published on %1").arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
+            : text("Published on %1").arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
     const QString link = p.url.toString();
     d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p) + QStringLiteral(", ") + p.type
                       + QStringLiteral("</b><br />") + published + QStringLiteral("<a href=\"") + link

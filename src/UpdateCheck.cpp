@@ -3,6 +3,7 @@
 
 #include "SoftwareUpdateClient.h"
 
+#include "ClientSupport.h"
 #include "DownloadManager.h"
 #include "Logging.h"
 #include "SoftwareUpdateDialog.h"
@@ -20,30 +21,19 @@ namespace qv {
 namespace {
 
 const int kRequestTimeout = 15000;
-const QString kApplicationKind = QStringLiteral("Application");
-const QString kCameraKind = QStringLiteral("Camera Firmware");
 
 QString longDate(const QDateTime &when)
 {
     return QLocale::system().toString(when, QLocale::LongFormat);
 }
 
-void debugLine(const QString &line)
-{
-    LogQt::write(lcClient(), Log::Debug, line);
-}
-
-void errorLine(const QString &line)
-{
-    LogQt::write(lcClient(), Log::Error, line);
-}
-
-QString clientText(const char *text)
-{
-    return QCoreApplication::translate("SoftwareUpdateClient", text);
-}
-
 } // namespace
+
+using client::errorLine;
+using client::kApplicationKind;
+using client::kCameraKind;
+using client::text;
+using client::progressLine;
 
 // Scheduling.
 
@@ -104,17 +94,17 @@ void SoftwareUpdateClient::queryLastUpdate(int delay)
     if (settings.updateInterval == 2) {
         if (last.addDays(7) < now) {
             checkForUpdate(delay);
-            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
+            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
         }
     } else if (settings.updateInterval == 3) {
         if (last.addMonths(1) < now) {
             checkForUpdate(delay);
-            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
+            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
         }
     } else if (settings.updateInterval == 1) {
         if (last.addDays(1) < now) {
             checkForUpdate(delay);
-            debugLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> daily update fired"));
+            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> daily update fired"));
         }
     }
 }
@@ -181,7 +171,7 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
         record.lastCheck = longDate(settings.lastCheck);
         m_updateDialog->setDialogSettings(record);
     }
-    debugLine(QStringLiteral("SoftwareUpdateClient::performUpdateCheck() -> ") + url.toString());
+    progressLine(QStringLiteral("SoftwareUpdateClient::performUpdateCheck() -> ") + url.toString());
 
     QNetworkRequest request(url);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("text/xml"));
@@ -213,11 +203,11 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     if (status == 302 || status == 301 || status == 303 || status == 307) {
         const QUrl url = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
         if (!url.isEmpty()) {
-            debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ") + url.toString());
+            progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ") + url.toString());
             performUpdateCheck(url);
             return;
         }
-        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> could not obtain redirect url from server response"));
+        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> could not obtain redirect url from server response"));
         redirectWithoutTarget = true;
     }
     if (m_updateDialog)
@@ -225,7 +215,7 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     // A redirect without a target is read like any answer; Qt flags it as an error of its own.
     if (reply->error() != QNetworkReply::NoError && !redirectWithoutTarget) {
         requestError(reply->errorString());
-        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
+        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
                   + reply->errorString());
         return;
     }
@@ -234,10 +224,10 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     if (m_packageList.isEmpty()) {
-        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> product is up-to-date "));
+        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> product is up-to-date "));
         productUpToDate();
     } else {
-        debugLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
+        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
         updateAvailable();
     }
 }
@@ -249,7 +239,7 @@ int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
     if (m_packageList.isEmpty()) {
         errorLine(QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
         if (m_updateDialog)
-            m_updateDialog->setNotificationText(clientText("No update available!"));
+            m_updateDialog->setNotificationText(text("No update available!"));
         return 1;
     }
     SoftwareUpdateSettings settings;
@@ -289,7 +279,7 @@ void SoftwareUpdateClient::requestTimeout()
 {
     if (m_updateDialog) {
         m_updateDialog->disbaleProgress();
-        m_updateDialog->setNotificationText(clientText("Timeout error! Update server unreachable!"));
+        m_updateDialog->setNotificationText(text("Timeout error! Update server unreachable!"));
     }
     deleteNetworkmanager();
     errorLine(QStringLiteral("SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
@@ -298,9 +288,9 @@ void SoftwareUpdateClient::requestTimeout()
 void SoftwareUpdateClient::productUpToDate()
 {
     if (m_updateDialog)
-        m_updateDialog->setNotificationText(clientText("Congratulations! Your product is up-to-date!"));
+        m_updateDialog->setNotificationText(text("Congratulations! Your product is up-to-date!"));
     deleteNetworkmanager();
-    debugLine(QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
+    progressLine(QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
 }
 
 } // namespace qv

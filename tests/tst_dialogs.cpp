@@ -210,33 +210,6 @@ private Q_SLOTS:
         QCOMPARE(child<QLabel>(&dialog, "updateNotificationLabel")->text(), QString("No update available!"));
     }
 
-    // Hosts and the client connect by these names (string-based connections fail at run time).
-    void methodNames_data()
-    {
-        QTest::addColumn<QString>("klass");
-        QTest::addColumn<QStringList>("methods");
-        QTest::newRow("settings dialog") << "settings"
-                << QStringList{ "checkForUpdate()", "applySettings(qv::SoftwareUpdateDialogSettings)",
-                                "forceUpdateAvailable()", "enableProgress()", "disbaleProgress()",
-                                "emitApplySettings()", "standardButtonClicked(QAbstractButton*)" };
-        QTest::newRow("update-available dialog") << "available"
-                << QStringList{ "downloadUrls(SoftUpIndexList)", "installPackage(int)",
-                                "currentItemsChangedSig(SoftUpIndexList)", "downloadReleaseNotes(SoftUpIndexList)",
-                                "showAllLanguages(bool)", "openUpdateSettings()", "downloadPackagePressed()",
-                                "installPackagePressed()", "currentItemsChanged()", "releaseNotesPressed()",
-                                "getCurrentSelectedItems()", "showAllLanguagesPressed()" };
-    }
-    void methodNames()
-    {
-        QFETCH(QString, klass);
-        QFETCH(QStringList, methods);
-        const QMetaObject *mo = klass == "settings" ? &SoftwareUpdateDialog::staticMetaObject
-                                                    : &SoftwareUpdateAvailableDialog::staticMetaObject;
-        QStringList declared;
-        for (int i = mo->methodOffset(); i < mo->methodCount(); ++i)
-            declared << QString::fromLatin1(mo->method(i).methodSignature());
-        QCOMPARE(declared, methods);
-    }
 
 
 
