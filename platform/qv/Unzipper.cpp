@@ -18,7 +18,7 @@ Unzipper::Unzipper(const QString &archive, const QString &targetFolder, bool ove
         QString failure;
         try {
             reader->open(QIODevice::ReadOnly);
-            reader->extractFiles(reader->fileList(), targetFolder, overwrite);
+            reader->extractAll(targetFolder, overwrite);
         } catch (const ExceptionQt &e) {
             failure = e.message();
         }

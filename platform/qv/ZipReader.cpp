@@ -123,7 +123,7 @@ private:
 QMutex WorkingFolder::s_mutex;
 
 // The extraction proper, on a thread of its own (see WorkingFolder).
-void extractIn(const QString &archiveFile, const QSet<QString> &wanted, const QString &target,
+void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QString &target,
                bool overwrite, const ZipReader::Limits &limits, const std::atomic<bool> &canceled,
                std::atomic<qint64> &done, QString &error)
 {
@@ -147,7 +147,7 @@ void extractIn(const QString &archiveFile, const QSet<QString> &wanted, const QS
             if (canceled)
                 return;
             const QString name = entryName(entry);
-            if (!wanted.contains(name)) {
+            if (wanted && !wanted->contains(name)) {
                 archive_read_data_skip(in.a);
                 continue;
             }
@@ -242,11 +242,23 @@ QStringList ZipReader::fileList(const QRegularExpression &pattern) const
 
 void ZipReader::extractFiles(const QStringList &files, const QString &targetFolder, bool overwrite)
 {
+    extract(&files, files.size(), targetFolder, overwrite);
+}
+
+void ZipReader::extractAll(const QString &targetFolder, bool overwrite)
+{
+    extract(nullptr, 0, targetFolder, overwrite);
+}
+
+void ZipReader::extract(const QStringList *files, qint64 expected, const QString &targetFolder, bool overwrite)
+{
     if (!m_open)
         throw IOException(QStringLiteral("%1 is not open").arg(m_file));
     if (!QDir().mkpath(targetFolder))
         throw IOException(QStringLiteral("cannot create %1").arg(targetFolder));
-    const QSet<QString> wanted(files.cbegin(), files.cend());
+    QSet<QString> wanted;
+    if (files)
+        wanted = QSet<QString>(files->cbegin(), files->cend());
     const QString target = QDir(targetFolder).absolutePath();
     std::atomic<qint64> done{ 0 };
     std::atomic<bool> finished{ false };
@@ -254,12 +266,12 @@ void ZipReader::extractFiles(const QStringList &files, const QString &targetFold
     // An archive given by a relative path is found from the caller's folder.
     const QString archivePath = QFileInfo(m_file).absoluteFilePath();
     std::thread worker([&] {
-        extractIn(archivePath, wanted, target, overwrite, m_limits, m_canceled, done, error);
+        extractIn(archivePath, files ? &wanted : nullptr, target, overwrite, m_limits, m_canceled, done, error);
         finished = true;
     });
     if (m_progress) {
         // The caller's thread keeps its dialog alive meanwhile.
-        m_progress->setRange(0, int(qMin<qint64>(files.size(), INT_MAX)));
+        m_progress->setRange(0, int(qMin<qint64>(expected, INT_MAX)));
         while (!finished) {
             m_progress->setValue(int(done));
             QCoreApplication::processEvents(QEventLoop::AllEvents, 20);

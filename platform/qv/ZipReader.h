@@ -64,11 +64,15 @@ public:
     /// Extracts the named entries below `targetFolder`; `overwrite` false refuses to replace an
     /// existing file (so an archive naming one file twice is refused).
     void extractFiles(const QStringList &files, const QString &targetFolder, bool overwrite);
+    /// Extracts every entry, in one pass over the archive.
+    void extractAll(const QString &targetFolder, bool overwrite);
 
     void setLimits(const Limits &limits) { m_limits = limits; }
     Limits limits() const { return m_limits; }
 
 private:
+    void extract(const QStringList *files, qint64 expected, const QString &targetFolder, bool overwrite);
+
     QString m_file;
     bool m_open = false;
     Limits m_limits;
