@@ -118,8 +118,8 @@ private Q_SLOTS:
     void hostileArchivesAreRefusedOrContained_data()
     {
         QTest::addColumn<QString>("archive");
-        QTest::addColumn<QString>("failure"); // empty: unpacks, contained
-        QTest::newRow("dot-dot entry") << "dotdot.zip" << "Path contains '..'";
+        QTest::addColumn<QString>("failure"); // a pattern of the message; empty: unpacks, contained
+        QTest::newRow("dot-dot entry") << "dotdot.zip" << "Path contains '\\.\\.'";
         QTest::newRow("absolute path") << "absolute.zip" << "Path is absolute";
         QTest::newRow("write through a link") << "symlink-through.zip" << "links outside the target";
         QTest::newRow("link out of the target") << "symlink-outside.zip" << "links outside the target";
@@ -127,7 +127,7 @@ private Q_SLOTS:
         QTest::newRow("decompression bomb") << "bomb.zip" << "unpacks to more than 67108864 bytes";
         QTest::newRow("too many entries") << "many-entries.zip" << "more than 1000 entries";
         QTest::newRow("duplicate names: the first stays") << "duplicate.zip" << "";
-        QTest::newRow("truncated") << "truncated.zip" << "damaged archive";
+        QTest::newRow("truncated") << "truncated.zip" << "damaged archive|decompression failed";
         QTest::newRow("corrupt") << "corrupt.zip" << "";
         QTest::newRow("name not UTF-8") << "not-utf8.zip" << "";
     }
@@ -148,7 +148,7 @@ private Q_SLOTS:
         if (!failure.isEmpty()) {
             QCOMPARE(done.count(), 0);
             QVERIFY2(answerer.texts.first().contains("Downloaded file could not be unpacked:<br>"), qPrintable(answerer.texts.first()));
-            QVERIFY2(answerer.texts.first().contains(failure), qPrintable(answerer.texts.first()));
+            QVERIFY2(answerer.texts.first().contains(QRegularExpression(failure)), qPrintable(answerer.texts.first()));
             QVERIFY(QFile::exists(copy)); // the archive stays after a failure
         } else if (done.count()) {
             const QString folder = done.first().first().toString();
