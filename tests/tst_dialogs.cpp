@@ -323,16 +323,6 @@ private Q_SLOTS:
         QVERIFY(!dialog.isModal());
     }
 
-    void headersAfterEntries()
-    {
-        SoftwareUpdateAvailableDialog dialog(nullptr, {});
-        dialog.setTableEntries(rows(2));
-        dialog.setTableHeaders({ "Name", "File Size", "File Type", "Languages", "Platforms" });
-        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
-        QCOMPARE(table->horizontalHeaderItem(4)->text(), QString("Platforms"));
-        QCOMPARE(table->item(1, 0)->text(), QString("Viewer 2.1"));
-        QVERIFY(!(table->item(1, 0)->flags() & Qt::ItemIsEditable) || table->editTriggers() == QAbstractItemView::NoEditTriggers);
-    }
 };
 
 QTEST_MAIN(TestDialogs)

@@ -158,24 +158,6 @@ private Q_SLOTS:
 
 
 
-    void valueLists()
-    {
-        PackageInfo a;
-        a.type = "Application";
-        a.release = "2.1";
-        a.platforms = { "linux", "win32" };
-        a.languages = { "de" };
-        PackageInfo b = a;
-        b.type = "Camera Firmware";
-        b.platforms = { "linux", "M1004" };
-        b.languages = { "de", "en" };
-        const qv::PackageInfoList list{ a, b };
-        auto sorted = [](QStringList l) { l.sort(); return l; };
-        QCOMPARE(sorted(PackageInfo::allPlatforms(list, true)), QStringList({ "M1004", "linux", "win32" }));
-        QCOMPARE(sorted(PackageInfo::allLanguages(list, false)), QStringList({ "de", "en" }));
-        QCOMPARE(PackageInfo::allReleases(list, false), QStringList{ "2.1" });
-        QCOMPARE(sorted(PackageInfo::allTypes(list, true)), QStringList({ "Application", "Camera Firmware" }));
-    }
 
     void metaTypesRegisteredAtLoad()
     {

@@ -86,23 +86,6 @@ private Q_SLOTS:
     }
 
 
-    void splitWords_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QStringList>("words");
-        QTest::newRow("spaces") << "win32  linux" << QStringList{ "linux", "win32" };
-        QTest::newRow("commas and newlines") << "de,en\n fr" << QStringList{ "de", "en", "fr" };
-        QTest::newRow("duplicates fold") << "a a,a" << QStringList{ "a" };
-        QTest::newRow("only separators") << " , ;" << QStringList{};
-    }
-    void splitWords()
-    {
-        QFETCH(QString, text);
-        QFETCH(QStringList, words);
-        QStringList got = qv::StringUtils::splitStringSet(text, qv::StringUtils::splitWords).values();
-        got.sort();
-        QCOMPARE(got, words);
-    }
 
     void intersections_data()
     {
@@ -160,18 +143,6 @@ private Q_SLOTS:
         QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback, dateValid);
     }
 
-    void preferencesDateRoundTrip()
-    {
-        QTemporaryDir dir;
-        const QDateTime when(QDate(2026, 3, 1), QTime(23, 59, 58, 123));
-        {
-            QSettings s(dir.filePath("d.ini"), QSettings::IniFormat);
-            qv::Preferences::setDateTimeValue(s, "when", when);
-        }
-        QSettings s(dir.filePath("d.ini"), QSettings::IniFormat);
-        QCOMPARE(qv::Preferences::dateTimeValue(s, "when", QDateTime()), when);
-        QCOMPARE(qv::Preferences::stringValue(s, "missing", "dflt"), QString("dflt"));
-    }
 
     void logThreshold_data()
     {
