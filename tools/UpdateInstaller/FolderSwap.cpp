@@ -164,9 +164,7 @@ int FolderSwap::run()
 
     if (state == State::Launched) {
         // The new program was started before the interruption: only the clean-up is left.
-        QDir(m_backup).removeRecursively();
-        QFile::remove(m_journal);
-        step("cleanup");
+        cleanUp();
         return 0;
     }
     if (state == State::None || (!backupExists && oldExists)) {
@@ -214,8 +212,17 @@ int FolderSwap::run()
     }
     writeJournal(State::Launched);
     step("start");
+    cleanUp();
+    return 0;
+}
+
+void FolderSwap::cleanUp()
+{
+    // The new version runs from the application folder: the backup, and a copied source folder
+    // that an interruption left behind, are spare copies now.
     QDir(m_backup).removeRecursively();
+    if (QFileInfo::exists(m_options.newDir))
+        QDir(m_options.newDir).removeRecursively();
     QFile::remove(m_journal);
     step("cleanup");
-    return 0;
 }

@@ -40,6 +40,7 @@ private:
     bool writeJournal(State state);
     bool moveNewIntoPlace();
     void rollBack(const QString &why);
+    void cleanUp();
     bool startProgram(const QString &folder);
     void step(const char *name);
     void say(const QString &line);
