@@ -70,8 +70,15 @@ bool FolderSwap::validateNew(QString *why) const
         *why = QStringLiteral("the new application folder %1 does not exist").arg(newDir);
         return false;
     }
-    if (QFileInfo(newDir).canonicalFilePath() == QFileInfo(m_options.oldDir).canonicalFilePath()) {
+    const QString newPath = QFileInfo(newDir).canonicalFilePath();
+    const QString oldPath = QFileInfo(m_options.oldDir).canonicalFilePath();
+    if (newPath == oldPath) {
         *why = QStringLiteral("the old and the new application folder are the same");
+        return false;
+    }
+    // Either inside the other would be moved into itself, or removed with it.
+    if (!oldPath.isEmpty() && (oldPath.startsWith(newPath + QLatin1Char('/')) || newPath.startsWith(oldPath + QLatin1Char('/')))) {
+        *why = QStringLiteral("one of the application folders lies inside the other");
         return false;
     }
     if (m_options.exe.isEmpty() || !QFileInfo(newDir + QLatin1Char('/') + m_options.exe).isFile()) {
