@@ -41,6 +41,10 @@ void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, con
 
 void SoftwareUpdateClient::installPackage(int itemIndex)
 {
+    if (itemIndex < 0 || itemIndex >= m_packageList.size()) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> no package in row %1").arg(itemIndex));
+        return;
+    }
     m_selectedRows = { itemIndex };
     const PackageInfo package = m_packageList.at(itemIndex);
 
@@ -94,6 +98,8 @@ void SoftwareUpdateClient::downloadFinished()
     deleteProgressDialog();
     if (m_updateAvailableDialog)
         deleteUpdateAvailableDialog();
+    if (m_selectedRows.isEmpty() || m_selectedRows.first() >= m_packageList.size())
+        return;
     const QString suffix = m_packageList.at(m_selectedRows.first()).suffix;
     if (suffix == u"exe") {
         installEXEPackage();

@@ -80,7 +80,11 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
         disableSoftwareUpdate();
 }
 
-SoftwareUpdateClient::~SoftwareUpdateClient() = default;
+SoftwareUpdateClient::~SoftwareUpdateClient()
+{
+    // A check still waiting for its answer ends with the client.
+    delete m_networkManager;
+}
 
 QSettings *SoftwareUpdateClient::openStore() const
 {

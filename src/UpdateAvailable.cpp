@@ -88,6 +88,8 @@ void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList
         d->setCommentText(QString());
         return;
     }
+    if (indexList.first() < 0 || indexList.first() >= m_packageList.size())
+        return;
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     const PackageInfo &p = m_packageList.at(indexList.first());
@@ -133,15 +135,17 @@ void SoftwareUpdateClient::showHideForeignLanguageItems(bool state)
 
 void SoftwareUpdateClient::downloadReleaseNotes(SoftUpIndexList itemIndexes)
 {
-    if (itemIndexes.isEmpty())
+    if (itemIndexes.isEmpty() || itemIndexes.first() < 0 || itemIndexes.first() >= m_packageList.size())
         return;
     QDesktopServices::openUrl(m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")));
 }
 
 void SoftwareUpdateClient::downloadUrls(SoftUpIndexList itemIndexes)
 {
-    for (const int row : std::as_const(itemIndexes))
-        QDesktopServices::openUrl(m_packageList.at(row).url);
+    for (const int row : std::as_const(itemIndexes)) {
+        if (row >= 0 && row < m_packageList.size())
+            QDesktopServices::openUrl(m_packageList.at(row).url);
+    }
 }
 
 void SoftwareUpdateClient::deleteUpdateAvailableDialog()

@@ -356,6 +356,22 @@ private Q_SLOTS:
         QTEST(m_requests, "requests");
     }
 
+    void rowsOutsideTheListAreIgnored()
+    {
+        makeClient();
+        const SoftUpIndexList outside{ 7, -1 };
+        QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::installPackage() -> no package in row 7");
+        for (const char *slot : { "installPackage", "downloadFinished", "downloadUrls", "downloadReleaseNotes",
+                                  "manageUpdateAvailableDialog" }) {
+            const bool ok = QByteArray(slot) == "installPackage"
+                    ? QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(int, 7))
+                    : QByteArray(slot) == "downloadFinished"
+                    ? QMetaObject::invokeMethod(m_client.data(), slot)
+                    : QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(SoftUpIndexList, outside));
+            QVERIFY2(ok, slot);
+        }
+    }
+
     void packageTable()
     {
         makeClient();
