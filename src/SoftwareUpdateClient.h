@@ -139,11 +139,10 @@ private:
     SoftwareUpdateAvailableDialog *m_updateAvailableDialog = nullptr;
     QProgressDialog *m_progressDialog = nullptr;
     QString m_downloadedFilePath;
+    /// Meant for the unpacked ZIP package; nobody is told where that is, so it stays empty.
     QString m_unpackedFolder;
     Qt::WindowFlags m_windowFlags;
     DownloadManager *m_unpackingManager = nullptr;
-    QString m_installString1;
-    QString m_installString2;
 };
 
 } // namespace qv
