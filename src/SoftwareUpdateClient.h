@@ -58,7 +58,6 @@ public:
     QNetworkProxy networkProxy() const;
 
     Qt::WindowFlags windowFlags() const { return m_windowFlags; }
-    QWidget *parentWidget() const { return m_parent; }
 
     /// Sends the catalogue request; the outcome arrives later (up to date, packages found,
     /// an error or a timeout after 15 s).

@@ -55,7 +55,6 @@ public:
 
     void add(const HttpAccess &access);
     QList<HttpAccess> entries() const { return m_entries; }
-    void clear() { m_entries.clear(); }
 
 private:
     QList<HttpAccess> m_entries;

@@ -21,7 +21,6 @@ public:
     QString proxyUser() const { return m_user; }
     QString proxyPassword() const { return m_password; }
 
-    void setUseProxy(bool use) { m_use = use; }
 
 private:
     bool m_use = false;

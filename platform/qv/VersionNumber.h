@@ -26,9 +26,6 @@ public:
     /// The version without trailing zero components beyond the second: 3.2.0.0 gives 3.2.
     QString toShortVersion() const;
 
-    const QList<quint64> &components() const { return m_parts; }
-    bool isNull() const { return m_parts.isEmpty(); }
-
     static int compare(const VersionNumber &a, const VersionNumber &b);
 
     friend bool operator==(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) == 0; }
