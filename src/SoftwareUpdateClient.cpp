@@ -112,27 +112,25 @@ void SoftwareUpdateClient::getCurrentSettings(SoftwareUpdateSettings *s) const
         return text;
     };
 
-    const QVariant doCheck = store->value(kDoUpdateCheck);
-    s->doUpdateCheck = textOf(kDoUpdateCheck).isEmpty() ? true : Preferences::toBool(doCheck, true);
-    const QVariant beta = store->value(kCheckForBeta);
-    s->checkForBeta = textOf(kCheckForBeta).isEmpty() ? false : Preferences::toBool(beta, false);
+    // Qt's own conversion, as stored booleans have always been read: any text but "", "0" and
+    // "false" reads as true ("no" too).
+    s->doUpdateCheck = textOf(kDoUpdateCheck).isEmpty() ? true : store->value(kDoUpdateCheck).toBool();
+    s->checkForBeta = textOf(kCheckForBeta).isEmpty() ? false : store->value(kCheckForBeta).toBool();
     s->updateInterval = Preferences::intValue(*store, kUpdateInterval, 0);
     s->serverURL = textOf(kServerURL);
     const QVariant version = store->value(kVersionNumber);
     s->versionNumber = version.isNull() ? VersionNumber("0") : versionFromText(Preferences::toText(version));
     s->product = textOf(kProduct);
-    // A damaged serialised value can decode to a valid but impossible date (Julian day 0); no
-    // check ever happened before the epoch.
     s->lastCheck = store->value(kLastCheck).toDateTime();
-    if (!s->lastCheck.isValid() || s->lastCheck.date().year() < 1970)
-        s->lastCheck = QDateTime();
     s->supportedPlatforms = splitList(store->value(kSupportedPlatforms));
     s->supportedPackageTypes = splitList(store->value(kSupportedPackageTypes));
     s->installablePackageTypes = splitList(store->value(kInstallablePackageTypes));
 
     const QStringList cameras = splitList(store->value(kCurrentCameraVersions));
     for (const QString &camera : cameras) {
-        const QString model = camera.section(QLatin1Char(':'), 0, 0, QString::SectionSkipEmpty);
+        // The model is section 0 as it stands (":1.0" has the model ""); the version skips
+        // empty sections.
+        const QString model = camera.section(QLatin1Char(':'), 0, 0);
         const QString version = camera.section(QLatin1Char(':'), 1, 1, QString::SectionSkipEmpty);
         s->currentCameraVersions.append(qMakePair(model, versionFromText(version)));
     }

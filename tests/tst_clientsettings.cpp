@@ -136,6 +136,8 @@ private Q_SLOTS:
         QTest::newRow("empty parts skipped") << ",,M1:3,," << QStringList{ "M1" } << QStringList{ "3" };
         QTest::newRow("no colon") << "M9" << QStringList{ "M9" } << QStringList{ "0" };
         QTest::newRow("extra colons") << "M1:2.0:x" << QStringList{ "M1" } << QStringList{ "2.0" };
+        // The model is section 0 as it stands; the version skips empty sections.
+        QTest::newRow("no model") << ":1.0" << QStringList{ "" } << QStringList{ "" };
     }
     void storedCameraTexts()
     {
@@ -164,32 +166,46 @@ private Q_SLOTS:
         QVERIFY(!client->findChild<QTimer *>()->isActive());
     }
 
+    // Junk never crashes; stored booleans read as Qt reads them (any text but "", "0" and "false"
+    // is true, "no" too), and a date is whatever Qt decodes, before 1970 included.
     void corruptStoreFallsBackToDefaults_data()
     {
         QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<bool>("doCheck");
+        QTest::addColumn<bool>("beta");
+        QTest::addColumn<QDateTime>("lastCheck");
         QTest::newRow("junk text") << QByteArray("[General]\ndoUpdateCheck=junk\ncheckForBeta=maybe\n"
                                                  "updateInterval=soon\nlastCheck=yesterday\n"
-                                                 "versionNumber=abc\n");
+                                                 "versionNumber=abc\n") << true << true << QDateTime();
+        QTest::newRow("no reads as true") << QByteArray("[General]\ndoUpdateCheck=no\ncheckForBeta=no\n")
+                                          << true << true << QDateTime();
+        QTest::newRow("false and 0") << QByteArray("[General]\ndoUpdateCheck=false\ncheckForBeta=0\n")
+                                     << false << false << QDateTime();
         QTest::newRow("wrong types") << QByteArray("[General]\ndoUpdateCheck=@Variant(\\0\\0\\0\\x7f\\0\\0\\0)\n"
                                                    "checkForBeta=@ByteArray(\\xff\\xfe)\nupdateInterval=1,2,3\n"
-                                                   "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n");
-        QTest::newRow("unreadable date") << QByteArray("[General]\nlastCheck=\"@DateTime(\\0\\0\\0\\x10\\0\\0\\0\\0\\0\\xff)\"\n");
-        QTest::newRow("binary garbage") << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a");
-        QTest::newRow("no section, odd keys") << QByteArray("=\n\\\\=\\\n[\n");
+                                                   "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n")
+                                     << true << true << QDateTime();
+        QTest::newRow("before 1970") << QByteArray("[General]\nlastCheck=1969-12-31T00:00:00\n")
+                                     << true << false << QDateTime(QDate(1969, 12, 31), QTime(0, 0));
+        QTest::newRow("binary garbage") << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a") << true << false << QDateTime();
+        QTest::newRow("no section, odd keys") << QByteArray("=\n\\\\=\\\n[\n") << true << false << QDateTime();
     }
     void corruptStoreFallsBackToDefaults()
     {
         QFETCH(QByteArray, content);
+        QFETCH(bool, doCheck);
+        QFETCH(bool, beta);
+        QFETCH(QDateTime, lastCheck);
         writeStoreFile(content);
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
         SoftwareUpdateSettings read;
         client->getCurrentSettings(&read);
-        QCOMPARE(read.doUpdateCheck, true);
-        QCOMPARE(read.checkForBeta, false);
+        QCOMPARE(read.doUpdateCheck, doCheck);
+        QCOMPARE(read.checkForBeta, beta);
         QCOMPARE(read.updateInterval, 0);
-        QVERIFY(read.lastCheck.isNull());
+        QCOMPARE(read.lastCheck, lastCheck);
         QCOMPARE(read.versionNumber, VersionNumber("2.9.1")); // rewritten by the constructor
-        QVERIFY(client->findChild<QTimer *>()->isActive());
+        QCOMPARE(client->findChild<QTimer *>()->isActive(), doCheck);
     }
 
     void applyDialogSettingsWritesAndSwitchesTimer_data()
