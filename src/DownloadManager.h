@@ -100,12 +100,6 @@ public:
     /// Writes the history to the group "Download" and the last answer to `cacheFile`.
     void storeHistory(QSettings &settings, const QString &cacheFile);
 
-    /// Replaces the running process with the updater program, passing "-oldDir"
-    /// `installationPath`, "-newDir" `tempApplicationPath` and "-exe" `newApplication`. Returns
-    /// only when the program could not be started.
-    static void startUpdate(const QString &updateApplicationPath, const QString &installationPath,
-                            const QString &tempApplicationPath, const QString &newApplication);
-
     /// True when the package set aside by installLater() is on disk with its announced size.
     bool hasInstallPackage() const;
     /// The package set aside by installLater().
@@ -174,7 +168,10 @@ public Q_SLOTS:
 
     /// Downloads the package to `filePath`, always from port 80 of the package URL's host.
     /// A package with an announced size reports downloadStarted(), then downloadSuccess() when
-    /// at least that many bytes arrived, else downloadFailure().
+    /// at least that many bytes arrived, else downloadFailure(). Nothing is written anywhere but
+    /// at `filePath`: a path with an empty, "." or ".." section, or one that is a symbolic link,
+    /// is refused (never opened), and the download then fails like one into an unwritable file.
+    /// A slot connected to the outcome signals may delete the manager.
     void startDownload(const qv::PackageInfo &package, const QString &filePath);
     /// Stops the running request and emits downloadAborted(); the partial file stays.
     void abortDownload();
@@ -184,6 +181,11 @@ public Q_SLOTS:
     /// Unpacks the package into a new temporary folder in the background; unzippingDone() tells
     /// where. A manager unpacks at most one package in its lifetime.
     void unzipPackage(const QString &packageFile);
+    /// Replaces the running process with the updater program, passing "-oldDir"
+    /// `installationPath`, "-newDir" `tempApplicationPath` and "-exe" `newApplication`. Returns
+    /// only when the program could not be started.
+    static void startUpdate(const QString &updateApplicationPath, const QString &installationPath,
+                            const QString &tempApplicationPath, const QString &newApplication);
     /// Sets a package aside for the host to install later.
     void installLater(const qv::PackageInfo &info, bool confirmInstall);
     void installLater(const QString &packageFile, const QString &updaterExe,
@@ -237,6 +239,7 @@ private:
     QHash<QString, QDateTime> history;
     QString cookie;
     Unzipper *unzipper = nullptr;
+    QString unpackFolder;
     PackageInfo installPackageInfo;
     QString installTexts[3];
 };

@@ -31,9 +31,13 @@ void DownloadManager::unzipPackage(const QString &packageFile)
     LogQt::write(lcDownload(), Log::Debug,
                  QStringLiteral("DownloadManager::installPackage() -> trying to extract ") + packageFile
                          + QStringLiteral(" to ") + folder);
-    // One unpacking per manager: the unzipper is kept for the manager's lifetime.
-    if (unzipper)
+    // One unpacking per manager: the unzipper is kept for the manager's lifetime, and a folder
+    // made for a second one is not left behind.
+    if (unzipper) {
+        FileUtils::erase(folder);
         return;
+    }
+    unpackFolder = folder;
     unzipper = new Unzipper(packageFile, folder, false);
     unzipper->setParent(this);
     connect(unzipper, &Unzipper::unzippingDone, this, &DownloadManager::unzippingFinished);
@@ -48,6 +52,8 @@ void DownloadManager::unzippingFinished(const QString &folder)
 
 void DownloadManager::unzippingFailed(const QString &message)
 {
+    // Whatever was unpacked before the failure is of no use to anybody.
+    FileUtils::erase(unpackFolder);
     QMessageBox box(QMessageBox::Critical, QCoreApplication::applicationName(),
                     QCoreApplication::translate("DownloadManager", "Downloaded file could not be unpacked:<br>") + message,
                     QMessageBox::Ok);

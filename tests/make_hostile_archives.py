@@ -13,11 +13,23 @@ Each archive tries one way out of the target folder or one way to exhaust the un
   truncated.zip       a valid archive cut in half
   corrupt.zip         a valid archive with damaged compressed data
   not-utf8.zip        a name in Latin-1 bytes without the UTF-8 flag (allowed, must stay inside)
+  bad-crc.zip         a stored entry whose data no longer matches its CRC
+  empty.zip           an empty file
+  format-*.zip        tar, tar.gz, cpio, 7z, ISO 9660, ar, xar, warc and mtree archives renamed
+  fifo.zip, device.zip a FIFO entry, a character-device entry
+  setuid.zip          a program with mode 4777
+  link-chain.zip      l2 -> ".", then l1 -> "l2/.." (escapes where it finally resolves)
+  link-chain-late.zip l1 -> "d/..", then d -> "." (escapes once the later link exists)
+  file-then-folder.zip, folder-then-file.zip, file-under-file.zip: one name, folder and file
   good.zip            a small valid package: bin/app (executable), share/readme.txt
 """
+import io
 import os
+import shutil
 import stat
+import subprocess
 import sys
+import tarfile
 import zipfile
 
 
@@ -26,6 +38,32 @@ def link(zf, name, target):
     info.create_system = 3
     info.external_attr = (stat.S_IFLNK | 0o777) << 16
     zf.writestr(info, target)
+
+
+def special(path, name, kind):
+    with zipfile.ZipFile(path, "w") as zf:
+        info = zipfile.ZipInfo(name)
+        info.create_system = 3
+        info.external_attr = (kind | 0o644) << 16
+        zf.writestr(info, "")
+
+
+def other_formats(out):
+    """The same two files in every other format libarchive reads, each named .zip."""
+    src = os.path.join(out, "format-src")
+    os.makedirs(src, exist_ok=True)
+    open(os.path.join(src, "a.txt"), "w").write("not a zip\n")
+    with tarfile.open(os.path.join(out, "format-tar.zip"), "w") as tf:
+        tf.add(os.path.join(src, "a.txt"), "a.txt")
+    with tarfile.open(os.path.join(out, "format-targz.zip"), "w:gz") as tf:
+        tf.add(os.path.join(src, "a.txt"), "a.txt")
+    bsdtar = shutil.which("bsdtar")
+    for fmt in ("cpio", "7zip", "iso9660", "ar", "xar", "warc", "mtree"):
+        target = os.path.join(out, "format-%s.zip" % fmt)
+        if bsdtar:
+            subprocess.run([bsdtar, "--format", fmt, "-cf", target, "-C", src, "a.txt"],
+                           check=False, stderr=subprocess.DEVNULL)
+    shutil.rmtree(src)
 
 
 def good(path):
@@ -78,6 +116,37 @@ def main(out):
         zf.writestr("cafX.txt", "latin-1 name")
     raw = open(p("not-utf8.zip"), "rb").read().replace(b"cafX.txt", b"caf\xe9.txt")
     open(p("not-utf8.zip"), "wb").write(raw)
+
+    with zipfile.ZipFile(p("bad-crc.zip"), "w", zipfile.ZIP_STORED) as zf:
+        zf.writestr("data.txt", "0123456789" * 100)
+    raw = bytearray(open(p("bad-crc.zip"), "rb").read())
+    at = raw.index(b"0123456789")
+    raw[at + 500] ^= 0x01
+    open(p("bad-crc.zip"), "wb").write(bytes(raw))
+    open(p("empty.zip"), "wb").close()
+    other_formats(out)
+    special(p("fifo.zip"), "pipe", stat.S_IFIFO)
+    special(p("device.zip"), "tty", stat.S_IFCHR)
+    with zipfile.ZipFile(p("setuid.zip"), "w") as zf:
+        info = zipfile.ZipInfo("tool")
+        info.create_system = 3
+        info.external_attr = (stat.S_IFREG | 0o4777) << 16
+        zf.writestr(info, "#!/bin/sh\n")
+    with zipfile.ZipFile(p("link-chain.zip"), "w") as zf:
+        link(zf, "l2", ".")
+        link(zf, "l1", "l2/..")
+    with zipfile.ZipFile(p("link-chain-late.zip"), "w") as zf:
+        link(zf, "l1", "d/..")
+        link(zf, "d", ".")
+    with zipfile.ZipFile(p("file-then-folder.zip"), "w") as zf:
+        zf.writestr("a", "file")
+        zf.writestr(zipfile.ZipInfo("a/"), "")
+    with zipfile.ZipFile(p("folder-then-file.zip"), "w") as zf:
+        zf.writestr(zipfile.ZipInfo("a/"), "")
+        zf.writestr("a", "file")
+    with zipfile.ZipFile(p("file-under-file.zip"), "w") as zf:
+        zf.writestr("a", "file")
+        zf.writestr("a/b.txt", "below a file")
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QMutex>
 #include <QProgressDialog>
 #include <QSet>
@@ -14,6 +15,7 @@
 #include <archive_entry.h>
 
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -26,12 +28,20 @@ namespace {
 QMutex s_limitsMutex;
 ZipReader::Limits s_defaultLimits{ qint64(8) << 30, 100000 };
 
+// A ZIP archive open for reading. Only ZIP is read (a package names its type, and nothing else
+// hides behind a ".zip"), and a warning of libarchive (a bad CRC, for one) is a failure.
 struct ReadArchive
 {
     explicit ReadArchive(const QString &file) : a(archive_read_new())
     {
-        archive_read_support_filter_all(a);
-        archive_read_support_format_all(a);
+        const QFileInfo info(file);
+        if (!info.isFile() || info.size() == 0) {
+            archive_read_free(a);
+            throw IOException(QStringLiteral("%1 is not a readable archive: %2")
+                                      .arg(file, info.isFile() ? QStringLiteral("the file is empty")
+                                                               : QStringLiteral("not a regular file")));
+        }
+        archive_read_support_format_zip(a);
         if (archive_read_open_filename(a, QFile::encodeName(file).constData(), 64 * 1024) != ARCHIVE_OK) {
             const QString why = error();
             archive_read_free(a);
@@ -51,7 +61,7 @@ struct ReadArchive
         const int r = archive_read_next_header(a, &entry);
         if (r == ARCHIVE_EOF)
             return nullptr;
-        if (r < ARCHIVE_WARN)
+        if (r != ARCHIVE_OK)
             throw IOException(QStringLiteral("damaged archive: %1").arg(error()));
         return entry;
     }
@@ -64,25 +74,54 @@ QString entryName(archive_entry *entry)
     return raw ? QFile::decodeName(raw) : QString();
 }
 
-// True when `link`, found at `entryPath` inside the target, stays inside the target.
+// True when `link`, found at `entryPath` inside the target, stays inside the target. The
+// working folder is the target: the walk follows the links already written there, as anyone
+// opening the link later would (`l2 -> .` makes `l2/..` the target's parent).
 bool linkStaysInside(const QByteArray &entryPath, const QByteArray &link)
 {
     if (link.isEmpty() || link.startsWith('/'))
         return false;
-    QList<QByteArray> parts = entryPath.split('/');
-    parts.removeLast();
-    for (const QByteArray &p : link.split('/')) {
-        if (p.isEmpty() || p == ".")
+    QList<QByteArray> resolved;
+    QList<QByteArray> pending = entryPath.split('/');
+    pending.removeLast();
+    pending += link.split('/');
+    int expansions = 0;
+    while (!pending.isEmpty()) {
+        const QByteArray part = pending.takeFirst();
+        if (part.isEmpty() || part == ".")
             continue;
-        if (p == "..") {
-            if (parts.isEmpty())
+        if (part == "..") {
+            if (resolved.isEmpty())
                 return false;
-            parts.removeLast();
-        } else {
-            parts.append(p);
+            resolved.removeLast();
+            continue;
         }
+        const QByteArray here = (resolved + QList<QByteArray>{ part }).join('/');
+        struct stat st;
+        if (lstat(here.constData(), &st) == 0 && S_ISLNK(st.st_mode)) {
+            if (++expansions > 40)
+                return false; // a loop, or deliberately deep
+            QByteArray target(st.st_size > 0 ? st.st_size : 4096, Qt::Uninitialized);
+            const ssize_t n = readlink(here.constData(), target.data(), size_t(target.size()));
+            if (n <= 0 || target.at(0) == '/')
+                return false;
+            target.truncate(n);
+            pending = target.split('/') + pending;
+            continue;
+        }
+        resolved.append(part);
     }
     return true;
+}
+
+// Entry paths as written, without "./" and trailing slashes.
+QByteArray normalisedPath(QByteArray path)
+{
+    while (path.startsWith("./"))
+        path.remove(0, 2);
+    while (path.endsWith('/'))
+        path.chop(1);
+    return path;
 }
 
 // The working folder of the calling thread is the target while this object lives. libarchive's
@@ -143,6 +182,8 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
 
         qint64 entries = 0;
         qint64 written = 0;
+        QHash<QByteArray, bool> isFolder; // every path written, and the folders above them
+        QList<QByteArray> links;
         while (archive_entry *entry = in.next()) {
             if (canceled)
                 return;
@@ -153,13 +194,43 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
             }
             if (++entries > limits.maxEntries)
                 throw IOException(QStringLiteral("more than %1 entries").arg(limits.maxEntries));
-            const QByteArray path = archive_entry_pathname(entry);
+            const QByteArray path = normalisedPath(archive_entry_pathname(entry));
+            const mode_t type = archive_entry_filetype(entry);
+            if (type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK)
+                throw IOException(QStringLiteral("%1 is a special file (FIFO or device)").arg(name));
+            // One name is one thing: a folder and a file of the same name is a damaged package.
+            const bool folder = type == AE_IFDIR;
+            if (const auto seen = isFolder.constFind(path); seen != isFolder.cend()) {
+                if (*seen != folder)
+                    throw IOException(QStringLiteral("%1 is both a folder and a file").arg(name));
+                if (!folder && !overwrite) { // the same file again: the first stays
+                    archive_read_data_skip(in.a);
+                    continue;
+                }
+            }
+            for (qsizetype slash = path.indexOf('/'); slash > 0; slash = path.indexOf('/', slash + 1)) {
+                if (!isFolder.value(path.left(slash), true))
+                    throw IOException(QStringLiteral("%1 is both a folder and a file").arg(QString::fromUtf8(path.left(slash))));
+                isFolder.insert(path.left(slash), true);
+            }
+            isFolder.insert(path, folder);
+
             if (const char *link = archive_entry_symlink(entry); link && !linkStaysInside(path, link))
                 throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
             if (const char *link = archive_entry_hardlink(entry); link && !linkStaysInside(QByteArray(), link))
                 throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
-            if (archive_write_header(out.get(), entry) < ARCHIVE_WARN)
+            // Nothing unpacked runs with another user's rights or can be changed by other users.
+            archive_entry_set_perm(entry, archive_entry_perm(entry)
+                                   & ~mode_t(S_ISUID | S_ISGID | S_ISVTX | S_IWGRP | S_IWOTH));
+            if (archive_write_header(out.get(), entry) != ARCHIVE_OK)
                 throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
+            // An entry counts by the extent it covers, so a sparse entry counts by its full size.
+            qint64 extent = archive_entry_size_is_set(entry) ? archive_entry_size(entry) : 0;
+            const auto checkSize = [&] {
+                if (written + extent > limits.maxTotalBytes)
+                    throw IOException(QStringLiteral("unpacks to more than %1 bytes").arg(limits.maxTotalBytes));
+            };
+            checkSize();
             const void *block = nullptr;
             size_t size = 0;
             la_int64_t offset = 0;
@@ -167,19 +238,29 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
                 const int r = archive_read_data_block(in.a, &block, &size, &offset);
                 if (r == ARCHIVE_EOF)
                     break;
-                if (r < ARCHIVE_WARN)
+                if (r != ARCHIVE_OK)
                     throw IOException(QStringLiteral("%1: %2").arg(name, in.error()));
-                written += qint64(size);
-                if (written > limits.maxTotalBytes)
-                    throw IOException(QStringLiteral("unpacks to more than %1 bytes").arg(limits.maxTotalBytes));
-                if (archive_write_data_block(out.get(), block, size, offset) < ARCHIVE_WARN)
+                extent = qMax(extent, qint64(offset) + qint64(size));
+                checkSize();
+                if (archive_write_data_block(out.get(), block, size, offset) != ARCHIVE_OK)
                     throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
                 if (canceled)
                     return;
             }
-            if (archive_write_finish_entry(out.get()) < ARCHIVE_WARN)
+            written += extent;
+            if (archive_write_finish_entry(out.get()) != ARCHIVE_OK)
                 throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
+            if (type == AE_IFLNK)
+                links.append(path);
             ++done;
+        }
+        // A link written early may lead out through one written later (`l1 -> d/..`, then
+        // `d -> .`): every link is judged again against the finished tree.
+        for (const QByteArray &link : std::as_const(links)) {
+            QByteArray target(4096, Qt::Uninitialized);
+            const ssize_t n = readlink(link.constData(), target.data(), size_t(target.size()));
+            if (n <= 0 || !linkStaysInside(link, target.left(n)))
+                throw IOException(QStringLiteral("%1 links outside the target folder").arg(QFile::decodeName(link)));
         }
     } catch (const IOException &e) {
         error = e.message();

@@ -33,12 +33,16 @@ protected:
     std::atomic<bool> m_canceled{ false };
 };
 
-/// Reads archives (ZIP, and whatever else libarchive reads) and extracts them safely.
+/// Reads ZIP archives and extracts them safely. Nothing but ZIP is read, an empty file is not an
+/// archive, and a warning (a bad CRC) is a failure.
 ///
 /// Extraction always refuses entries that would land outside the target folder: absolute paths,
-/// ".." components, writing through symbolic links, and links that point outside the target.
-/// Sizes declared inside an archive can lie, so the bytes actually written and the number of
-/// entries are capped (limits()). Every failure arrives as qv::IOException.
+/// ".." components, writing through symbolic links, and links that lead outside the target
+/// where they finally resolve (following the links written before and after them). FIFOs and
+/// device nodes are refused, and so is a name that is both a folder and a file; setuid, setgid,
+/// sticky and group- or world-write bits are dropped. Sizes declared inside an archive can lie,
+/// so the extent of every entry (a sparse one by its full size) and the number of entries are
+/// capped (limits()). Every failure arrives as qv::IOException.
 class QV_PLATFORM_EXPORT ZipReader : public ZipDevice
 {
     Q_OBJECT
