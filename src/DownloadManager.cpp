@@ -6,9 +6,14 @@
 #include <qv/FileUtils.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
+#include <qv/XmlUtils.h>
 
 #include <QFile>
+#include <QFileInfo>
+#include <QPointer>
 #include <QSettings>
+
+#include <memory>
 
 namespace qv {
 
@@ -118,13 +123,18 @@ void DownloadManager::queryResult(RequestPtr resp)
     buffer->seek(0);
     if (resp->responseHeader().hasKey(QStringLiteral("set-cookie")))
         cookie = resp->responseHeader().value(QStringLiteral("set-cookie"));
-    auto *context = static_cast<RequestData *>(resp->userData());
-    RequestData empty;
-    queryResult(buffer, context ? context : &empty);
-    lastAnswer = buffer->data();
-    delete context;
+    std::unique_ptr<RequestData> context(static_cast<RequestData *>(resp->userData()));
     resp->setUserData(nullptr);
-    Q_EMIT queryFinished();
+    // An answer over the catalogue limit was dropped unread: it counts as malformed, and the
+    // copy of the last answer stays as it was.
+    if (!resp->bodyTooLarge())
+        lastAnswer = buffer->data();
+    RequestData empty;
+    // The receivers of the signals below may delete the manager.
+    const QPointer<DownloadManager> self(this);
+    queryResult(buffer, context ? context.get() : &empty);
+    if (self)
+        Q_EMIT queryFinished();
 }
 
 void DownloadManager::queryResult(QIODevice *input, RequestData *data)
@@ -144,6 +154,7 @@ void DownloadManager::queryResult(QIODevice *input, RequestData *data)
         p.flags &= ~2;
     if (data->callbackSlot)
         invokeQueued(data->callbackReceiver, data->callbackSlot, Q_ARG(qv::PackageInfoList, list));
+    // Deliberately the last use of the manager: a receiver may delete it.
     if (!list.isEmpty())
         Q_EMIT packageFound(list);
     else
@@ -154,9 +165,11 @@ void DownloadManager::queryResult(QIODevice *input, RequestData *data)
 
 void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
 {
+    // The copy is held to the limits of a live answer; a FIFO or a device is never opened for
+    // reading (it could block forever).
     if (!cacheFile.isEmpty() && QFile::exists(cacheFile)) {
         try {
-            lastAnswer = FileUtils::readBytes(cacheFile);
+            lastAnswer = FileUtils::readBytes(cacheFile, XmlLimits().maxBytes);
         } catch (const IOException &e) {
             LogQt::write(lcDownload(), Log::Warning, QStringLiteral("DownloadManager::loadHistory() -> ") + e.message());
         }
@@ -173,7 +186,13 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
         host.path = HttpClient::encodedUrlPath(UPDATE_URL);
     }
     const QDateTime limit = QDateTime::currentDateTime().addYears(-2);
-    const int count = settings.beginReadArray(QStringLiteral("hist"));
+    int count = settings.beginReadArray(QStringLiteral("hist"));
+    // No answer holds more packages than elements; a larger count is damage, not history.
+    if (count > XmlLimits().maxElements) {
+        LogQt::write(lcDownload(), Log::Warning,
+                     QStringLiteral("DownloadManager::loadHistory() -> ignoring a history of %1 entries").arg(count));
+        count = 0;
+    }
     for (int i = 0; i < count; ++i) {
         settings.setArrayIndex(i);
         const QString version = Preferences::stringValue(settings, QStringLiteral("version"), QString());
@@ -217,9 +236,13 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
 void DownloadManager::startDownload(const PackageInfo &package, const QString &filePath)
 {
     // Owned by the manager until the download reports its outcome; a failed open shows up as a
-    // short file.
+    // short file. A target that could lead elsewhere than it reads is never opened.
     auto *file = new QFile(filePath, this);
-    file->open(QIODevice::WriteOnly | QIODevice::Truncate);
+    if (FileUtils::isPlainFilePath(filePath) && !QFileInfo(filePath).isSymLink())
+        file->open(QIODevice::WriteOnly | QIODevice::Truncate);
+    else
+        LogQt::write(lcDownload(), Log::Error,
+                     QStringLiteral("DownloadManager::startDownload() -> refusing the target ") + filePath);
 
     // Package downloads always go to port 80 of the package's host.
     HttpHost target = host;
@@ -244,35 +267,38 @@ void DownloadManager::downloadStarting(RequestPtr request)
 
 void DownloadManager::downloadResult(RequestPtr request)
 {
-    auto *package = static_cast<PackageInfo *>(request->userData());
+    std::unique_ptr<PackageInfo> package(static_cast<PackageInfo *>(request->userData()));
     if (!package)
         return;
+    request->setUserData(nullptr);
     // A package without an announced size never reports an outcome; its file stays as it is,
     // open, until the manager goes.
-    if (package->fileSize == 0) {
-        delete package;
-        request->setUserData(nullptr);
+    if (package->fileSize == 0)
         return;
-    }
-    auto *file = qobject_cast<QFile *>(request->outputDevice());
+    std::unique_ptr<QFile> file(qobject_cast<QFile *>(request->outputDevice()));
+    request->setOutputDevice(nullptr);
     const QString fileName = file ? file->fileName() : QString();
     qint64 size = 0;
-    if (file) {
+    // Only what this download wrote counts: a refused target was never opened.
+    if (file && file->isOpen()) {
         file->close();
         size = file->size();
     }
+    file.reset();
+
+    // Everything is released before the signals: a receiver may delete the manager, so each
+    // emission checks that it is still there.
+    const QPointer<DownloadManager> self(this);
     if (quint64(size) < quint64(package->fileSize)) {
         Q_EMIT downloadFailure(*package, fileName);
-        Q_EMIT downloadFailure(request->statusCode());
+        if (self)
+            Q_EMIT downloadFailure(request->statusCode());
     } else {
         package->localFile = fileName;
         Q_EMIT downloadSuccess(*package, fileName);
-        Q_EMIT downloadSuccess();
+        if (self)
+            Q_EMIT downloadSuccess();
     }
-    delete package;
-    delete file;
-    request->setUserData(nullptr);
-    request->setOutputDevice(nullptr);
 }
 
 void DownloadManager::abortDownload()

@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+
 using qv::DownloadManager;
 using qv::PackageInfo;
 using qv::PackageInfoList;
@@ -184,6 +186,78 @@ private Q_SLOTS:
         QVERIFY(!manager.isQueryBusy());
     }
 
+    // An answer larger than any catalogue is not read to its end (a stalled one ends at once)
+    // and does not replace the copy of the last good answer.
+    void oversizedAnswersAreDroppedAtTheLimit_data()
+    {
+        QTest::addColumn<qint64>("announced");
+        QTest::newRow("announced as 1 GB") << qint64(1000000000);
+        QTest::newRow("length not announced") << qint64(-2);
+    }
+    void oversizedAnswersAreDroppedAtTheLimit()
+    {
+        QFETCH(qint64, announced);
+        const QByteArray good = "<softwareList><package name='kept' release='1' file-size='1'/></softwareList>";
+        const QByteArray huge(33 << 20, ' ');
+        bool first = true;
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            if (first) {
+                first = false;
+                return Response::ok(good, "text/xml");
+            }
+            Response r = Response::ok(huge, "text/xml");
+            r.mode = Response::Stall;
+            r.sendBeforeStall = huge.size();
+            r.announcedLength = announced;
+            return r;
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        DownloadManager manager(QUrl(QString::fromLatin1(server.url("/list.xml"))));
+        QCOMPARE(runQuery(manager).size(), 1);
+        QSignalSpy none(&manager, &DownloadManager::noPackageFound);
+        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("larger than 33554432 bytes"));
+        QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
+        manager.queryUpdate();
+        QVERIFY(finished.wait(10000)); // the stall limit is 30 s: nothing waited for it
+        QCOMPARE(none.count(), 1);
+        QCOMPARE(manager.recentPackages(PackageInfo()).value(0).name, QString("kept"));
+    }
+
+    // A receiver may delete the manager in the slot that hears the outcome.
+    void managerDeletedByItsReceiver_data()
+    {
+        QTest::addColumn<QString>("signal");
+        QTest::newRow("download success") << "success";
+        QTest::newRow("download failure") << "failure";
+        QTest::newRow("package found") << "found";
+        QTest::newRow("no package found") << "none";
+    }
+    void managerDeletedByItsReceiver()
+    {
+        QFETCH(QString, signal);
+        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(100, 'x')); });
+        bindPort80(server);
+        QTemporaryDir dir;
+        if (signal == "none")
+            m_catalogue = "<softwareList/>";
+        QPointer<DownloadManager> manager = new DownloadManager(catalogueUrl());
+        const auto drop = [&manager] { delete manager.data(); };
+        if (signal == "success")
+            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess), this, drop);
+        else if (signal == "failure")
+            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure), this, drop);
+        else if (signal == "found")
+            connect(manager, &DownloadManager::packageFound, this, drop);
+        else
+            connect(manager, &DownloadManager::noPackageFound, this, drop);
+        if (signal == "success" || signal == "failure")
+            manager->startDownload(sizedPackage("http://127.0.0.1/x.zip", signal == "success" ? 100 : 200), dir.filePath("x.zip"));
+        else
+            manager->queryUpdate();
+        QTRY_VERIFY_WITH_TIMEOUT(!manager, 10000);
+    }
+
     void deadServerEndsTheQuery()
     {
         TestHttpServer probe;
@@ -312,20 +386,60 @@ private Q_SLOTS:
         QCOMPARE(later.queryUrl(), migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
     }
 
+    void corruptHistoryFallsBack_data()
+    {
+        QTest::addColumn<QByteArray>("ini");
+        QTest::newRow("junk values") << QByteArray("[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
+                                                   "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray(\\xff)\n"
+                                                   "hist\\9\\version=b\n");
+        // Read entry by entry, two billion took about 25 minutes.
+        QTest::newRow("two billion entries") << QByteArray("[Download]\nver=3\nhist\\size=2000000000\n");
+    }
     void corruptHistoryFallsBack()
     {
+        QFETCH(QByteArray, ini);
         QTemporaryDir dir;
         QFile f(dir.filePath("s.ini"));
         QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
-                "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray(\\xff)\n"
-                "hist\\9\\version=b\n");
+        f.write(ini);
         f.close();
         QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
+        if (ini.contains("2000000000"))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("ignoring a history of 2000000000 entries"));
         DownloadManager manager(settings, dir.filePath("missing-cache.xml"));
         QVERIFY(manager.lastCheckTime().isNull());
         QVERIFY(!manager.isRegularCheck());
         QCOMPARE(int(manager.server().proxyPreference), 0);
+        QVERIFY(manager.recentPackages(PackageInfo()).isEmpty());
+    }
+
+    // A copy that no live answer could be, or that cannot be read without blocking, is ignored.
+    void unreadableCacheFilesAreIgnored_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("FIFO") << "fifo" << "not a regular file";
+        QTest::newRow("600 MB file") << "large" << "larger than 33554432 bytes";
+        QTest::newRow("folder") << "folder" << "not a regular file";
+    }
+    void unreadableCacheFilesAreIgnored()
+    {
+        QFETCH(QString, kind);
+        QFETCH(QString, message);
+        QTemporaryDir dir;
+        const QString cache = dir.filePath("cache.xml");
+        if (kind == "fifo") {
+            QCOMPARE(mkfifo(QFile::encodeName(cache).constData(), 0600), 0);
+        } else if (kind == "large") {
+            QFile f(cache);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            QVERIFY(f.resize(600LL << 20)); // sparse: no disk is used
+        } else {
+            QVERIFY(QDir().mkpath(cache));
+        }
+        QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("loadHistory.*" + message));
+        DownloadManager manager(settings, cache);
         QVERIFY(manager.recentPackages(PackageInfo()).isEmpty());
     }
 
@@ -463,6 +577,63 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("could not write the response"));
         manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 300000), target);
         QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
+    }
+
+    // The download writes at the path it is given and nowhere else; a path that could lead
+    // elsewhere fails like an unwritable one. Before, "<folder>/sub/.." counted the size of the
+    // folder as the download's, and a link was written through.
+    void targetsThatLeadElsewhereAreRefused_data()
+    {
+        QTest::addColumn<QString>("target"); // "@" is the test folder
+        QTest::newRow("ends in /..") << "@/sub/..";
+        QTest::newRow("ends in /.") << "@/sub/.";
+        QTest::newRow("a .. section") << "@/sub/../x.zip";
+        QTest::newRow("ends in /") << "@/sub/";
+        QTest::newRow("a link to a file outside") << "@/sub/link.zip";
+    }
+    void targetsThatLeadElsewhereAreRefused()
+    {
+        QFETCH(QString, target);
+        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(3000, 'z')); });
+        bindPort80(server);
+        QTemporaryDir dir;
+        QVERIFY(QDir().mkpath(dir.filePath("sub")));
+        QFile outside(dir.filePath("outside.txt"));
+        QVERIFY(outside.open(QIODevice::WriteOnly));
+        outside.write("keep me");
+        outside.close();
+        QVERIFY(QFile::link(outside.fileName(), dir.filePath("sub/link.zip")));
+        target.replace("@", dir.path());
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("refusing the target"));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("could not write the response"));
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 100), target);
+        QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
+        QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList({ "outside.txt", "sub" }));
+        QVERIFY(outside.open(QIODevice::ReadOnly));
+        QCOMPARE(outside.readAll(), QByteArray("keep me"));
+    }
+
+    // Bodies are stored as served: a gzip-encoded answer is not inflated on the way.
+    void bodiesAreStoredAsServed()
+    {
+        const QByteArray gz = QByteArray::fromHex("1f8b08000000000002034b4c4a0600c241243503000000");
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            Response r = Response::ok(gz);
+            r.headers << qMakePair(QByteArray("Content-Encoding"), QByteArray("gzip"));
+            return r;
+        });
+        bindPort80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(catalogueUrl());
+        QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        manager.startDownload(sizedPackage("http://127.0.0.1/v.tar.gz", gz.size()), dir.filePath("v.tar.gz"));
+        QVERIFY(okPlain.wait(10000));
+        QFile stored(dir.filePath("v.tar.gz"));
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        QCOMPARE(stored.readAll(), gz);
+        QCOMPARE(server.requests().first().header("Accept-Encoding"), QByteArray("identity"));
     }
 
     void abortKeepsThePartialFile()

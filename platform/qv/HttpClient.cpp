@@ -142,10 +142,20 @@ void HttpClient::startNext()
 
     QNetworkRequest request(m_current->m_urls.first());
     request.setTransferTimeout(m_stallTimeout);
+    // Bodies are stored exactly as served: asking for "identity" also keeps the network layer
+    // from inflating a compressed answer.
+    request.setRawHeader("Accept-Encoding", "identity");
     m_reply = m_manager->get(request);
     // Back-pressure: the network thread holds at most this much while the output falls behind.
     m_reply->setReadBufferSize(1 << 20);
     connect(m_reply, &QNetworkReply::readyRead, this, &HttpClient::onReadyRead);
+    connect(m_reply, &QNetworkReply::metaDataChanged, this, [this] {
+        if (m_reply && m_current
+            && bodyTooLarge(m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong())) {
+            m_current->m_tooLarge = true;
+            fail(QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
+        }
+    });
     connect(m_reply, &QNetworkReply::finished, this, &HttpClient::onFinished);
     connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &to) {
         if (m_current)
@@ -158,6 +168,12 @@ void HttpClient::startNext()
 
     const RequestPtr started = m_current;
     Q_EMIT requestStarted(started);
+}
+
+bool HttpClient::bodyTooLarge(qint64 announced) const
+{
+    return !m_current->m_output && m_maxMemoryBody >= 0
+            && (m_current->m_received > m_maxMemoryBody || announced > m_maxMemoryBody);
 }
 
 void HttpClient::onReadyRead()
@@ -173,6 +189,14 @@ void HttpClient::onReadyRead()
             break;
         m_current->m_received += n;
         if (!out) {
+            // A body kept in memory stops at the limit, and what came is dropped.
+            if (bodyTooLarge(0)) {
+                m_current->m_body.clear();
+                m_current->m_body.squeeze();
+                m_current->m_tooLarge = true;
+                fail(QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
+                return;
+            }
             m_current->m_body.append(chunk.constData(), n);
             continue;
         }
@@ -252,8 +276,12 @@ void HttpClient::finish()
         const qsizetype paren = method.indexOf('(');
         if (paren >= 0)
             method.truncate(paren);
+        // The receiver may delete this client (its owner) in the slot.
+        const QPointer<HttpClient> self(this);
         QMetaObject::invokeMethod(done->m_receiver, method.constData(), Qt::DirectConnection,
                                   Q_ARG(RequestPtr, done));
+        if (!self)
+            return;
     }
     startNext();
 }

@@ -51,6 +51,8 @@ public:
     /// Why the request failed (network error, stall, write error); empty when it completed.
     QString errorString() const { return m_error; }
     qint64 bytesReceived() const { return m_received; }
+    /// True when a body kept in memory passed the client's limit and was dropped.
+    bool bodyTooLarge() const { return m_tooLarge; }
 
     /// The completion slot given to prepareGet(), as given.
     QByteArray completionSlot() const { return m_slot; }
@@ -75,6 +77,7 @@ private:
     QByteArray m_body;
     QString m_error;
     qint64 m_received = 0;
+    bool m_tooLarge = false;
     void *m_userData = nullptr;
 };
 
@@ -89,7 +92,8 @@ Q_DECLARE_METATYPE(RequestPtr)
 /// A transfer that stops is ended as failed: when no byte arrives for `stallTimeout()` (30 s by
 /// default), or when fewer than `minimumBytes()` (1 KiB) arrive in any window of `speedWindow()`
 /// (60 s) from the start of the request. A write error on the output device (a full disk) ends
-/// the request too.
+/// the request too. Every request asks for the body as it is stored ("Accept-Encoding:
+/// identity"); nothing is inflated on the way.
 class QV_PLATFORM_EXPORT HttpClient : public QObject
 {
     Q_OBJECT
@@ -121,6 +125,10 @@ public:
     void reset();
 
     void setTransferLimits(int stallTimeoutMs, qint64 minimumBytes, int speedWindowMs);
+    /// A body kept in memory longer than this (32 MiB unless changed; -1: no limit) ends its
+    /// request as failed, with an empty body, as soon as it is announced or has arrived.
+    void setMaximumMemoryBody(qint64 bytes) { m_maxMemoryBody = bytes; }
+    qint64 maximumMemoryBody() const { return m_maxMemoryBody; }
     int stallTimeout() const { return m_stallTimeout; }
     qint64 minimumBytes() const { return m_minimumBytes; }
     int speedWindow() const { return m_speedWindow; }
@@ -141,6 +149,7 @@ private:
     void reportProgress();
     void fail(const QString &why);
     void finish();
+    bool bodyTooLarge(qint64 announced) const;
 
     qv::HttpHost m_host;
     QNetworkAccessManager *m_manager;
@@ -153,4 +162,5 @@ private:
     int m_stallTimeout = 30000;
     qint64 m_minimumBytes = 1024;
     int m_speedWindow = 60000;
+    qint64 m_maxMemoryBody = 32 * 1024 * 1024;
 };

@@ -108,7 +108,9 @@ void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
     QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonPhrase(r.status) + "\r\n";
     for (const auto &h : r.headers)
         head += h.first + ": " + h.second + "\r\n";
-    head += "Content-Length: " + QByteArray::number(length) + "\r\nConnection: close\r\n\r\n";
+    if (r.announcedLength != -2)
+        head += "Content-Length: " + QByteArray::number(length) + "\r\n";
+    head += "Connection: close\r\n\r\n";
     socket->write(head);
 
     switch (r.mode) {

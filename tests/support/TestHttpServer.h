@@ -29,7 +29,7 @@ public:
         QByteArray body;
         QList<QPair<QByteArray, QByteArray>> headers;
         Mode mode = Normal;
-        qint64 announcedLength = -1; ///< Content-Length; -1 is the body's size
+        qint64 announcedLength = -1; ///< Content-Length; -1 is the body's size, -2 sends none
         qint64 missing = 0;
         qint64 sendBeforeStall = 0;
         int dripIntervalMs = 50;
