@@ -67,9 +67,17 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     auto *manager = new DownloadManager(host, QString());
 
     const QString link = package.url.toString();
-    m_downloadedFilePath = FileUtils::createTempDir() + QLatin1Char('/') + link.section(QLatin1Char('/'), -1);
+    // Everything of this download stays inside this folder: the manager refuses a file name
+    // that leads out of it ("..", "."), and clean-up removes the folder and nothing else.
+    m_downloadFolder = FileUtils::createTempDir();
+    m_downloadedFilePath = m_downloadFolder + QLatin1Char('/') + link.section(QLatin1Char('/'), -1);
     progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> ") + link + QStringLiteral(" to ")
                  + m_downloadedFilePath);
+    if (m_downloadFolder.isEmpty()) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> could not create a temporary folder"));
+        downloadError(0);
+        return;
+    }
 
     if (!m_progressDialog) {
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
@@ -132,7 +140,13 @@ void SoftwareUpdateClient::downloadError(int httpStatusCode)
 void SoftwareUpdateClient::abortDownload()
 {
     deleteProgressDialog();
-    if (!FileUtils::erase(m_downloadedFilePath))
+    // The download's own folder goes with the file; a file path that leads out of it ("/.."
+    // at the end of a link) is never followed.
+    const bool removed = m_downloadFolder.isEmpty() ? FileUtils::erase(m_downloadedFilePath)
+                                                    : FileUtils::erase(m_downloadFolder);
+    if (removed)
+        m_downloadFolder.clear();
+    else
         errorLine(QStringLiteral("SoftwareUpdateClient::abortDownload() -> could not remove downloaded files: ")
                   + m_downloadedFilePath);
 }
@@ -157,6 +171,16 @@ void SoftwareUpdateClient::installMPKGPackage()
         m_unpackingManager = new DownloadManager();
     m_unpackingManager->unzipPackage(m_downloadedFilePath);
     connect(m_unpackingManager, &DownloadManager::unzippingDone, this, &SoftwareUpdateClient::unzippedMPKGPackage);
+    removeDownloadFolderWhenUnpacked(m_unpackingManager);
+}
+
+void SoftwareUpdateClient::removeDownloadFolderWhenUnpacked(DownloadManager *unpacker)
+{
+    // The unpacked archive is deleted once unpacked; its folder then holds nothing of use.
+    connect(unpacker, &DownloadManager::unzippingDone, this, [folder = m_downloadFolder] {
+        if (!folder.isEmpty())
+            QDir().rmdir(folder);
+    });
 }
 
 void SoftwareUpdateClient::unzippedMPKGPackage(QString unzippedFilePath)
@@ -184,6 +208,7 @@ void SoftwareUpdateClient::installZIPPackage()
     // stays empty, and the restart question does not wait for the unpacking.
     auto *unpacker = new DownloadManager();
     unpacker->unzipPackage(m_downloadedFilePath);
+    removeDownloadFolderWhenUnpacked(unpacker);
     progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ") + m_downloadedFilePath
                  + QStringLiteral(" to ") + m_unpackedFolder);
 

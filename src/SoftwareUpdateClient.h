@@ -127,6 +127,7 @@ private:
     void installDEBPackage();
     void installRPKPackage();
     void installTARGZPackage();
+    void removeDownloadFolderWhenUnpacked(DownloadManager *unpacker);
 
     QWidget *m_parent = nullptr;
     QNetworkAccessManager *m_networkManager = nullptr;
@@ -138,6 +139,7 @@ private:
     SoftwareUpdateAvailableDialog *m_updateAvailableDialog = nullptr;
     QProgressDialog *m_progressDialog = nullptr;
     QString m_downloadedFilePath;
+    QString m_downloadFolder; ///< the temporary folder made for the running download
     /// Meant for the unpacked ZIP package; nobody is told where that is, so it stays empty.
     QString m_unpackedFolder;
     Qt::WindowFlags m_windowFlags;

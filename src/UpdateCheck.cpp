@@ -9,6 +9,7 @@
 #include "SoftwareUpdateDialog.h"
 
 #include <qv/QtHelpers.h>
+#include <qv/XmlUtils.h>
 
 #include <QCoreApplication>
 #include <QLocale>
@@ -21,6 +22,7 @@ namespace qv {
 namespace {
 
 const int kRequestTimeout = 15000;
+const char kTooLarge[] = "suc_tooLarge";
 
 QString longDate(const QDateTime &when)
 {
@@ -183,7 +185,18 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
                 &SoftwareUpdateClient::evaluateServerResponse);
     }
     m_networkManager->setProxy(networkProxy());
-    m_networkManager->get(request);
+    QNetworkReply *reply = m_networkManager->get(request);
+    // An answer larger than any catalogue is not read to its end: it is malformed.
+    const auto dropWhenTooLarge = [reply] {
+        const qint64 limit = XmlLimits().maxBytes;
+        if (reply->bytesAvailable() > limit
+            || reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > limit) {
+            reply->setProperty(kTooLarge, true);
+            reply->abort();
+        }
+    };
+    connect(reply, &QNetworkReply::metaDataChanged, reply, dropWhenTooLarge);
+    connect(reply, &QNetworkReply::readyRead, reply, dropWhenTooLarge);
 
     if (!m_requestTimeoutTimer) {
         m_requestTimeoutTimer = new QTimer(this);
@@ -212,8 +225,14 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     }
     if (m_updateDialog)
         m_updateDialog->disbaleProgress();
+    const bool tooLarge = reply->property(kTooLarge).toBool();
+    if (tooLarge) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> the answer is larger than %1 bytes")
+                  .arg(XmlLimits().maxBytes));
+        reply->readAll(); // dropped: the catalogue parsed below is empty, so malformed
+    }
     // A redirect without a target is read like any answer; Qt flags it as an error of its own.
-    if (reply->error() != QNetworkReply::NoError && !redirectWithoutTarget) {
+    if (reply->error() != QNetworkReply::NoError && !redirectWithoutTarget && !tooLarge) {
         requestError(reply->errorString());
         progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
                   + reply->errorString());

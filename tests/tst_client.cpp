@@ -240,6 +240,25 @@ private Q_SLOTS:
         QVERIFY(!openDialog<SoftwareUpdateDialog>()->findChild<QWidget *>("progressBar")->isVisible());
     }
 
+    // An answer larger than any catalogue is malformed, and is not read to its end: this one
+    // stalls after 33 MiB, and used to end in the 15 s timeout instead.
+    void oversizedAnswerIsMalformed()
+    {
+        const QByteArray body(33 << 20, ' ');
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            TestHttpServer::Response r = TestHttpServer::Response::ok(body, "text/xml");
+            r.mode = TestHttpServer::Response::Stall;
+            r.sendBeforeStall = body.size();
+            r.announcedLength = 1000000000;
+            return r;
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        makeClient();
+        store().setValue("serverURL", QString::fromLatin1(server.url("/list.xml")));
+        QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
+        QCOMPARE(checkFromDialog(), QString("No update available!"));
+    }
+
     void deadServerShowsTheError()
     {
         TestHttpServer probe;
@@ -455,14 +474,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("box");     // the last box shown
         QTest::addColumn<bool>("fileKept");
         QTest::addColumn<int>("downloads");
-        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList{ "Cancel Install" } << "Install Package" << false << 0;
-        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList{ "Proceed" } << "Install Package" << true << 1;
+        QTest::addColumn<int>("folders"); // temporary folders left: the kept file's, the unpacked one
+        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList{ "Cancel Install" } << "Install Package" << false << 0 << 0;
+        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList{ "Proceed" } << "Install Package" << true << 1 << 1;
         QTest::newRow("404") << "viewer.tar.gz" << 404 << QStringList{ "Proceed", "OK" }
-                             << "Download Error | Error downloading! Http status code 404" << false << 1;
+                             << "Download Error | Error downloading! Http status code 404" << false << 1 << 0;
         QTest::newRow("unknown type") << "viewer.bin" << 200 << QStringList{ "Proceed", "OK" }
-                                      << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1;
+                                      << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1 << 0;
         QTest::newRow("zip, restart later") << "viewer.zip" << 200 << QStringList{ "Proceed", "Restart later" }
-                                            << "Restart required" << false << 1;
+                                            << "Restart required" << false << 1 << 1;
+        // The file path is "<download folder>/..": its clean-up once removed the whole
+        // temporary folder. Now the download fails and only its own folder goes.
+        QTest::newRow("link ending in /..") << "viewer.tar.gz/.." << 200 << QStringList{ "Proceed", "OK" }
+                                            << "Download Error | Error downloading! Http status code 200" << false << 1 << 0;
     }
     void installByType()
     {
@@ -472,6 +496,10 @@ private Q_SLOTS:
         QFETCH(QString, box);
         QFETCH(bool, fileKept);
         QFETCH(int, downloads);
+        QFETCH(int, folders);
+        QFile other(QDir::temp().filePath("another-program.txt")); // not ours to touch
+        QVERIFY(other.open(QIODevice::WriteOnly));
+        other.close();
         QFile zip(QFINDTESTDATA("data/package.zip"));
         QVERIFY(zip.open(QIODevice::ReadOnly));
         const QByteArray body = file.endsWith(".zip") ? zip.readAll() : QByteArray(3000, 'p');
@@ -486,7 +514,7 @@ private Q_SLOTS:
                       "status='STABLE'><package release='3.0' url='" + file.toUtf8() + "' file-size='"
                 + QByteArray::number(body.size()) + "'/></package-set></softwareList>";
         makeClient();
-        store().setValue("supportedPackageTypes", "tar.gz,bin,zip");
+        store().setValue("supportedPackageTypes", "tar.gz,bin,zip,gz/");
         m_client->checkForUpdate(0);
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
         BoxAnswerer answerer(answers);
@@ -507,6 +535,8 @@ private Q_SLOTS:
             return false;
         };
         QTRY_COMPARE(downloadedFileExists(), fileKept);
+        QTRY_COMPARE(QDir::temp().entryList({ "softwareupdate-*" }, QDir::Dirs).size(), folders);
+        QVERIFY(other.exists());
     }
 };
 

@@ -1,3 +1,5 @@
+#include <qv/Exceptions.h>
+#include <qv/FileUtils.h>
 #include <qv/LogQt.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
@@ -7,6 +9,8 @@
 #include <QLoggingCategory>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <sys/stat.h>
 
 Q_LOGGING_CATEGORY(lcTest, "qv.softwareupdate.test")
 
@@ -220,6 +224,80 @@ private Q_SLOTS:
         QCOMPARE(r.calls, found ? QStringList{ text } : QStringList{});
     }
 
+
+    // Removal never leaves the place it was given: a path that does not say plainly where it
+    // leads, one outside `within`, or one through a link below it removes nothing.
+    void eraseStaysWhereItWasSent_data()
+    {
+        QTest::addColumn<QString>("path");   // "@" is the test folder, which holds dl/pkg.zip,
+        QTest::addColumn<QString>("within"); // keep.txt, and dl/link -> the test folder
+        QTest::addColumn<bool>("erased");
+        QTest::addColumn<QStringList>("left");
+        const QStringList all{ "dl", "dl/link", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt" };
+        QTest::newRow("a file") << "@/dl/pkg.zip" << "" << true << QStringList{ "dl", "dl/link", "dl/ro", "dl/ro/f", "keep.txt" };
+        QTest::newRow("a folder, read-only parts too") << "@/dl" << "" << true << QStringList{ "keep.txt" };
+        QTest::newRow("ends in /..") << "@/dl/.." << "" << false << all;
+        QTest::newRow("ends in /.") << "@/dl/." << "" << false << all;
+        QTest::newRow("inside, ends in /..") << "@/dl/.." << "@/dl" << false << all;
+        QTest::newRow("outside the folder") << "@/keep.txt" << "@/dl" << false << all;
+        QTest::newRow("through a link") << "@/dl/link/keep.txt" << "@/dl" << false << all;
+        QTest::newRow("a link: removed, not followed") << "@/dl/link" << "@/dl" << true
+                                                        << QStringList{ "dl", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt" };
+        QTest::newRow("the folder itself") << "@/dl/" << "@/dl" << true << QStringList{ "keep.txt" };
+    }
+    void eraseStaysWhereItWasSent()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, within);
+        QFETCH(bool, erased);
+        QFETCH(QStringList, left);
+        QTemporaryDir dir;
+        QVERIFY(QDir().mkpath(dir.filePath("dl/ro")));
+        for (const char *name : { "dl/pkg.zip", "keep.txt", "dl/ro/f" }) {
+            QFile f(dir.filePath(name));
+            QVERIFY(f.open(QIODevice::WriteOnly));
+        }
+        QVERIFY(QFile::link(dir.path(), dir.filePath("dl/link")));
+        QVERIFY(QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::ExeOwner));
+        path.replace("@", dir.path());
+        within.replace("@", dir.path());
+        QCOMPARE(qv::FileUtils::erase(path, within), erased);
+        QStringList found;
+        QDirIterator it(dir.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System, QDirIterator::Subdirectories);
+        while (it.hasNext())
+            found << QDir(dir.path()).relativeFilePath(it.next());
+        found.sort();
+        QCOMPARE(found, left);
+        QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+
+    // Reading never blocks on a FIFO and never takes more than it was allowed.
+    void readBytesRefusesWhatCannotBeAFile_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("FIFO") << "fifo";
+        QTest::newRow("folder") << "folder";
+        QTest::newRow("over the limit") << "large";
+        QTest::newRow("missing") << "missing";
+    }
+    void readBytesRefusesWhatCannotBeAFile()
+    {
+        QFETCH(QString, kind);
+        QTemporaryDir dir;
+        const QString path = dir.filePath("f");
+        if (kind == "fifo")
+            QCOMPARE(mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+        else if (kind == "folder")
+            QVERIFY(QDir().mkpath(path));
+        if (kind == "large") {
+            QFile f(path);
+            QVERIFY(f.open(QIODevice::WriteOnly));
+            f.write(QByteArray(101, 'x'));
+            f.close();
+            QCOMPARE(qv::FileUtils::readBytes(path).size(), 101);
+        }
+        QVERIFY_THROWS_EXCEPTION(qv::IOException, qv::FileUtils::readBytes(path, 100));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestPlatform)
