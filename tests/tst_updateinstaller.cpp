@@ -3,6 +3,9 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 // Runs the UpdateInstaller program on application folders made here. Each fake application's
 // program appends its version to a marker file when it starts.
 class TestUpdateInstaller : public QObject
@@ -23,6 +26,7 @@ class TestUpdateInstaller : public QObject
         data.open(QIODevice::WriteOnly);
         data.write(QByteArray(4096, version.at(1).toLatin1()));
         data.close();
+        QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
         QFile app(folder + "/app");
         app.open(QIODevice::WriteOnly);
         app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n");
@@ -39,12 +43,15 @@ class TestUpdateInstaller : public QObject
         if (!v.open(QIODevice::ReadOnly) || !data.open(QIODevice::ReadOnly) || !QFileInfo(folder + "/app").isExecutable())
             return QString();
         const QString version = QString::fromUtf8(v.readAll());
+        QByteArray link(256, 0);
+        const ssize_t n = readlink(QFile::encodeName(folder + "/lib/current").constData(), link.data(), link.size());
+        if (n != 8 || link.left(n) != "data.bin")
+            return QString();
         return data.readAll() == QByteArray(4096, version.at(1).toLatin1()) ? version : QString();
     }
 
-    int runInstaller(const QStringList &args, const QByteArray &stopAfter = QByteArray())
+    void startInstaller(QProcess &p, const QStringList &args, const QByteArray &stopAfter = QByteArray())
     {
-        QProcess p;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("SUC_MARKER", m_marker);
         env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
@@ -52,9 +59,18 @@ class TestUpdateInstaller : public QObject
             env.insert("UPDATEINSTALLER_STOP_AFTER", QString::fromLatin1(stopAfter));
         p.setProcessEnvironment(env);
         p.start(QStringLiteral(SUC_UPDATE_INSTALLER), args);
+    }
+    static int result(QProcess &p)
+    {
         if (!p.waitForFinished(30000))
             return -100;
         return p.exitStatus() == QProcess::CrashExit ? -1 : p.exitCode();
+    }
+    int runInstaller(const QStringList &args, const QByteArray &stopAfter = QByteArray())
+    {
+        QProcess p;
+        startInstaller(p, args, stopAfter);
+        return result(p);
     }
 
     QStringList started()
@@ -68,8 +84,7 @@ class TestUpdateInstaller : public QObject
     QString log()
     {
         QFile f(m_dir.filePath("UpdateInstaller.log"));
-        f.open(QIODevice::ReadOnly);
-        return QString::fromUtf8(f.readAll());
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
     }
 
     // A folder on another file system than the application, when the machine has one.
@@ -117,25 +132,48 @@ private Q_SLOTS:
         QTest::newRow("empty new folder") << "" << "app" << "-newDir is empty";
         QTest::newRow("missing new folder") << "@/nothing" << "app" << "does not exist";
         QTest::newRow("same folder") << "@/Viewer" << "app" << "are the same";
-        QTest::newRow("new folder holds the old one") << "@" << "Viewer/app" << "lies inside the other";
+        QTest::newRow("new folder holds the old one") << "@" << "app" << "lies inside the other";
         QTest::newRow("new folder inside the old one") << "@/Viewer/lib" << "app" << "lies inside the other";
         QTest::newRow("program missing in new folder") << "@/unpacked" << "viewer" << "has no program viewer";
+        QTest::newRow("program outside the folder") << "@/unpacked" << "../../../../bin/true" << "not a plain file name";
+        QTest::newRow("program ..") << "@/unpacked" << ".." << "not a plain file name";
+        QTest::newRow("new folder is the backup path") << "@/Viewer.update-backup" << "app" << "a path the updater uses itself";
+        QTest::newRow("new folder inside the staging path") << "@/Viewer.update-incoming/x" << "app" << "a path the updater uses itself";
+        QTest::newRow("new folder is a link") << "@/link-to-unpacked" << "app" << "is a symbolic link";
+        QTest::newRow("application folder is a link") << "@/unpacked" << "app" << "is a symbolic link; name the folder itself";
+        // A FIFO in the new version once hung the cross-file-system copy forever, with the
+        // application moved aside.
+        QTest::newRow("new folder holds a FIFO") << "@/unpacked" << "app" << "not a file, folder or link";
     }
     void refusesAndRestartsTheOldVersion()
     {
         QFETCH(QString, newDir);
         QFETCH(QString, exe);
         QFETCH(QString, message);
-        const QString app = m_dir.filePath("Viewer");
+        QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2");
+        for (const char *own : { "Viewer.update-backup", "Viewer.update-incoming/x" })
+            makeApp(m_dir.filePath(own), "v2");
+        QVERIFY(QFile::link(m_dir.filePath("unpacked"), m_dir.filePath("link-to-unpacked")));
+        if (QString(QTest::currentDataTag()).startsWith("application folder is a link")) {
+            QVERIFY(QFile::link(app, m_dir.filePath("ViewerLink")));
+            app = m_dir.filePath("ViewerLink");
+        }
+        if (QString(QTest::currentDataTag()).contains("FIFO"))
+            QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("unpacked/lib/pipe")).constData(), 0600), 0);
         newDir.replace("@", m_dir.path());
         QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", newDir, "-exe", exe }), 1);
         QCOMPARE(completeVersion(app), QString("v1"));
+        QCOMPARE(completeVersion(m_dir.filePath("Viewer")), QString("v1"));
         QVERIFY2(log().contains(message), qPrintable(log()));
         if (exe == "app") // otherwise the old folder has no such program to start again
             QTRY_COMPARE(started(), QStringList{ "v1" });
-        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
+        else
+            QCOMPARE(started(), QStringList());
+        QVERIFY(!QFileInfo::exists(m_dir.filePath("Viewer.update-journal")));
+        QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2"));
+        QCOMPARE(completeVersion(m_dir.filePath("Viewer.update-backup")), QString("v2")); // not the updater's to drop here
     }
 
     void newProgramThatCannotStartRollsBack()
@@ -150,45 +188,90 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(app + ".update-backup"));
     }
 
-    // Run through, or killed right after one of its steps: the installer always leaves one
-    // complete application, and a second run finishes the job.
-    void swapsAndStartsTheNewVersion_data()
+    // The invariant: whether it runs through or is killed right after any of its steps, with
+    // whatever an earlier run left beside the application, the updater always leaves one
+    // complete application, touches nothing outside the named folders, and a second run with
+    // the same arguments finishes the job.
+    void oneCompleteApplicationAlwaysRemains_data()
     {
         QTest::addColumn<QByteArray>("step"); // empty: not interrupted
         QTest::addColumn<bool>("acrossFileSystems");
-        QTest::newRow("same file system") << QByteArray() << false;
-        QTest::newRow("across file systems") << QByteArray() << true;
-        for (const char *step : { "journal", "backup", "move", "start" })
-            QTest::newRow(qPrintable(QStringLiteral("killed after %1").arg(step))) << QByteArray(step) << false;
-        QTest::newRow("killed after copy (across file systems)") << QByteArray("copy") << true;
-        QTest::newRow("killed after move (across file systems)") << QByteArray("move") << true;
+        QTest::addColumn<QString>("stale");
+        for (const char *stale : { "clean", "stale backup", "stale journal of other arguments",
+                                   "backup linked outside", "concurrent run" }) {
+            for (bool across : { false, true }) {
+                for (const char *step : { "", "journal", "backup", "copy", "move", "start", "discard", "cleanup" }) {
+                    if (QByteArray(step) == "copy" && !across)
+                        continue;
+                    QTest::newRow(qPrintable(QStringLiteral("%1, %2, %3").arg(stale,
+                            across ? QStringLiteral("across file systems") : QStringLiteral("same file system"),
+                            *step ? QStringLiteral("killed after %1").arg(step) : QStringLiteral("run through"))))
+                            << QByteArray(step) << across << QString(stale);
+                }
+            }
+        }
     }
-    void swapsAndStartsTheNewVersion()
+    void oneCompleteApplicationAlwaysRemains()
     {
         QFETCH(QByteArray, step);
         QFETCH(bool, acrossFileSystems);
+        QFETCH(QString, stale);
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         QScopedPointer<QTemporaryDir> other;
         const QString newDir = newVersionFolder(acrossFileSystems, other);
         if (newDir.isEmpty())
             QSKIP("no second file system here");
-        const QStringList args{ "-oldDir", app, "-newDir", newDir, "-exe", "app" };
-        if (!step.isEmpty()) {
-            QCOMPARE(runInstaller(args, step), -1); // killed
-            const QString inPlace = completeVersion(app);
-            const QString backup = completeVersion(app + ".update-backup");
-            QVERIFY2(!inPlace.isEmpty() || backup == "v1",
-                     qPrintable(QString("in place '%1', backup '%2'").arg(inPlace, backup)));
+        const QString outside = m_dir.filePath("outside");
+        makeApp(outside, "v9"); // nobody's to touch
+        const QString earlierNew = m_dir.filePath("earlier-new");
+        if (stale == "stale backup") { // a removal cut short: never a version to restore
+            QVERIFY(QDir().mkpath(app + ".update-backup/lib"));
+            QFile v(app + ".update-backup/version.txt");
+            QVERIFY(v.open(QIODevice::WriteOnly) && v.write("v0"));
+        } else if (stale == "stale journal of other arguments") {
+            makeApp(app + ".update-backup", "v0");
+            makeApp(earlierNew, "v8");
+            QFile j(app + ".update-journal");
+            QVERIFY(j.open(QIODevice::WriteOnly));
+            j.write(("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8());
+        } else if (stale == "backup linked outside") {
+            QVERIFY(QFile::link(outside, app + ".update-backup"));
         }
-        QCOMPARE(runInstaller(args), 0);
-        QCOMPARE(completeVersion(app), QString("v2"));
-        for (const char *leftover : { ".update-backup", ".update-journal", ".update-incoming" })
-            QVERIFY2(!QFileInfo::exists(app + leftover), leftover);
+        const QStringList args{ "-oldDir", app, "-newDir", newDir, "-exe", "app" };
+
+        if (stale == "concurrent run") {
+            QProcess first, second;
+            startInstaller(first, args, step);
+            startInstaller(second, args);
+            const int a = result(first);
+            const int b = result(second);
+            QVERIFY2(QList<int>({ 0, 1, -1 }).contains(a) && QList<int>({ 0, 1 }).contains(b), qPrintable(log()));
+        } else if (!step.isEmpty()) {
+            const int killed = runInstaller(args, step);
+            if (killed != -1) // the step was not reached in this state
+                QCOMPARE(killed, 0);
+        }
+        const QString inPlace = completeVersion(app);
+        const QString backup = completeVersion(app + ".update-backup");
+        QVERIFY2(!inPlace.isEmpty() || backup == "v1",
+                 qPrintable(QString("in place '%1', backup '%2'\n%3").arg(inPlace, backup, log())));
+        if (QFileInfo::exists(app + ".update-journal") || QFileInfo::exists(newDir))
+            QCOMPARE(runInstaller(args), 0);
+
+        QVERIFY2(completeVersion(app) == "v2", qPrintable(log()));
+        for (const char *leftover : { ".update-backup", ".update-journal", ".update-incoming", ".update-discard" })
+            QVERIFY2(!QFileInfo::exists(app + leftover) && !QFileInfo(app + leftover).isSymLink(), leftover);
         QVERIFY(!QFileInfo::exists(newDir));
+        QCOMPARE(completeVersion(outside), QString("v9"));
+        if (stale == "stale journal of other arguments")
+            QCOMPARE(completeVersion(earlierNew), QString("v8"));
         QTRY_VERIFY(started().contains("v2"));
-        QCOMPARE(started().count("v2"), 1); // started once, not again by the second run
-        QVERIFY(log().contains("step done: cleanup"));
+        QVERIFY2(!started().contains("v0") && !started().contains("v8") && !started().contains("v9"), qPrintable(started().join(',')));
+        // Started once, not again by the second run; a concurrent run that comes after the first
+        // has finished restarts the application it finds, which is v2 then.
+        if (stale != "concurrent run")
+            QCOMPARE(started().count("v2"), 1);
     }
 };
 

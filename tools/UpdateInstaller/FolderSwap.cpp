@@ -7,9 +7,76 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <utility>
+
 namespace {
 
-// A recursive copy that keeps permissions and symbolic links.
+QByteArray encoded(const QString &path)
+{
+    return QFile::encodeName(path);
+}
+
+// lstat: what is at `path` itself, a symbolic link not followed. 0 when nothing is there.
+mode_t typeAt(const QString &path)
+{
+    struct stat st;
+    return lstat(encoded(path).constData(), &st) == 0 ? (st.st_mode & S_IFMT) : 0;
+}
+
+bool isThere(const QString &path)
+{
+    return typeAt(path) != 0;
+}
+
+bool sameOrInside(const QString &path, const QString &folder)
+{
+    return path == folder || path.startsWith(folder + QLatin1Char('/'));
+}
+
+QString absoluteClean(const QString &path)
+{
+    return path.isEmpty() ? path : QDir::cleanPath(QFileInfo(path).absoluteFilePath());
+}
+
+// Removes what is at `path` without following a symbolic link, also below folders that are
+// read-only for their owner.
+bool removeTree(const QString &path)
+{
+    const mode_t type = typeAt(path);
+    if (type == 0)
+        return true;
+    if (type != S_IFDIR)
+        return unlink(encoded(path).constData()) == 0;
+    chmod(encoded(path).constData(), S_IRWXU);
+    const QStringList entries = QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System
+                                                     | QDir::NoDotAndDotDot);
+    bool ok = true;
+    for (const QString &entry : entries)
+        ok = removeTree(path + QLatin1Char('/') + entry) && ok;
+    return rmdir(encoded(path).constData()) == 0 && ok;
+}
+
+// The first entry below `folder` that is neither a file, a folder nor a link (a FIFO would
+// block a copy forever), or an empty text.
+QString findSpecialFile(const QString &folder)
+{
+    QDirIterator it(folder, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        const mode_t type = typeAt(path);
+        if (type != S_IFREG && type != S_IFDIR && type != S_IFLNK)
+            return path;
+    }
+    return QString();
+}
+
+// A recursive copy that keeps permissions, and symbolic links exactly as they are written.
 bool copyTree(const QString &from, const QString &to)
 {
     if (!QDir().mkpath(to))
@@ -18,18 +85,26 @@ bool copyTree(const QString &from, const QString &to)
                     QDirIterator::Subdirectories);
     while (it.hasNext()) {
         const QString source = it.next();
-        const QFileInfo info = it.fileInfo();
         const QString target = to + QLatin1Char('/') + QDir(from).relativeFilePath(source);
-        if (info.isSymLink()) {
-            if (!QFile::link(info.symLinkTarget(), target))
+        switch (typeAt(source)) {
+        case S_IFLNK: {
+            QByteArray link(4096, Qt::Uninitialized);
+            const ssize_t n = readlink(encoded(source).constData(), link.data(), size_t(link.size()));
+            if (n <= 0 || symlink(link.left(n).constData(), encoded(target).constData()) != 0)
                 return false;
-        } else if (info.isDir()) {
+            break;
+        }
+        case S_IFDIR:
             if (!QDir().mkpath(target))
                 return false;
-        } else {
+            break;
+        case S_IFREG:
             if (!QFile::copy(source, target))
                 return false;
-            QFile::setPermissions(target, info.permissions());
+            QFile::setPermissions(target, QFileInfo(source).permissions());
+            break;
+        default:
+            return false;
         }
     }
     return true;
@@ -40,11 +115,19 @@ bool copyTree(const QString &from, const QString &to)
 FolderSwap::FolderSwap(const Options &options, QTextStream &log, Starter starter, StepHook hook)
     : m_options(options), m_log(log), m_starter(std::move(starter)), m_hook(std::move(hook))
 {
-    while (m_options.oldDir.size() > 1 && m_options.oldDir.endsWith(QLatin1Char('/')))
-        m_options.oldDir.chop(1);
+    m_options.oldDir = absoluteClean(m_options.oldDir);
+    m_options.newDir = absoluteClean(m_options.newDir);
     m_backup = m_options.oldDir + QStringLiteral(".update-backup");
     m_incoming = m_options.oldDir + QStringLiteral(".update-incoming");
     m_journal = m_options.oldDir + QStringLiteral(".update-journal");
+    m_lock = m_options.oldDir + QStringLiteral(".update-lock");
+    m_discard = m_options.oldDir + QStringLiteral(".update-discard");
+}
+
+FolderSwap::~FolderSwap()
+{
+    if (m_lockFd >= 0)
+        close(m_lockFd);
 }
 
 void FolderSwap::say(const QString &line)
@@ -59,11 +142,35 @@ void FolderSwap::step(const char *name)
         m_hook(name);
 }
 
+int FolderSwap::refuse(const QString &why)
+{
+    say(QStringLiteral("refused: ") + why);
+    return 1;
+}
+
+bool FolderSwap::validateArguments(QString *why) const
+{
+    const QString &exe = m_options.exe;
+    if (exe.isEmpty() || exe.contains(QLatin1Char('/')) || exe == u"." || exe == u"..") {
+        *why = QStringLiteral("the program %1 is not a plain file name").arg(exe);
+        return false;
+    }
+    if (typeAt(m_options.oldDir) == S_IFLNK) {
+        *why = QStringLiteral("the application folder %1 is a symbolic link; name the folder itself").arg(m_options.oldDir);
+        return false;
+    }
+    return true;
+}
+
 bool FolderSwap::validateNew(QString *why) const
 {
     const QString newDir = m_options.newDir;
     if (newDir.isEmpty()) {
         *why = QStringLiteral("no new application folder was given (-newDir is empty)");
+        return false;
+    }
+    if (typeAt(newDir) == S_IFLNK) {
+        *why = QStringLiteral("the new application folder %1 is a symbolic link").arg(newDir);
         return false;
     }
     if (!QFileInfo(newDir).isDir()) {
@@ -72,40 +179,81 @@ bool FolderSwap::validateNew(QString *why) const
     }
     const QString newPath = QFileInfo(newDir).canonicalFilePath();
     const QString oldPath = QFileInfo(m_options.oldDir).canonicalFilePath();
-    if (newPath == oldPath) {
+    if (newPath == oldPath || newDir == m_options.oldDir) {
         *why = QStringLiteral("the old and the new application folder are the same");
         return false;
     }
     // Either inside the other would be moved into itself, or removed with it.
-    if (!oldPath.isEmpty() && (oldPath.startsWith(newPath + QLatin1Char('/')) || newPath.startsWith(oldPath + QLatin1Char('/')))) {
-        *why = QStringLiteral("one of the application folders lies inside the other");
+    for (const auto &[a, b] : { std::pair(newPath, oldPath), std::pair(newDir, m_options.oldDir) }) {
+        if (!a.isEmpty() && !b.isEmpty() && (sameOrInside(a, b) || sameOrInside(b, a))) {
+            *why = QStringLiteral("one of the application folders lies inside the other");
+            return false;
+        }
+    }
+    for (const QString &own : { m_backup, m_incoming, m_journal, m_lock, m_discard }) {
+        if (sameOrInside(newDir, own) || sameOrInside(own, newDir)
+            || (!newPath.isEmpty() && sameOrInside(newPath, absoluteClean(QFileInfo(own).absoluteFilePath())))) {
+            *why = QStringLiteral("the new application folder %1 is a path the updater uses itself (%2)").arg(newDir, own);
+            return false;
+        }
+    }
+    if (!QFileInfo(newDir + QLatin1Char('/') + m_options.exe).isFile()) {
+        *why = QStringLiteral("the new application folder has no program %1").arg(m_options.exe);
         return false;
     }
-    if (m_options.exe.isEmpty() || !QFileInfo(newDir + QLatin1Char('/') + m_options.exe).isFile()) {
-        *why = QStringLiteral("the new application folder has no program %1").arg(m_options.exe);
+    const QString special = findSpecialFile(newDir);
+    if (!special.isEmpty()) {
+        *why = QStringLiteral("the new application folder holds %1, which is not a file, folder or link").arg(special);
         return false;
     }
     return true;
 }
 
-FolderSwap::State FolderSwap::readJournal()
+bool FolderSwap::lock()
 {
+    m_lockFd = open(encoded(m_lock).constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    return m_lockFd >= 0 && flock(m_lockFd, LOCK_EX | LOCK_NB) == 0;
+}
+
+FolderSwap::Journal FolderSwap::readJournal() const
+{
+    Journal journal;
     QFile f(m_journal);
-    if (!f.open(QIODevice::ReadOnly))
-        return State::None;
-    const QByteArray state = f.readAll().trimmed();
-    if (state == "launched")
-        return State::Launched;
-    if (state == "moved")
-        return State::Moved;
-    return State::Started;
+    if (typeAt(m_journal) != S_IFREG || !f.open(QIODevice::ReadOnly))
+        return journal;
+    const QStringList lines = QString::fromUtf8(f.read(64 * 1024)).split(QLatin1Char('\n'));
+    const QString state = lines.value(0).trimmed();
+    journal.state = state == u"launched" ? State::Launched : state == u"moved" ? State::Moved : State::Started;
+    journal.options = { lines.value(1), lines.value(2), lines.value(3) };
+    return journal;
 }
 
 bool FolderSwap::writeJournal(State state)
 {
     const char *text = state == State::Launched ? "launched" : state == State::Moved ? "moved" : "started";
+    const QByteArray content = QByteArray(text) + '\n' + m_options.oldDir.toUtf8() + '\n'
+            + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n';
     QSaveFile f(m_journal);
-    return f.open(QIODevice::WriteOnly) && f.write(text) > 0 && f.commit();
+    return f.open(QIODevice::WriteOnly) && f.write(content) == content.size() && f.commit();
+}
+
+bool FolderSwap::discard(const QString &path)
+{
+    if (!isThere(path))
+        return true;
+    // Renamed first: a removal cut short leaves a name that nothing ever restores.
+    removeTree(m_discard);
+    QString target = m_discard;
+    if (isThere(target))
+        target += QLatin1Char('.') + QString::number(getpid());
+    if (rename(encoded(path).constData(), encoded(target).constData()) != 0) {
+        say(QStringLiteral("could not set %1 aside for removal").arg(path));
+        return false;
+    }
+    step("discard");
+    if (!removeTree(target))
+        say(QStringLiteral("could not remove all of %1; it is left for a later run").arg(target));
+    return true;
 }
 
 bool FolderSwap::startProgram(const QString &folder)
@@ -123,34 +271,33 @@ bool FolderSwap::moveNewIntoPlace()
         return true;
     }
     // Another file system: copy to a staging folder first, so that the final rename is atomic.
+    // The source stays until the new version runs.
     say(QStringLiteral("rename failed, copying %1 to %2").arg(m_options.newDir, m_incoming));
-    QDir(m_incoming).removeRecursively();
-    if (!copyTree(m_options.newDir, m_incoming)) {
-        QDir(m_incoming).removeRecursively();
+    if (!discard(m_incoming) || !copyTree(m_options.newDir, m_incoming)) {
+        discard(m_incoming);
         return false;
     }
     step("copy");
-    if (!QDir().rename(m_incoming, m_options.oldDir))
+    if (rename(encoded(m_incoming).constData(), encoded(m_options.oldDir).constData()) != 0)
         return false;
     step("move");
-    QDir(m_options.newDir).removeRecursively();
     return true;
 }
 
+// Only called once this run's journal says the old folder was, or is being, moved aside: the
+// backup is then the old version and the application folder, when there, the new one.
 void FolderSwap::rollBack(const QString &why)
 {
     say(QStringLiteral("rolling back: ") + why);
-    QDir(m_incoming).removeRecursively();
-    if (QFileInfo::exists(m_backup)) {
-        if (QFileInfo::exists(m_options.oldDir)) {
+    discard(m_incoming);
+    if (isThere(m_backup)) {
+        if (isThere(m_options.oldDir)) {
             // The new version stands in the old place: give it back to its own folder, or drop
             // it when its source is still there.
-            if (!QFileInfo::exists(m_options.newDir))
-                QDir().rename(m_options.oldDir, m_options.newDir);
-            else
-                QDir(m_options.oldDir).removeRecursively();
+            if (isThere(m_options.newDir) || !QDir().rename(m_options.oldDir, m_options.newDir))
+                discard(m_options.oldDir);
         }
-        if (!QDir().rename(m_backup, m_options.oldDir)) {
+        if (rename(encoded(m_backup).constData(), encoded(m_options.oldDir).constData()) != 0) {
             say(QStringLiteral("could not put %1 back; the old version stays in %2").arg(m_options.oldDir, m_backup));
             return;
         }
@@ -160,55 +307,111 @@ void FolderSwap::rollBack(const QString &why)
     startProgram(m_options.oldDir);
 }
 
+// An interrupted update with other arguments: finished when its new version was started,
+// otherwise rolled back. Nothing of its new folder is touched.
+void FolderSwap::settleEarlierUpdate(const Journal &earlier)
+{
+    say(QStringLiteral("settling an earlier update that did not finish (new folder %1)").arg(earlier.options.newDir));
+    discard(m_incoming);
+    if (earlier.state != State::Launched && isThere(m_backup)) {
+        if (isThere(m_options.oldDir) && !discard(m_options.oldDir))
+            return;
+        if (rename(encoded(m_backup).constData(), encoded(m_options.oldDir).constData()) != 0)
+            return;
+        step("restore");
+    }
+    discard(m_backup);
+    QFile::remove(m_journal);
+}
+
 int FolderSwap::run()
 {
     say(QStringLiteral("update: old %1, new %2, program %3").arg(m_options.oldDir, m_options.newDir, m_options.exe));
-    State state = readJournal();
-    const bool backupExists = QFileInfo::exists(m_backup);
-    const bool oldExists = QFileInfo::exists(m_options.oldDir);
-    if (state != State::None)
-        say(QStringLiteral("resuming an interrupted update"));
+    QString why;
+    if (!validateArguments(&why)) {
+        refuse(why);
+        if (typeAt(m_options.oldDir) == S_IFLNK)
+            startProgram(m_options.oldDir);
+        return 1;
+    }
+    if (!lock())
+        return refuse(QStringLiteral("another update of %1 is running").arg(m_options.oldDir));
 
-    if (state == State::Launched) {
-        // The new program was started before the interruption: only the clean-up is left.
+    Journal journal = readJournal();
+    if (journal.state != State::None
+        && (journal.options.oldDir != m_options.oldDir || journal.options.newDir != m_options.newDir
+            || journal.options.exe != m_options.exe)) {
+        settleEarlierUpdate(journal);
+        if (isThere(m_journal))
+            return refuse(QStringLiteral("an earlier update of %1 could not be settled; see %2").arg(m_options.oldDir, m_journal));
+        journal = Journal();
+    }
+    switch (journal.state) {
+    case State::Launched:
+        say(QStringLiteral("resuming an interrupted update: the new version was started"));
         cleanUp();
         return 0;
+    case State::Moved:
+        say(QStringLiteral("resuming an interrupted update: the new version is in place"));
+        return startNewVersion();
+    case State::Started:
+        if (isThere(m_backup)) {
+            say(QStringLiteral("resuming an interrupted update: the old version is set aside"));
+            if (!isThere(m_options.oldDir) && (!validateNew(&why) || !moveNewIntoPlace())) {
+                rollBack(why.isEmpty() ? QStringLiteral("cannot move the new version into place") : why);
+                return 1;
+            }
+            return startNewVersion();
+        }
+        QFile::remove(m_journal); // nothing was moved yet: start afresh
+        break;
+    case State::None:
+        break;
     }
-    if (state == State::None || (!backupExists && oldExists)) {
-        if (!oldExists) {
-            say(QStringLiteral("refused: the application folder %1 does not exist").arg(m_options.oldDir));
-            return 1;
-        }
-        QString why;
-        if (!validateNew(&why)) {
-            say(QStringLiteral("refused: ") + why);
-            QFile::remove(m_journal);
-            startProgram(m_options.oldDir);
-            return 1;
-        }
-        if (!writeJournal(State::Started)) {
-            say(QStringLiteral("refused: cannot write the journal %1").arg(m_journal));
-            startProgram(m_options.oldDir);
-            return 1;
-        }
-        step("journal");
-        if (QFileInfo::exists(m_backup) && !QDir(m_backup).removeRecursively()) {
-            rollBack(QStringLiteral("cannot remove an old backup %1").arg(m_backup));
-            return 1;
-        }
-        if (!QDir().rename(m_options.oldDir, m_backup)) {
-            rollBack(QStringLiteral("cannot move %1 aside").arg(m_options.oldDir));
-            return 1;
-        }
-        step("backup");
+    return swap();
+}
+
+int FolderSwap::swap()
+{
+    QString why;
+    if (!QFileInfo(m_options.oldDir).isDir())
+        return refuse(QStringLiteral("the application folder %1 does not exist").arg(m_options.oldDir));
+    if (!validateNew(&why)) {
+        refuse(why);
+        startProgram(m_options.oldDir);
+        return 1;
     }
-    if (!QFileInfo::exists(m_options.oldDir)) {
-        QString why;
-        if (!validateNew(&why) || !moveNewIntoPlace()) {
-            rollBack(why.isEmpty() ? QStringLiteral("cannot move the new version into place") : why);
-            return 1;
-        }
+    // Without a journal, a backup, staging or discard folder is left from an earlier run: never
+    // a version to restore.
+    removeTree(m_discard);
+    if (!discard(m_backup) || !discard(m_incoming)) {
+        refuse(QStringLiteral("cannot clear what an earlier run left beside %1").arg(m_options.oldDir));
+        startProgram(m_options.oldDir);
+        return 1;
     }
+    if (!writeJournal(State::Started)) {
+        refuse(QStringLiteral("cannot write the journal %1").arg(m_journal));
+        QFile::remove(m_journal);
+        startProgram(m_options.oldDir);
+        return 1;
+    }
+    step("journal");
+    if (rename(encoded(m_options.oldDir).constData(), encoded(m_backup).constData()) != 0) {
+        refuse(QStringLiteral("cannot move %1 aside").arg(m_options.oldDir));
+        QFile::remove(m_journal);
+        startProgram(m_options.oldDir);
+        return 1;
+    }
+    step("backup");
+    if (!moveNewIntoPlace()) {
+        rollBack(QStringLiteral("cannot move the new version into place"));
+        return 1;
+    }
+    return startNewVersion();
+}
+
+int FolderSwap::startNewVersion()
+{
     if (!writeJournal(State::Moved)) {
         rollBack(QStringLiteral("cannot write the journal"));
         return 1;
@@ -225,11 +428,12 @@ int FolderSwap::run()
 
 void FolderSwap::cleanUp()
 {
-    // The new version runs from the application folder: the backup, and a copied source folder
-    // that an interruption left behind, are spare copies now.
-    QDir(m_backup).removeRecursively();
-    if (QFileInfo::exists(m_options.newDir))
-        QDir(m_options.newDir).removeRecursively();
+    // The new version runs from the application folder: the backup, and a copied source folder,
+    // are spare copies now.
+    discard(m_backup);
+    removeTree(m_discard);
+    if (typeAt(m_options.newDir) == S_IFDIR)
+        removeTree(m_options.newDir);
     QFile::remove(m_journal);
     step("cleanup");
 }

@@ -10,9 +10,16 @@
 /// The old folder is moved aside to "<old>.update-backup", the new one is moved (or, across file
 /// systems, copied through "<old>.update-incoming") into its place, the new program is started,
 /// and only then is the backup removed. On any failure the old folder is put back and the old
-/// program started. A journal "<old>.update-journal" records the progress, so that a run that was
-/// killed half-way completes or rolls back when started again with the same arguments. At no
-/// point is the only complete copy of an application deleted.
+/// program started. A journal "<old>.update-journal" records the progress and the arguments, so
+/// that a run that was killed half-way completes or rolls back when started again with the same
+/// arguments; a journal of other arguments is an earlier update, finished or rolled back before
+/// this one starts. An exclusive lock on "<old>.update-lock" keeps two runs from working on one
+/// folder at once.
+///
+/// At no point is the only complete copy of an application deleted, and nothing outside the
+/// named folders and these paths of the updater's own is touched: removals never follow a
+/// symbolic link, and a folder that is to go is first renamed to "<old>.update-discard", so that
+/// a removal cut short never leaves a partial copy under a name that a later run would restore.
 class FolderSwap
 {
 public:
@@ -28,20 +35,34 @@ public:
     using StepHook = std::function<void(const char *step)>;
 
     FolderSwap(const Options &options, QTextStream &log, Starter starter, StepHook hook);
+    ~FolderSwap();
 
-    /// Runs (or resumes) the swap. 0 when the new version runs, 1 when the old one was kept.
+    /// Runs (or resumes) the swap. 0 when the new version runs, 1 when the old one was kept (or
+    /// another run holds the folder).
     int run();
 
 private:
     enum class State { None, Started, Moved, Launched };
+    struct Journal
+    {
+        State state = State::None;
+        Options options;
+    };
 
+    bool validateArguments(QString *why) const;
     bool validateNew(QString *why) const;
-    State readJournal();
+    bool lock();
+    Journal readJournal() const;
     bool writeJournal(State state);
+    void settleEarlierUpdate(const Journal &earlier);
+    int swap();
+    int startNewVersion();
     bool moveNewIntoPlace();
     void rollBack(const QString &why);
     void cleanUp();
+    bool discard(const QString &path);
     bool startProgram(const QString &folder);
+    int refuse(const QString &why);
     void step(const char *name);
     void say(const QString &line);
 
@@ -49,6 +70,9 @@ private:
     QString m_backup;
     QString m_incoming;
     QString m_journal;
+    QString m_lock;
+    QString m_discard;
+    int m_lockFd = -1;
     QTextStream &m_log;
     Starter m_starter;
     StepHook m_hook;
