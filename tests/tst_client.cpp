@@ -1,6 +1,7 @@
 #include <SoftwareUpdateAvailableDialog.h>
 #include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
+#include <PrivateNetwork.h>
 #include <TestHttpServer.h>
 #include <qv/LogQt.h>
 
@@ -30,6 +31,9 @@ using qv::SoftwareUpdateClient;
 using qv::SoftwareUpdateDialog;
 using qv::SoftwareUpdateSettings;
 using qv::VersionNumber;
+
+// Package downloads always use port 80: this test has a loopback of its own.
+SUC_PRIVATE_NETWORK_BEFORE_MAIN
 
 namespace {
 
@@ -509,7 +513,7 @@ private Q_SLOTS:
             return r;
         });
         if (!packages.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here");
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here (run as root to get a network namespace of its own)");
         m_catalogue = "<softwareList base-url='http://127.0.0.1/dl/'><package-set type='Application' name='Viewer' "
                       "status='STABLE'><package release='3.0' url='" + file.toUtf8() + "' file-size='"
                 + QByteArray::number(body.size()) + "'/></package-set></softwareList>";

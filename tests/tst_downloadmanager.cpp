@@ -1,4 +1,5 @@
 #include <DownloadManager.h>
+#include <PrivateNetwork.h>
 #include <TestHttpServer.h>
 #include <qv/HttpHost.h>
 #include <qv/LogQt.h>
@@ -16,6 +17,9 @@ using qv::DownloadManager;
 using qv::PackageInfo;
 using qv::PackageInfoList;
 using Response = TestHttpServer::Response;
+
+// Package downloads always use port 80: this test has a loopback of its own.
+SUC_PRIVATE_NETWORK_BEFORE_MAIN
 
 namespace {
 
@@ -79,7 +83,7 @@ class TestDownloadManager : public QObject
     static void bindPort80(TestHttpServer &server)
     {
         if (!server.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here");
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here (run as root to get a network namespace of its own)");
     }
 
 private Q_SLOTS:

@@ -1,5 +1,5 @@
 // Stands in for a host application in the tests of the calls that replace the running process:
-//   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>
+//   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
@@ -20,7 +20,10 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
     const QStringList args = QCoreApplication::arguments();
     if (args.value(1) == u"startUpdate" && args.size() == 6) {
-        qv::DownloadManager::startUpdate(args.at(2), args.at(3), args.at(4), args.at(5));
+        // Called by its slot name, as a host may.
+        qv::DownloadManager manager;
+        QMetaObject::invokeMethod(&manager, "startUpdate", Q_ARG(QString, args.at(2)), Q_ARG(QString, args.at(3)),
+                                  Q_ARG(QString, args.at(4)), Q_ARG(QString, args.at(5)));
         return 3;
     }
     if (args.value(1) == u"runZipInstaller" && args.size() == 4) {
