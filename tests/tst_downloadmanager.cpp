@@ -676,13 +676,19 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::newRow("found") << 200 << "<h1>Viewer 2.10</h1><p>Ünïcode notes</p>";
         QTest::newRow("missing") << 404 << "";
+        QTest::newRow("over 32 MiB: dropped") << 200 << "@huge";
     }
     void releaseNotes()
     {
         QFETCH(int, status);
         QFETCH(QString, text);
+        const QByteArray body = text == "@huge" ? QByteArray(33 << 20, 'n') : text.toUtf8();
+        if (text == "@huge") {
+            text.clear();
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("larger than 33554432 bytes"));
+        }
         TestHttpServer server([&](const TestHttpServer::Request &) {
-            return status == 200 ? Response::ok(text.toUtf8(), "text/html; charset=utf-8")
+            return status == 200 ? Response::ok(body, "text/html; charset=utf-8")
                                  : Response::error(status, "<html>not found</html>");
         });
         bindPort80(server);

@@ -118,6 +118,23 @@ private Q_SLOTS:
 
     }
 
+    // An archive path that names a folder ("<download folder>/..") is not read, and neither it
+    // nor anything beside it is removed.
+    void archivePathThatLeadsElsewhereIsRefused()
+    {
+        QTemporaryDir dir;
+        QVERIFY(QDir().mkpath(dir.filePath("dl")));
+        QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("other.zip")));
+        DownloadManager manager;
+        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
+        BoxAnswerer answerer;
+        manager.unzipPackage(dir.filePath("dl/.."));
+        QTRY_VERIFY_WITH_TIMEOUT(!answerer.texts.isEmpty(), 10000);
+        QVERIFY2(answerer.texts.first().contains("not a regular file"), qPrintable(answerer.texts.first()));
+        QCOMPARE(done.count(), 0);
+        QCOMPARE(filesBelow(dir.path()), QStringList({ "dl", "other.zip" }));
+    }
+
     void hostileArchivesAreRefusedOrContained_data()
     {
         QTest::addColumn<QString>("archive");
