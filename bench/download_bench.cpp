@@ -24,8 +24,7 @@ namespace {
 constexpr qint64 kSize = qint64(1) << 30;
 
 // Serves GET requests with a body of kSize bytes, generated as it is sent.
-class BulkServer : public QTcpServer
-{
+class BulkServer : public QTcpServer {
 public:
     BulkServer()
     {
@@ -51,8 +50,9 @@ private:
                 if (!socket->canReadLine() && !socket->bytesAvailable())
                     return;
                 socket->readAll();
-                socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
-                              + QByteArray::number(kSize) + "\r\nConnection: close\r\n\r\n");
+                socket->write(
+                    "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
+                    + QByteArray::number(kSize) + "\r\nConnection: close\r\n\r\n");
                 *sent = 0;
             }
             while (*sent < kSize && socket->bytesToWrite() < 4 * m_chunk.size()) {
@@ -98,8 +98,9 @@ double curlSeconds(const QString &target)
     QElapsedTimer t;
     t.start();
     const int rc = QProcess::execute(QStringLiteral("curl"),
-                                     { QStringLiteral("-s"), QStringLiteral("--noproxy"), QStringLiteral("*"),
-                                       QStringLiteral("-o"), target, QStringLiteral("http://127.0.0.1/big.bin") });
+                                     {QStringLiteral("-s"), QStringLiteral("--noproxy"),
+                                      QStringLiteral("*"), QStringLiteral("-o"), target,
+                                      QStringLiteral("http://127.0.0.1/big.bin")});
     const double seconds = t.nsecsElapsed() / 1e9;
     if (rc != 0 || QFileInfo(target).size() != kSize)
         std::printf("!! curl failed (rc %d)\n", rc);
@@ -119,9 +120,9 @@ int main(int argc, char **argv)
     server->moveToThread(&serverThread);
     serverThread.start();
     bool listening = false;
-    QMetaObject::invokeMethod(server, [server, &listening] {
-        listening = server->listen(QHostAddress::LocalHost, 80);
-    }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        server, [server, &listening] { listening = server->listen(QHostAddress::LocalHost, 80); },
+        Qt::BlockingQueuedConnection);
     if (!listening) {
         std::printf("download bench skipped: cannot listen on 127.0.0.1:80\n");
         serverThread.quit();
@@ -141,11 +142,12 @@ int main(int argc, char **argv)
     }
     const double mib = double(kSize) / (1 << 20);
     std::printf("== 1 GiB package download from 127.0.0.1:80 (best of 3)\n");
-    std::printf("ours %.0f MiB/s, curl %.0f MiB/s, ratio ours/curl %.2f (goal >= 0.9)\n", mib / ours,
-                mib / curl, curl / ours);
+    std::printf("ours %.0f MiB/s, curl %.0f MiB/s, ratio ours/curl %.2f (goal >= 0.9)\n",
+                mib / ours, mib / curl, curl / ours);
     std::printf("peak memory growth during our download: %.1f MiB (goal < 32)\n", growth / 1024.0);
 
-    QMetaObject::invokeMethod(server, [server] { delete server; }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        server, [server] { delete server; }, Qt::BlockingQueuedConnection);
     serverThread.quit();
     serverThread.wait();
     return 0;

@@ -24,7 +24,8 @@ namespace {
 QByteArray content(qint64 size, quint32 seed)
 {
     QRandomGenerator random(seed);
-    static const char words[][9] = { "camera", "viewer", "stream", "record", "0x1f2e", "frame", "lens", "focus" };
+    static const char words[][9]
+        = {"camera", "viewer", "stream", "record", "0x1f2e", "frame", "lens", "focus"};
     QByteArray out;
     out.reserve(size);
     while (out.size() < size) {
@@ -68,7 +69,8 @@ double timeBsdtar(const QString &zip, const QString &target)
     ::sync();
     QElapsedTimer t;
     t.start();
-    const int rc = QProcess::execute(QStringLiteral("bsdtar"), { QStringLiteral("-xf"), zip, QStringLiteral("-C"), target });
+    const int rc = QProcess::execute(QStringLiteral("bsdtar"),
+                                     {QStringLiteral("-xf"), zip, QStringLiteral("-C"), target});
     const double s = t.nsecsElapsed() / 1e9;
     if (rc != 0)
         std::printf("!! bsdtar failed (%d)\n", rc);
@@ -83,17 +85,21 @@ int main(int argc, char **argv)
     QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/unzip-bench-XXXXXX"));
     const QString source = dir.filePath(QStringLiteral("source"));
     for (int i = 0; i < 2000; ++i)
-        write(source + QStringLiteral("/share/part%1/file%2.dat").arg(i % 20).arg(i), content(32 * 1024, quint32(i)));
+        write(source + QStringLiteral("/share/part%1/file%2.dat").arg(i % 20).arg(i),
+              content(32 * 1024, quint32(i)));
     for (int i = 0; i < 3; ++i)
-        write(source + QStringLiteral("/lib/large%1.bin").arg(i), content(64 << 20, quint32(10000 + i)));
+        write(source + QStringLiteral("/lib/large%1.bin").arg(i),
+              content(64 << 20, quint32(10000 + i)));
     const QString zip = dir.filePath(QStringLiteral("package.zip"));
-    if (QProcess::execute(QStringLiteral("bsdtar"), { QStringLiteral("-a"), QStringLiteral("-cf"), zip,
-                                                      QStringLiteral("-C"), source, QStringLiteral(".") }) != 0) {
+    if (QProcess::execute(QStringLiteral("bsdtar"),
+                          {QStringLiteral("-a"), QStringLiteral("-cf"), zip, QStringLiteral("-C"),
+                           source, QStringLiteral(".")})
+        != 0) {
         std::printf("unzip bench skipped: bsdtar could not make the archive\n");
         return 0;
     }
     QDir(source).removeRecursively();
-    qv::ZipReader::setDefaultLimits({ qint64(1) << 32, 100000 });
+    qv::ZipReader::setDefaultLimits({qint64(1) << 32, 100000});
 
     // Unpacked into memory (tmpfs) where there is room, so that disk write-back, which comes and
     // goes, does not decide the comparison.
@@ -113,7 +119,7 @@ int main(int argc, char **argv)
     }
     std::printf("== unpacking a 256 MiB ZIP (%lld MiB packed, 2,003 files; best of 5) into %s\n",
                 QFileInfo(zip).size() >> 20, qPrintable(outBase));
-    std::printf("Unzipper %.2f s, bsdtar %.2f s, speed ratio ours/bsdtar %.2f (goal >= 0.9)\n", ours,
-                theirs, theirs / ours);
+    std::printf("Unzipper %.2f s, bsdtar %.2f s, speed ratio ours/bsdtar %.2f (goal >= 0.9)\n",
+                ours, theirs, theirs / ours);
     return 0;
 }

@@ -23,9 +23,11 @@ namespace {
 
 void collect(const QDomElement &set, QList<QDomElement> &packages)
 {
-    for (QDomElement p = set.firstChildElement("package"); !p.isNull(); p = p.nextSiblingElement("package"))
+    for (QDomElement p = set.firstChildElement("package"); !p.isNull();
+         p = p.nextSiblingElement("package"))
         packages << p;
-    for (QDomElement s = set.firstChildElement("package-set"); !s.isNull(); s = s.nextSiblingElement("package-set"))
+    for (QDomElement s = set.firstChildElement("package-set"); !s.isNull();
+         s = s.nextSiblingElement("package-set"))
         collect(s, packages);
 }
 
@@ -67,9 +69,16 @@ void compareWithWalk(const QByteArray &bytes, const PackageInfoList &parsed)
         require(p.languages == languages, "languages");
         UrlMap notes;
         DownloadManager::findAllTranslatedUrls(e, "release-notes", notes);
-        require(p.releaseNotes.keys() == notes.keys() && p.releaseNotes.values() == notes.values(), "release notes");
-        require(p.url == QUrl(DownloadManager::findString(e, "base-url") + DownloadManager::findString(e, "url")), "url");
-        require(p.releaseDate == DownloadManager::parseReleaseDate(DownloadManager::findString(e, "release-date")), "date");
+        require(p.releaseNotes.keys() == notes.keys() && p.releaseNotes.values() == notes.values(),
+                "release notes");
+        require(p.url
+                    == QUrl(DownloadManager::findString(e, "base-url")
+                            + DownloadManager::findString(e, "url")),
+                "url");
+        require(p.releaseDate
+                    == DownloadManager::parseReleaseDate(
+                        DownloadManager::findString(e, "release-date")),
+                "date");
     }
 }
 
@@ -91,12 +100,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     PackageInfoList list = DownloadManager::parseXML(&buffer);
     compareWithWalk(bytes, list);
 
-    const PackageInfo app(QString(), "Viewer", "2.9", "STABLE", QDateTime(), { "linux" }, {}, "", "");
-    PackageInfoList candidates = DownloadManager::findPackageCandidates(list, app, "Application", { "zip", "tar.gz" });
-    const PackageInfo camera(QString(), QString(), "5.0", "", QDateTime(), { "M1004" }, {}, "", "");
+    const PackageInfo app(QString(), "Viewer", "2.9", "STABLE", QDateTime(), {"linux"}, {}, "", "");
+    PackageInfoList candidates
+        = DownloadManager::findPackageCandidates(list, app, "Application", {"zip", "tar.gz"});
+    const PackageInfo camera(QString(), QString(), "5.0", "", QDateTime(), {"M1004"}, {}, "", "");
     candidates += DownloadManager::findPackageCandidates(list, camera, "Camera Firmware", {});
     DownloadManager::eliminateDuplicatePackages(candidates);
-    const PackageInfo filter("", "", "1.0", "STABLE", QDateTime(QDate(2010, 1, 1), QTime(0, 0)), {}, { "ja" }, "", "");
+    const PackageInfo filter("", "", "1.0", "STABLE", QDateTime(QDate(2010, 1, 1), QTime(0, 0)), {},
+                             {"ja"}, "", "");
     const PackageInfoList best = DownloadManager::findBestMatches(list, filter);
     require(DownloadManager::countNew(best) == best.size(), "fresh records are new");
     for (const PackageInfo &p : list) {

@@ -47,38 +47,51 @@ namespace {
 
 // The value tags, numbered so that a level can keep them in arrays.
 enum Tag {
-    TagFile, TagType, TagName, TagNamePublic, TagReleaseNotes, TagReadme, TagLanguage, TagRelease,
-    TagReleasePublic, TagStatus, TagReleaseDate, TagUrl, TagBaseUrl, TagFileSize, TagPlatform,
-    TagComment, TagCount
+    TagFile,
+    TagType,
+    TagName,
+    TagNamePublic,
+    TagReleaseNotes,
+    TagReadme,
+    TagLanguage,
+    TagRelease,
+    TagReleasePublic,
+    TagStatus,
+    TagReleaseDate,
+    TagUrl,
+    TagBaseUrl,
+    TagFileSize,
+    TagPlatform,
+    TagComment,
+    TagCount
 };
 
 int tagId(const QString &name)
 {
-    static const QHash<QString, int> ids{
-        { DownloadManager::FILE, TagFile },
-        { DownloadManager::TYPE, TagType },
-        { DownloadManager::NAME, TagName },
-        { DownloadManager::NAME_PUBLIC, TagNamePublic },
-        { DownloadManager::RELEASE_NOTES, TagReleaseNotes },
-        { DownloadManager::README, TagReadme },
-        { DownloadManager::LANGUAGE, TagLanguage },
-        { DownloadManager::RELEASE_VERSION, TagRelease },
-        { DownloadManager::RELEASE_VERSION_PUBLIC, TagReleasePublic },
-        { DownloadManager::RELEASE_STATUS, TagStatus },
-        { DownloadManager::RELEASE_DATE, TagReleaseDate },
-        { DownloadManager::URL, TagUrl },
-        { DownloadManager::BASE_URL, TagBaseUrl },
-        { DownloadManager::FILE_SIZE, TagFileSize },
-        { DownloadManager::PLATFORM, TagPlatform },
-        { DownloadManager::COMMENT, TagComment },
+    static const QHash<QString, int> ids {
+        {DownloadManager::FILE, TagFile},
+        {DownloadManager::TYPE, TagType},
+        {DownloadManager::NAME, TagName},
+        {DownloadManager::NAME_PUBLIC, TagNamePublic},
+        {DownloadManager::RELEASE_NOTES, TagReleaseNotes},
+        {DownloadManager::README, TagReadme},
+        {DownloadManager::LANGUAGE, TagLanguage},
+        {DownloadManager::RELEASE_VERSION, TagRelease},
+        {DownloadManager::RELEASE_VERSION_PUBLIC, TagReleasePublic},
+        {DownloadManager::RELEASE_STATUS, TagStatus},
+        {DownloadManager::RELEASE_DATE, TagReleaseDate},
+        {DownloadManager::URL, TagUrl},
+        {DownloadManager::BASE_URL, TagBaseUrl},
+        {DownloadManager::FILE_SIZE, TagFileSize},
+        {DownloadManager::PLATFORM, TagPlatform},
+        {DownloadManager::COMMENT, TagComment},
     };
     return ids.value(name, -1);
 }
 
 // One level of the inheritance walk: an element (or the document) with its value children and
 // value attributes indexed by tag, children in document order.
-class Level
-{
+class Level {
 public:
     explicit Level(const QDomNode &node)
     {
@@ -91,7 +104,7 @@ public:
                 continue;
             // File and translated-URL elements are read through levels of their own.
             const bool hasText = tag != TagFile && tag != TagReleaseNotes && tag != TagReadme;
-            m_children[tag].append(Child{ e, hasText ? e.text() : QString() });
+            m_children[tag].append(Child {e, hasText ? e.text() : QString()});
         }
         const QDomNamedNodeMap attributes = node.attributes();
         for (int i = 0, n = attributes.count(); i < n; ++i) {
@@ -104,8 +117,7 @@ public:
         }
     }
 
-    struct Child
-    {
+    struct Child {
         QDomElement element;
         QString text;
     };
@@ -120,9 +132,11 @@ public:
     {
         QStringSet set;
         for (const Child &child : m_children[tag])
-            set.unite(StringUtils::splitStringSet(child.text, StringUtils::splitWords, Qt::SkipEmptyParts));
+            set.unite(StringUtils::splitStringSet(child.text, StringUtils::splitWords,
+                                                  Qt::SkipEmptyParts));
         if (hasAttribute(tag))
-            set.unite(StringUtils::splitStringSet(attribute(tag), StringUtils::splitWords, Qt::SkipEmptyParts));
+            set.unite(StringUtils::splitStringSet(attribute(tag), StringUtils::splitWords,
+                                                  Qt::SkipEmptyParts));
         return set;
     }
 
@@ -155,8 +169,7 @@ private:
 
 // A walk upward: a level and the chain of its ancestors. The union of the word lists from a link
 // up to the document is kept with the link, so packages share what their sets have in common.
-struct Chain
-{
+struct Chain {
     Chain(const Level *level, const Chain *parent) : level(level), parent(parent) { }
 
     const QStringSet &cumulativeWords(int tag) const
@@ -182,11 +195,10 @@ private:
 };
 
 // The walk that startSearchAt(node) begins for the node of `at`: its "file" child first.
-template<typename F>
-auto withSearchStart(const Chain *at, F &&f)
+template<typename F> auto withSearchStart(const Chain *at, F &&f)
 {
     if (const Level *file = at->level->fileLevel()) {
-        const Chain start{ file, at };
+        const Chain start {file, at};
         return f(&start);
     }
     return f(at);
@@ -213,7 +225,7 @@ int chainAllTranslatedUrls(const Chain *c, int tag, UrlMap &out)
     int count = 0;
     for (; c; c = c->parent) {
         for (const auto &childLevel : c->level->childLevels(tag)) {
-            const Chain child{ childLevel.get(), c };
+            const Chain child {childLevel.get(), c};
             withSearchStart(&child, [&](const Chain *start) {
                 out.insert(languageOrEnglish(chainString(start, TagLanguage)),
                            QUrl(chainString(start, TagUrl)));
@@ -222,9 +234,8 @@ int chainAllTranslatedUrls(const Chain *c, int tag, UrlMap &out)
             ++count;
         }
         if (c->level->hasAttribute(tag)) {
-            const QString language = withSearchStart(c, [](const Chain *start) {
-                return chainString(start, TagLanguage);
-            });
+            const QString language = withSearchStart(
+                c, [](const Chain *start) { return chainString(start, TagLanguage); });
             out.insert(languageOrEnglish(language), QUrl(c->level->attribute(tag)));
             ++count;
         }
@@ -233,8 +244,7 @@ int chainAllTranslatedUrls(const Chain *c, int tag, UrlMap &out)
 }
 
 // Release dates repeat across a catalogue, and each local-time conversion costs system calls.
-class DateCache
-{
+class DateCache {
 public:
     QDateTime parse(const QString &text)
     {
@@ -276,7 +286,7 @@ void parseSetLevels(const QDomElement &set, const Chain *setChain, PackageInfoLi
     for (QDomElement p = set.firstChildElement(DownloadManager::PACKAGE); !p.isNull();
          p = p.nextSiblingElement(DownloadManager::PACKAGE)) {
         const Level packageLevel(p);
-        const Chain packageChain{ &packageLevel, setChain };
+        const Chain packageChain {&packageLevel, setChain};
         PackageInfo info;
         fillPackage(&packageChain, info, dates);
         out.append(info);
@@ -284,14 +294,13 @@ void parseSetLevels(const QDomElement &set, const Chain *setChain, PackageInfoLi
     for (QDomElement s = set.firstChildElement(DownloadManager::PACKAGE_SET); !s.isNull();
          s = s.nextSiblingElement(DownloadManager::PACKAGE_SET)) {
         const Level nested(s);
-        const Chain nestedChain{ &nested, setChain };
+        const Chain nestedChain {&nested, setChain};
         parseSetLevels(s, &nestedChain, out, dates);
     }
 }
 
 // Levels for `node` and all its ancestors, innermost first, and the chain that links them.
-struct AncestorChain
-{
+struct AncestorChain {
     explicit AncestorChain(const QDomNode &node)
     {
         std::vector<QDomNode> nodes;
@@ -300,7 +309,8 @@ struct AncestorChain
         // Built outermost first, so every link's parent already exists.
         for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
             levels.emplace_back(new Level(*it));
-            links.emplace_back(new Chain(levels.back().get(), links.empty() ? nullptr : links.back().get()));
+            links.emplace_back(
+                new Chain(levels.back().get(), links.empty() ? nullptr : links.back().get()));
         }
     }
     const Chain *head() const { return links.empty() ? nullptr : links.back().get(); }
@@ -318,8 +328,10 @@ PackageInfoList DownloadManager::parseXML(QIODevice *device)
         const std::unique_ptr<QDomDocument> document(XmlUtils::parseXml(device, nullptr));
         parseSet(document->documentElement(), list);
     } catch (const ParseException &e) {
-        LogQt::write(lcCatalogue(), Log::Warning, QStringLiteral("DownloadManager::parseXML() -> XML parser error"));
-        LogQt::write(lcCatalogue(), Log::Debug, QStringLiteral("DownloadManager::parseXML() -> ") + e.message());
+        LogQt::write(lcCatalogue(), Log::Warning,
+                     QStringLiteral("DownloadManager::parseXML() -> XML parser error"));
+        LogQt::write(lcCatalogue(), Log::Debug,
+                     QStringLiteral("DownloadManager::parseXML() -> ") + e.message());
     }
     return list;
 }
@@ -350,7 +362,8 @@ QDomNode DownloadManager::startSearchAt(QDomNode node)
 
 QString DownloadManager::findString(QDomNode node, QString tag)
 {
-    for (QDomNode current = startSearchAt(node); !current.isNull(); current = current.parentNode()) {
+    for (QDomNode current = startSearchAt(node); !current.isNull();
+         current = current.parentNode()) {
         const QDomElement child = current.firstChildElement(tag);
         if (!child.isNull())
             return child.text();
@@ -363,10 +376,12 @@ QString DownloadManager::findString(QDomNode node, QString tag)
 
 int DownloadManager::findAllStrings(QDomNode node, QString tag, QStringSet &out)
 {
-    for (QDomNode current = startSearchAt(node); !current.isNull(); current = current.parentNode()) {
+    for (QDomNode current = startSearchAt(node); !current.isNull();
+         current = current.parentNode()) {
         for (QDomElement child = current.firstChildElement(tag); !child.isNull();
              child = child.nextSiblingElement(tag))
-            out.unite(StringUtils::splitStringSet(child.text(), StringUtils::splitWords, Qt::SkipEmptyParts));
+            out.unite(StringUtils::splitStringSet(child.text(), StringUtils::splitWords,
+                                                  Qt::SkipEmptyParts));
         const QDomElement element = current.toElement();
         if (element.hasAttribute(tag))
             out.unite(StringUtils::splitStringSet(element.attribute(tag), StringUtils::splitWords,
@@ -378,15 +393,18 @@ int DownloadManager::findAllStrings(QDomNode node, QString tag, QStringSet &out)
 int DownloadManager::findAllTranslatedUrls(QDomNode node, QString tag, UrlMap &out)
 {
     int count = 0;
-    for (QDomNode current = startSearchAt(node); !current.isNull(); current = current.parentNode()) {
+    for (QDomNode current = startSearchAt(node); !current.isNull();
+         current = current.parentNode()) {
         for (QDomElement child = current.firstChildElement(tag); !child.isNull();
              child = child.nextSiblingElement(tag)) {
-            out.insert(languageOrEnglish(findString(child, LANGUAGE)), QUrl(findString(child, URL)));
+            out.insert(languageOrEnglish(findString(child, LANGUAGE)),
+                       QUrl(findString(child, URL)));
             ++count;
         }
         const QDomElement element = current.toElement();
         if (element.hasAttribute(tag)) {
-            out.insert(languageOrEnglish(findString(current, LANGUAGE)), QUrl(element.attribute(tag)));
+            out.insert(languageOrEnglish(findString(current, LANGUAGE)),
+                       QUrl(element.attribute(tag)));
             ++count;
         }
     }
@@ -443,7 +461,8 @@ QDateTime canonicalDate(const QString &text)
     if (digits(0, 4) < 0 || !date.isValid() || !time.isValid())
         return QDateTime();
     const QDateTime result(date, time);
-    return result.isValid() && result.date() == date && result.time() == time ? result : QDateTime();
+    return result.isValid() && result.date() == date && result.time() == time ? result
+                                                                              : QDateTime();
 }
 
 } // namespace
@@ -470,9 +489,11 @@ QString DownloadManager::parsePackageSuffix(QString urlText)
     else if (suffix == u"bz2" && before == u"tar")
         suffix = QStringLiteral("tar.bz2");
     if (suffix.size() < 3 || suffix.size() > 7) {
-        LogQt::write(lcCatalogue(), Log::Error,
-                     QStringLiteral("DownloadManager::parsePackageType() -> parsed suspicious package suffix '")
-                             + suffix + QStringLiteral("' in ") + urlText);
+        LogQt::write(
+            lcCatalogue(), Log::Error,
+            QStringLiteral(
+                "DownloadManager::parsePackageType() -> parsed suspicious package suffix '")
+                + suffix + QStringLiteral("' in ") + urlText);
     }
     return suffix;
 }

@@ -23,7 +23,7 @@ const QString DownloadManager::UPDATE_URL = QStringLiteral(SUC_UPDATE_URL);
 namespace {
 // SLOT(downloadResult(RequestPtr)), spelled out so that requests can be told apart by it.
 const char kDownloadResultSlot[] = "1downloadResult(RequestPtr)";
-}
+} // namespace
 
 DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
     : httpClient(host), host(host), regularCheck(true)
@@ -39,7 +39,8 @@ DownloadManager::DownloadManager(const QUrl &server) : regularCheck(true)
     connectRelays();
 }
 
-DownloadManager::DownloadManager(QSettings &settings, const QString &cacheFile) : regularCheck(false)
+DownloadManager::DownloadManager(QSettings &settings, const QString &cacheFile)
+    : regularCheck(false)
 {
     loadHistory(settings, cacheFile);
     connectRelays();
@@ -53,8 +54,8 @@ void DownloadManager::connectRelays()
 {
     qv::connect(&httpClient, SIGNAL(requestStarted(RequestPtr)), this,
                 SLOT(downloadStarting(RequestPtr)), Qt::AutoConnection);
-    qv::connect(&httpClient, SIGNAL(downloadProgress(int,int)), this,
-                SIGNAL(downloadProgress(int,int)), Qt::AutoConnection);
+    qv::connect(&httpClient, SIGNAL(downloadProgress(int, int)), this,
+                SIGNAL(downloadProgress(int, int)), Qt::AutoConnection);
 }
 
 void DownloadManager::setServer(const QUrl &url)
@@ -85,26 +86,28 @@ QString DownloadManager::queryUrl() const
 
 // Queries.
 
-void DownloadManager::queryUpdate(QString filterTypes, QString filterNames, QString filterReleaseVersion,
-                                  QString filterReleaseStatus, QDateTime filterTime,
-                                  QStringSet filterPlatform, QStringSet filterLanguages,
-                                  QObject *callbackReceiver, const char *callbackSlot)
+void DownloadManager::queryUpdate(QString filterTypes, QString filterNames,
+                                  QString filterReleaseVersion, QString filterReleaseStatus,
+                                  QDateTime filterTime, QStringSet filterPlatform,
+                                  QStringSet filterLanguages, QObject *callbackReceiver,
+                                  const char *callbackSlot)
 {
     const PackageInfo filter(filterTypes, filterNames, filterReleaseVersion, filterReleaseStatus,
                              filterTime, filterPlatform, filterLanguages, QString(), QString());
     queryUpdate(filter, callbackReceiver, callbackSlot);
 }
 
-void DownloadManager::queryUpdate(PackageInfo filter, QObject *callbackReceiver, const char *callbackSlot)
+void DownloadManager::queryUpdate(PackageInfo filter, QObject *callbackReceiver,
+                                  const char *callbackSlot)
 {
     host.updateProxy(QUrl());
     if (host.proxyPreference != HttpHost::NoProxy && !host.proxy.isEmpty())
         HttpAccessHistory::proxies.add(host.proxy);
     httpClient.setHost(host);
-    RequestPtr request = httpClient.prepareGet(QString(), QMap<QString, QVariant>(), this,
-                                               SLOT(queryResult(RequestPtr)), nullptr,
-                                               qvb::smart<QIODevice>());
-    request->setUserData(new RequestData{ filter, callbackReceiver, callbackSlot });
+    RequestPtr request
+        = httpClient.prepareGet(QString(), QMap<QString, QVariant>(), this,
+                                SLOT(queryResult(RequestPtr)), nullptr, qvb::smart<QIODevice>());
+    request->setUserData(new RequestData {filter, callbackReceiver, callbackSlot});
     Q_EMIT queryStarted(QString(host.server));
     httpClient.execute(request);
 }
@@ -171,7 +174,8 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
         try {
             lastAnswer = FileUtils::readBytes(cacheFile, XmlLimits().maxBytes);
         } catch (const IOException &e) {
-            LogQt::write(lcDownload(), Log::Warning, QStringLiteral("DownloadManager::loadHistory() -> ") + e.message());
+            LogQt::write(lcDownload(), Log::Warning,
+                         QStringLiteral("DownloadManager::loadHistory() -> ") + e.message());
         }
     }
     settings.beginGroup(QStringLiteral("Download"));
@@ -189,14 +193,18 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
     int count = settings.beginReadArray(QStringLiteral("hist"));
     // No answer holds more packages than elements; a larger count is damage, not history.
     if (count > XmlLimits().maxElements) {
-        LogQt::write(lcDownload(), Log::Warning,
-                     QStringLiteral("DownloadManager::loadHistory() -> ignoring a history of %1 entries").arg(count));
+        LogQt::write(
+            lcDownload(), Log::Warning,
+            QStringLiteral("DownloadManager::loadHistory() -> ignoring a history of %1 entries")
+                .arg(count));
         count = 0;
     }
     for (int i = 0; i < count; ++i) {
         settings.setArrayIndex(i);
-        const QString version = Preferences::stringValue(settings, QStringLiteral("version"), QString());
-        const QDateTime time = Preferences::dateTimeValue(settings, QStringLiteral("time"), QDateTime());
+        const QString version
+            = Preferences::stringValue(settings, QStringLiteral("version"), QString());
+        const QDateTime time
+            = Preferences::dateTimeValue(settings, QStringLiteral("time"), QDateTime());
         if (time.isNull() || time < limit)
             continue;
         history.insert(version, time);
@@ -211,7 +219,8 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
         try {
             FileUtils::writeBytes(lastAnswer, cacheFile);
         } catch (const IOException &e) {
-            LogQt::write(lcDownload(), Log::Warning, QStringLiteral("DownloadManager::storeHistory() -> ") + e.message());
+            LogQt::write(lcDownload(), Log::Warning,
+                         QStringLiteral("DownloadManager::storeHistory() -> ") + e.message());
         }
     }
     settings.beginGroup(QStringLiteral("Download"));
@@ -242,15 +251,16 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
         file->open(QIODevice::WriteOnly | QIODevice::Truncate);
     else
         LogQt::write(lcDownload(), Log::Error,
-                     QStringLiteral("DownloadManager::startDownload() -> refusing the target ") + filePath);
+                     QStringLiteral("DownloadManager::startDownload() -> refusing the target ")
+                         + filePath);
 
     // Package downloads always go to port 80 of the package's host.
     HttpHost target = host;
     target.server.setAddress(package.url.host(), 80, false);
     httpClient.setHost(target);
-    RequestPtr request = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url),
-                                               QMap<QString, QVariant>(), this, kDownloadResultSlot,
-                                               file, qvb::smart<QIODevice>());
+    RequestPtr request
+        = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url), QMap<QString, QVariant>(),
+                                this, kDownloadResultSlot, file, qvb::smart<QIODevice>());
     request->setUserData(new PackageInfo(package));
     httpClient.execute(request);
 }
@@ -326,14 +336,15 @@ void DownloadManager::downloadReleaseNotes(const QUrl &url)
     target.server.setAddress(url.host(), 80, false);
     httpClient.setHost(target);
     httpClient.get(HttpClient::encodedUrlPath(url), QMap<QString, QVariant>(), this,
-                   SLOT(releaseNotesResult(RequestPtr)), reinterpret_cast<QIODevice *>(quintptr(-1)),
-                   qvb::smart<QIODevice>());
+                   SLOT(releaseNotesResult(RequestPtr)),
+                   reinterpret_cast<QIODevice *>(quintptr(-1)), qvb::smart<QIODevice>());
 }
 
 void DownloadManager::releaseNotesResult(RequestPtr request)
 {
     const QUrl url = request->urls().value(0);
-    Q_EMIT releaseNotesDownloaded(url, request->statusCode() == 200 ? request->getResponseText() : QString());
+    Q_EMIT releaseNotesDownloaded(
+        url, request->statusCode() == 200 ? request->getResponseText() : QString());
 }
 
 } // namespace qv

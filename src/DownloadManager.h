@@ -28,14 +28,12 @@ class Unzipper;
 /// One HTTP client executes the manager's requests one at a time: a query, a package download or
 /// a release-notes fetch. The history of packages already offered, the last check and the last
 /// catalogue answer persist with storeHistory() and come back with the settings constructor.
-class SOFTWAREUPDATECLIENT_EXPORT DownloadManager : public QObject
-{
+class SOFTWAREUPDATECLIENT_EXPORT DownloadManager : public QObject {
     Q_OBJECT
 
 public:
     /// The context of one running query, carried by its HTTP request.
-    struct RequestData
-    {
+    struct RequestData {
         PackageInfo filter;
         QObject *callbackReceiver = nullptr;
         const char *callbackSlot = nullptr;
@@ -106,7 +104,7 @@ public:
     qv::PackageInfo &installPackage() { return installPackageInfo; }
     const qv::PackageInfo &installPackage() const { return installPackageInfo; }
     /// The updater, target folder and application set aside by installLater() with paths.
-    QStringList installPaths() const { return { installTexts[0], installTexts[1], installTexts[2] }; }
+    QStringList installPaths() const { return {installTexts[0], installTexts[1], installTexts[2]}; }
 
     /// The relative path of the program to start in `dir`: its largest executable file, else the
     /// first found in its subfolders; empty when there is none.
@@ -140,20 +138,22 @@ public:
 
     /// The packages that pass filterPackageCandidate (their `type` set to `type`, in `packages`
     /// too), reduced to those of the newest release.
-    static PackageInfoList findPackageCandidates(PackageInfoList &packages, const PackageInfo &filter,
-                                                 const QString &type,
+    static PackageInfoList findPackageCandidates(PackageInfoList &packages,
+                                                 const PackageInfo &filter, const QString &type,
                                                  const QStringList &wantedSuffixes);
     /// Removes later duplicates (same identity), keeping the first of each.
     static void eliminateDuplicatePackages(PackageInfoList &packages);
     /// One best package per type and platform among those matching `filter`.
-    static PackageInfoList findBestMatches(const PackageInfoList &packages, const PackageInfo &filter);
+    static PackageInfoList findBestMatches(const PackageInfoList &packages,
+                                           const PackageInfo &filter);
     /// The number of packages not marked as known.
     static int countNew(const PackageInfoList &packages);
 
 public Q_SLOTS:
     void queryUpdate(QString filterTypes = QString(), QString filterNames = QString(),
-                     QString filterReleaseVersion = QString(), QString filterReleaseStatus = QString(),
-                     QDateTime filterTime = QDateTime(), QStringSet filterPlatform = QStringSet(),
+                     QString filterReleaseVersion = QString(),
+                     QString filterReleaseStatus = QString(), QDateTime filterTime = QDateTime(),
+                     QStringSet filterPlatform = QStringSet(),
                      QStringSet filterLanguages = QStringSet(), QObject *callbackReceiver = nullptr,
                      const char *callbackSlot = nullptr);
     /// Asks the server for its catalogue. The answer comes as packageFound() or noPackageFound(),
@@ -163,7 +163,8 @@ public Q_SLOTS:
     void queryUpdate(qv::PackageInfo filter, QObject *callbackReceiver = nullptr,
                      const char *callbackSlot = nullptr);
     /// A query for firmware ("system") packages; the languages are passed as platform filter.
-    void queryCameraFirmwareUpdate(QString filterVersion = QString(), QString filterRelease = QString(),
+    void queryCameraFirmwareUpdate(QString filterVersion = QString(),
+                                   QString filterRelease = QString(),
                                    QStringSet filterLanguages = QStringSet());
 
     /// Downloads the package to `filePath`, always from port 80 of the package URL's host.

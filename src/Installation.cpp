@@ -24,13 +24,15 @@ void DownloadManager::unzipPackage(const QString &packageFile)
 {
     const QString folder = FileUtils::createTempDir();
     if (folder.isEmpty() || (!QDir(folder).exists() && !QDir().mkpath(folder))) {
-        LogQt::write(lcDownload(), Log::Error,
-                     QStringLiteral("DownloadManager::unzipPackage() -> Could not create folder to unzip into!"));
+        LogQt::write(
+            lcDownload(), Log::Error,
+            QStringLiteral(
+                "DownloadManager::unzipPackage() -> Could not create folder to unzip into!"));
         return;
     }
     LogQt::write(lcDownload(), Log::Debug,
-                 QStringLiteral("DownloadManager::installPackage() -> trying to extract ") + packageFile
-                         + QStringLiteral(" to ") + folder);
+                 QStringLiteral("DownloadManager::installPackage() -> trying to extract ")
+                     + packageFile + QStringLiteral(" to ") + folder);
     // One unpacking per manager: the unzipper is kept for the manager's lifetime, and a folder
     // made for a second one is not left behind.
     if (unzipper) {
@@ -54,13 +56,16 @@ void DownloadManager::unzippingFailed(const QString &message)
 {
     // Whatever was unpacked before the failure is of no use to anybody.
     FileUtils::erase(unpackFolder);
-    QMessageBox box(QMessageBox::Critical, QCoreApplication::applicationName(),
-                    QCoreApplication::translate("DownloadManager", "Downloaded file could not be unpacked:<br>") + message,
-                    QMessageBox::Ok);
+    QMessageBox box(
+        QMessageBox::Critical, QCoreApplication::applicationName(),
+        QCoreApplication::translate("DownloadManager", "Downloaded file could not be unpacked:<br>")
+            + message,
+        QMessageBox::Ok);
     box.exec();
 }
 
-void DownloadManager::startUpdate(const QString &updateApplicationPath, const QString &installationPath,
+void DownloadManager::startUpdate(const QString &updateApplicationPath,
+                                  const QString &installationPath,
                                   const QString &tempApplicationPath, const QString &newApplication)
 {
     const QByteArray program = updateApplicationPath.toLocal8Bit();
@@ -90,7 +95,7 @@ bool DownloadManager::hasInstallPackage() const
 {
     const QFileInfo file(installPackageInfo.localFile);
     return !installPackageInfo.localFile.isEmpty() && file.exists()
-            && file.size() == installPackageInfo.fileSize;
+        && file.size() == installPackageInfo.fileSize;
 }
 
 void DownloadManager::runInstaller(const QString &installerFile)
@@ -107,10 +112,11 @@ void DownloadManager::runZipInstaller(const QString &installerFile)
 {
     QString folder = QDir(QCoreApplication::applicationDirPath()).absolutePath();
     const QString archiveName = QFileInfo(installerFile).fileName();
-    if (!FileUtils::openDirectoryDialog(folder,
-                                        QCoreApplication::translate("DownloadManager", "Select Installation Path for '%1'")
-                                                .arg(archiveName),
-                                        QString(), nullptr))
+    if (!FileUtils::openDirectoryDialog(
+            folder,
+            QCoreApplication::translate("DownloadManager", "Select Installation Path for '%1'")
+                .arg(archiveName),
+            QString(), nullptr))
         return;
     try {
         const QString temp = FileUtils::createTempDir();
@@ -119,7 +125,8 @@ void DownloadManager::runZipInstaller(const QString &installerFile)
         // The wait cursor stays set: the process is handed over below.
         QApplication::setOverrideCursor(Qt::WaitCursor);
         QProgressDialog progress(nullptr, {});
-        progress.setLabelText(QCoreApplication::translate("DownloadManager", "Unpacking '%1'").arg(archiveName));
+        progress.setLabelText(
+            QCoreApplication::translate("DownloadManager", "Unpacking '%1'").arg(archiveName));
         reader.attachProgressDialog(&progress);
         reader.extractFiles(reader.fileList(QRegularExpression()), temp, false);
         if (reader.wasCanceled())

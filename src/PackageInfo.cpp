@@ -53,10 +53,7 @@ QString PackageInfo::fileName() const
 
 QString PackageInfo::stringID() const
 {
-    return QStringLiteral("%1-%2-%3")
-            .arg(1)
-            .arg(releaseDate.toString(Qt::ISODate))
-            .arg(fileSize);
+    return QStringLiteral("%1-%2-%3").arg(1).arg(releaseDate.toString(Qt::ISODate)).arg(fileSize);
 }
 
 bool PackageInfo::operator==(const PackageInfo &other) const
@@ -77,7 +74,7 @@ bool PackageInfo::isInstallable() const
 bool PackageInfo::isInstallable(const QString &suffix)
 {
     return suffix.compare(u"zip", Qt::CaseInsensitive) == 0
-            || suffix.compare(u"rpm", Qt::CaseInsensitive) == 0;
+        || suffix.compare(u"rpm", Qt::CaseInsensitive) == 0;
 }
 
 int PackageInfo::compareVersion(const QString &a, const QString &b)
@@ -93,7 +90,7 @@ int PackageInfo::compareRelease(const QString &a, const QString &b)
 QUrl PackageInfo::translatedUrl(const UrlMap &map, const QString &language,
                                 const QString &fallbackLanguage)
 {
-    const QString keys[] = { language, language.left(2), fallbackLanguage, fallbackLanguage.left(2) };
+    const QString keys[] = {language, language.left(2), fallbackLanguage, fallbackLanguage.left(2)};
     for (const QString &key : keys) {
         const auto it = map.constFind(key);
         if (it != map.cend())

@@ -21,8 +21,7 @@ namespace qv {
 /// One downloadable package of the update catalogue. The same record serves as the filter of a
 /// query: its name, release, status, date, platforms and languages describe the installed product,
 /// and empty fields do not filter.
-class SOFTWAREUPDATECLIENT_EXPORT PackageInfo
-{
+class SOFTWAREUPDATECLIENT_EXPORT PackageInfo {
 public:
     /// Bit 0 of `flags`: the package was listed by an earlier query.
     enum Flag { PackageKnown = 1 };

@@ -42,21 +42,24 @@ void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, con
 void SoftwareUpdateClient::installPackage(int itemIndex)
 {
     if (itemIndex < 0 || itemIndex >= m_packageList.size()) {
-        errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> no package in row %1").arg(itemIndex));
+        errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> no package in row %1")
+                      .arg(itemIndex));
         return;
     }
-    m_selectedRows = { itemIndex };
+    m_selectedRows = {itemIndex};
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
     QMessageBox confirm(QMessageBox::Warning, text("Install Package"),
-                        text("After downloading the package, the installer will automatically exit and restart your application!"),
+                        text("After downloading the package, the installer will automatically exit "
+                             "and restart your application!"),
                         QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
     QPushButton *cancel = confirm.addButton(text("Cancel Install"), QMessageBox::RejectRole);
     confirm.addButton(text("Proceed"), QMessageBox::AcceptRole);
     confirm.exec();
     if (confirm.clickedButton() == cancel) {
-        progressLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
+        progressLine(
+            QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
         return;
     }
 
@@ -71,10 +74,11 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     // that leads out of it ("..", "."), and clean-up removes the folder and nothing else.
     m_downloadFolder = FileUtils::createTempDir();
     m_downloadedFilePath = m_downloadFolder + QLatin1Char('/') + link.section(QLatin1Char('/'), -1);
-    progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> ") + link + QStringLiteral(" to ")
-                 + m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> ") + link
+                 + QStringLiteral(" to ") + m_downloadedFilePath);
     if (m_downloadFolder.isEmpty()) {
-        errorLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> could not create a temporary folder"));
+        errorLine(QStringLiteral(
+            "SoftwareUpdateClient::downloadPackage() -> could not create a temporary folder"));
         downloadError(0);
         return;
     }
@@ -82,13 +86,16 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     if (!m_progressDialog) {
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
         m_progressDialog->setLabelText(text("Downloading package to temporary folder..."));
-        connect(manager, &DownloadManager::downloadProgress, this, &SoftwareUpdateClient::downloadProgress);
+        connect(manager, &DownloadManager::downloadProgress, this,
+                &SoftwareUpdateClient::downloadProgress);
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
                 &SoftwareUpdateClient::downloadError);
         connect(manager, qOverload<>(&DownloadManager::downloadSuccess), this,
                 &SoftwareUpdateClient::downloadFinished);
-        connect(m_progressDialog, &QProgressDialog::canceled, manager, &DownloadManager::abortDownload);
-        connect(manager, &DownloadManager::downloadAborted, this, &SoftwareUpdateClient::abortDownload);
+        connect(m_progressDialog, &QProgressDialog::canceled, manager,
+                &DownloadManager::abortDownload);
+        connect(manager, &DownloadManager::downloadAborted, this,
+                &SoftwareUpdateClient::abortDownload);
     }
     manager->startDownload(package, m_downloadedFilePath);
 }
@@ -147,8 +154,10 @@ void SoftwareUpdateClient::abortDownload()
     if (removed)
         m_downloadFolder.clear();
     else
-        errorLine(QStringLiteral("SoftwareUpdateClient::abortDownload() -> could not remove downloaded files: ")
-                  + m_downloadedFilePath);
+        errorLine(
+            QStringLiteral(
+                "SoftwareUpdateClient::abortDownload() -> could not remove downloaded files: ")
+            + m_downloadedFilePath);
 }
 
 void SoftwareUpdateClient::deleteProgressDialog()
@@ -170,7 +179,8 @@ void SoftwareUpdateClient::installMPKGPackage()
     if (!m_unpackingManager)
         m_unpackingManager = new DownloadManager();
     m_unpackingManager->unzipPackage(m_downloadedFilePath);
-    connect(m_unpackingManager, &DownloadManager::unzippingDone, this, &SoftwareUpdateClient::unzippedMPKGPackage);
+    connect(m_unpackingManager, &DownloadManager::unzippingDone, this,
+            &SoftwareUpdateClient::unzippedMPKGPackage);
     removeDownloadFolderWhenUnpacked(m_unpackingManager);
 }
 
@@ -189,14 +199,17 @@ void SoftwareUpdateClient::unzippedMPKGPackage(QString unzippedFilePath)
         m_unpackingManager->deleteLater();
         m_unpackingManager = nullptr;
     }
-    progressLine(QStringLiteral("SoftwareUpdateClient::unzippedMPKGPackage() -> unzipped succesfully to ")
-                 + unzippedFilePath);
+    progressLine(
+        QStringLiteral("SoftwareUpdateClient::unzippedMPKGPackage() -> unzipped succesfully to ")
+        + unzippedFilePath);
     const QDir folder(unzippedFilePath);
-    const QFileInfoList installers = folder.entryInfoList({ QStringLiteral("*.mpkg") });
+    const QFileInfoList installers = folder.entryInfoList({QStringLiteral("*.mpkg")});
     for (const QFileInfo &installer : installers) {
-        progressLine(QStringLiteral("SoftwareUpdateClient::installMPKGPackage ") + installer.absoluteFilePath());
+        progressLine(QStringLiteral("SoftwareUpdateClient::installMPKGPackage ")
+                     + installer.absoluteFilePath());
         if (!QDesktopServices::openUrl(QUrl::fromLocalFile(installer.absoluteFilePath()))) {
-            errorLine(QStringLiteral("SoftwareUpdateClient::installMPKGPackage, can't start package installer!"));
+            errorLine(QStringLiteral(
+                "SoftwareUpdateClient::installMPKGPackage, can't start package installer!"));
             return;
         }
     }
@@ -209,8 +222,8 @@ void SoftwareUpdateClient::installZIPPackage()
     auto *unpacker = new DownloadManager();
     unpacker->unzipPackage(m_downloadedFilePath);
     removeDownloadFolderWhenUnpacked(unpacker);
-    progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ") + m_downloadedFilePath
-                 + QStringLiteral(" to ") + m_unpackedFolder);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ")
+                 + m_downloadedFilePath + QStringLiteral(" to ") + m_unpackedFolder);
 
     QMessageBox ask(QMessageBox::Warning, text("Restart required"),
                     text("Please restart your application to finish the installation process."),
@@ -230,43 +243,55 @@ void SoftwareUpdateClient::startZipInstall()
     if (folder.exists() && QFile::exists(updaterSource)) {
         folder.cdUp();
         const QString updaterTarget = folder.absolutePath() + QLatin1Char('/') + kUpdaterName;
-        progressLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> starting zip installation application ")
-                     + updaterTarget + QStringLiteral(" -> removing ") + applicationFolder
-                     + QStringLiteral(", renaming ") + m_unpackedFolder + QStringLiteral("  to ") + applicationFolder
-                     + QStringLiteral(" and restarting ") + QCoreApplication::applicationFilePath());
+        progressLine(
+            QStringLiteral(
+                "SoftwareUpdateClient::startInstallZip() -> starting zip installation application ")
+            + updaterTarget + QStringLiteral(" -> removing ") + applicationFolder
+            + QStringLiteral(", renaming ") + m_unpackedFolder + QStringLiteral("  to ")
+            + applicationFolder + QStringLiteral(" and restarting ")
+            + QCoreApplication::applicationFilePath());
         // An updater already in the parent folder is used as it stands.
         if (QFile::exists(updaterTarget) || QFile::copy(updaterSource, updaterTarget)) {
-            const QString executable = QCoreApplication::applicationFilePath().section(QLatin1Char('/'), -1);
-            DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder, executable);
+            const QString executable
+                = QCoreApplication::applicationFilePath().section(QLatin1Char('/'), -1);
+            DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder,
+                                         executable);
             return;
         }
-        errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> could not copy file to ")
+        errorLine(QStringLiteral(
+                      "SoftwareUpdateClient::startInstallApplication() -> could not copy file to ")
                   + updaterTarget);
     }
-    errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> one of the following file/dir is missing: ")
-              + folder.absolutePath() + QStringLiteral(" or ") + QFileInfo(updaterSource).fileName());
+    errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> one of the "
+                             "following file/dir is missing: ")
+              + folder.absolutePath() + QStringLiteral(" or ")
+              + QFileInfo(updaterSource).fileName());
     showError(m_parent, m_windowFlags, text("Installation failed"),
               text("Installation process failed. If problem persists try manual install."));
 }
 
 void SoftwareUpdateClient::installMSIPackage()
 {
-    progressLine(QStringLiteral("SoftwareUpdateClient::installMSIPackage() -> trying to run ") + m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installMSIPackage() -> trying to run ")
+                 + m_downloadedFilePath);
 }
 
 void SoftwareUpdateClient::installDEBPackage()
 {
-    progressLine(QStringLiteral("SoftwareUpdateClient::installDEBPackage() -> trying to run ") + m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installDEBPackage() -> trying to run ")
+                 + m_downloadedFilePath);
 }
 
 void SoftwareUpdateClient::installRPKPackage()
 {
-    progressLine(QStringLiteral("SoftwareUpdateClient::installRPKPackage() -> trying to run ") + m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installRPKPackage() -> trying to run ")
+                 + m_downloadedFilePath);
 }
 
 void SoftwareUpdateClient::installTARGZPackage()
 {
-    progressLine(QStringLiteral("SoftwareUpdateClient::installTARGZPackage() -> trying to run ") + m_downloadedFilePath);
+    progressLine(QStringLiteral("SoftwareUpdateClient::installTARGZPackage() -> trying to run ")
+                 + m_downloadedFilePath);
 }
 
 } // namespace qv

@@ -31,7 +31,8 @@ bool PackageInfo::filterPackageCandidate(const PackageInfo &filter,
         return false;
     if (!filter.status.isEmpty() && status != filter.status)
         return false;
-    if (!filter.platforms.isEmpty() && !StringUtils::intersectsOnBeginning(filter.platforms, platforms))
+    if (!filter.platforms.isEmpty()
+        && !StringUtils::intersectsOnBeginning(filter.platforms, platforms))
         return false;
     return wantedSuffixes.isEmpty() || wantedSuffixes.contains(suffix, Qt::CaseSensitive);
 }
@@ -150,8 +151,8 @@ PackageInfoList DownloadManager::recentPackages(QString type, QString name, QStr
                                                 QString status, QDateTime releaseDate,
                                                 QStringSet platforms, QStringSet languages)
 {
-    PackageInfo filter{ QString(), QString(), QString(), QString(), QDateTime(), QStringSet(),
-                        QStringSet(), QString(), QString() };
+    PackageInfo filter {QString(),    QString(),    QString(), QString(), QDateTime(),
+                        QStringSet(), QStringSet(), QString(), QString()};
     filter.type = type;
     filter.name = name;
     filter.release = release;

@@ -42,8 +42,10 @@ void SoftwareUpdateAvailableDialog::setTableEntries(const QList<QStringList> &en
     ui->commentText->clear();
     ui->commentText->hide();
     if (entries.isEmpty()) {
-        LogQt::write(lcUi(), Log::Error,
-                     QStringLiteral("SoftwareUpdateAvailableDialog::setTableEntries() -> no table entries set!"));
+        LogQt::write(
+            lcUi(), Log::Error,
+            QStringLiteral(
+                "SoftwareUpdateAvailableDialog::setTableEntries() -> no table entries set!"));
         return;
     }
     table->setRowCount(int(entries.size()));

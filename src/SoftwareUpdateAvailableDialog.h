@@ -13,8 +13,7 @@ namespace qv {
 
 /// Lists the packages an update check found. It holds no package data: rows are texts given by
 /// the client, and every user action leaves as a signal carrying table row indexes.
-class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateAvailableDialog : public QDialog
-{
+class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateAvailableDialog : public QDialog {
     Q_OBJECT
 
 public:

@@ -35,7 +35,8 @@ const int kCheckTimerInterval = 3600 * 1000;
 
 QStringList splitList(const QVariant &value)
 {
-    return Preferences::toText(value).split(QLatin1Char(','), Qt::SkipEmptyParts, Qt::CaseSensitive);
+    return Preferences::toText(value).split(QLatin1Char(','), Qt::SkipEmptyParts,
+                                            Qt::CaseSensitive);
 }
 
 VersionNumber versionFromText(const QString &text)
@@ -50,7 +51,10 @@ QSettings::Scope SoftwareUpdateClient::sSoftUpQSettingsScope = QSettings::Scope(
 
 SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber version,
                                            const QString &serverURL, QWidget *parent)
-    : QObject(nullptr), m_parent(parent), m_checkTimer(new QTimer(this)), m_windowFlags(dialogFlags(true))
+    : QObject(nullptr),
+      m_parent(parent),
+      m_checkTimer(new QTimer(this)),
+      m_windowFlags(dialogFlags(true))
 {
     // Build-time lists. They grow on every construction, so a second client in one process
     // stores every type twice.
@@ -114,12 +118,15 @@ void SoftwareUpdateClient::getCurrentSettings(SoftwareUpdateSettings *s) const
 
     // Qt's own conversion, as stored booleans have always been read: any text but "", "0" and
     // "false" reads as true ("no" too).
-    s->doUpdateCheck = textOf(kDoUpdateCheck).isEmpty() ? true : store->value(kDoUpdateCheck).toBool();
-    s->checkForBeta = textOf(kCheckForBeta).isEmpty() ? false : store->value(kCheckForBeta).toBool();
+    s->doUpdateCheck
+        = textOf(kDoUpdateCheck).isEmpty() ? true : store->value(kDoUpdateCheck).toBool();
+    s->checkForBeta
+        = textOf(kCheckForBeta).isEmpty() ? false : store->value(kCheckForBeta).toBool();
     s->updateInterval = Preferences::intValue(*store, kUpdateInterval, 0);
     s->serverURL = textOf(kServerURL);
     const QVariant version = store->value(kVersionNumber);
-    s->versionNumber = version.isNull() ? VersionNumber("0") : versionFromText(Preferences::toText(version));
+    s->versionNumber
+        = version.isNull() ? VersionNumber("0") : versionFromText(Preferences::toText(version));
     s->product = textOf(kProduct);
     s->lastCheck = store->value(kLastCheck).toDateTime();
     s->supportedPlatforms = splitList(store->value(kSupportedPlatforms));
@@ -155,7 +162,8 @@ void SoftwareUpdateClient::setCurrentSettings(const SoftwareUpdateSettings *s) c
     if (!s->supportedPackageTypes.isEmpty())
         store->setValue(kSupportedPackageTypes, s->supportedPackageTypes.join(QLatin1Char(',')));
     if (!s->installablePackageTypes.isEmpty())
-        store->setValue(kInstallablePackageTypes, s->installablePackageTypes.join(QLatin1Char(',')));
+        store->setValue(kInstallablePackageTypes,
+                        s->installablePackageTypes.join(QLatin1Char(',')));
     if (!s->currentCameraVersions.isEmpty()) {
         QStringList pairs;
         for (const auto &camera : s->currentCameraVersions)

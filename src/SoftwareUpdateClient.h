@@ -33,8 +33,7 @@ class SoftwareUpdateDialog;
 /// Settings live at the top level of the host's own store, opened with the host's organization
 /// and application names ("Quorvel" and "softwareUpdate" when the host has set none), in the
 /// format and scope of the two static members below.
-class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateClient : public QObject
-{
+class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateClient : public QObject {
     Q_OBJECT
 
 public:

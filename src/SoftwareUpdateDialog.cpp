@@ -17,8 +17,10 @@ SoftwareUpdateDialog::SoftwareUpdateDialog(QWidget *parent, Qt::WindowFlags flag
     }
     layout()->setSizeConstraint(QLayout::SetFixedSize);
     ui->progressBar->hide();
-    connect(ui->updatePushButton, &QPushButton::clicked, this, &SoftwareUpdateDialog::checkForUpdate);
-    connect(ui->buttonBox, &QDialogButtonBox::clicked, this, &SoftwareUpdateDialog::standardButtonClicked);
+    connect(ui->updatePushButton, &QPushButton::clicked, this,
+            &SoftwareUpdateDialog::checkForUpdate);
+    connect(ui->buttonBox, &QDialogButtonBox::clicked, this,
+            &SoftwareUpdateDialog::standardButtonClicked);
 }
 
 SoftwareUpdateDialog::~SoftwareUpdateDialog()

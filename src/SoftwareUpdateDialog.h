@@ -16,8 +16,7 @@ namespace qv {
 ///
 /// The beta and server URL rows are expert settings: they are shown only when a keyboard modifier
 /// is held while the dialog is constructed.
-class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateDialog : public QDialog
-{
+class SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateDialog : public QDialog {
     Q_OBJECT
 
 public:

@@ -19,8 +19,7 @@ namespace qv {
 
 /// The client's stored settings. The store is the single source of truth: every operation reads
 /// a fresh record, changes it and writes it back.
-struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings
-{
+struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings {
     QString product;
     VersionNumber versionNumber;
     bool quietMode = false;
@@ -37,8 +36,7 @@ struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings
 
 /// The record exchanged with the update settings dialog. A null `currentVersion` or `lastCheck`
 /// hides that row of the dialog.
-struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateDialogSettings
-{
+struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateDialogSettings {
     bool doUpdateCheck = false;
     bool checkForBeta = false;
     /// 0 at application start, 1 daily, 2 weekly, 3 monthly.

@@ -23,8 +23,8 @@ namespace {
 QString nameAndRelease(const PackageInfo &p)
 {
     return (!p.name.isEmpty() ? p.name : p.publicName) + QLatin1Char(' ')
-            + (!p.publicRelease.isEmpty() ? p.publicRelease : p.release)
-            + (p.status == u"BETA" ? QStringLiteral(" BETA") : QString());
+        + (!p.publicRelease.isEmpty() ? p.publicRelease : p.release)
+        + (p.status == u"BETA" ? QStringLiteral(" BETA") : QString());
 }
 
 QString joined(const QStringSet &set)
@@ -40,10 +40,12 @@ void SoftwareUpdateClient::updateAvailable()
         QWidget *parent = m_updateDialog ? static_cast<QWidget *>(m_updateDialog) : m_parent;
         m_updateAvailableDialog = new SoftwareUpdateAvailableDialog(parent, m_windowFlags);
         SoftwareUpdateAvailableDialog *d = m_updateAvailableDialog;
-        connect(d, &SoftwareUpdateAvailableDialog::downloadUrls, this, &SoftwareUpdateClient::downloadUrls);
+        connect(d, &SoftwareUpdateAvailableDialog::downloadUrls, this,
+                &SoftwareUpdateClient::downloadUrls);
         connect(d, &SoftwareUpdateAvailableDialog::downloadReleaseNotes, this,
                 &SoftwareUpdateClient::downloadReleaseNotes);
-        connect(d, &SoftwareUpdateAvailableDialog::installPackage, this, &SoftwareUpdateClient::installPackage);
+        connect(d, &SoftwareUpdateAvailableDialog::installPackage, this,
+                &SoftwareUpdateClient::installPackage);
         connect(d, &QDialog::accepted, this, &SoftwareUpdateClient::deleteUpdateAvailableDialog);
         connect(d, &QDialog::rejected, this, &SoftwareUpdateClient::deleteUpdateAvailableDialog);
         connect(d, &SoftwareUpdateAvailableDialog::currentItemsChangedSig, this,
@@ -57,14 +59,14 @@ void SoftwareUpdateClient::updateAvailable()
     QList<QStringList> rows;
     for (const PackageInfo &p : std::as_const(m_packageList)) {
         const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
-                + QStringLiteral(" MB");
-        const QString languages = p.type == kCameraKind ? joined(p.languages) : text("Multilingual");
-        rows << QStringList{ nameAndRelease(p), size, p.suffix, languages, joined(p.platforms) };
+            + QStringLiteral(" MB");
+        const QString languages
+            = p.type == kCameraKind ? joined(p.languages) : text("Multilingual");
+        rows << QStringList {nameAndRelease(p), size, p.suffix, languages, joined(p.platforms)};
     }
     m_updateAvailableDialog->setTableEntries(rows);
-    m_updateAvailableDialog->setTableHeaders({ text("Name"), text("File Size"),
-                                               text("File Type"), text("Languages"),
-                                               text("Platforms") });
+    m_updateAvailableDialog->setTableHeaders(
+        {text("Name"), text("File Size"), text("File Type"), text("Languages"), text("Platforms")});
     m_updateAvailableDialog->show();
     m_updateAvailableDialog->activateWindow();
 }
@@ -93,15 +95,17 @@ void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     const PackageInfo &p = m_packageList.at(indexList.first());
-    d->setInstallButtonState(settings.installablePackageTypes.contains(p.suffix, Qt::CaseSensitive));
+    d->setInstallButtonState(
+        settings.installablePackageTypes.contains(p.suffix, Qt::CaseSensitive));
     d->setRealeaseNotesButtonState(!p.releaseNotes.value(QStringLiteral("en")).isEmpty());
     const QString published = p.releaseDate.isNull()
-            ? QString()
-            : text("Published on %1").arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
+        ? QString()
+        : text("Published on %1")
+              .arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
     const QString link = p.url.toString();
     d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p) + QStringLiteral(", ") + p.type
-                      + QStringLiteral("</b><br />") + published + QStringLiteral("<a href=\"") + link
-                      + QStringLiteral("\">") + link + QStringLiteral("</a><br />"));
+                      + QStringLiteral("</b><br />") + published + QStringLiteral("<a href=\"")
+                      + link + QStringLiteral("\">") + link + QStringLiteral("</a><br />"));
     d->setDownloadButtonState(true);
 }
 
@@ -115,9 +119,9 @@ QList<int> SoftwareUpdateClient::determineForeignLanguageRows(PackageInfoList li
         if (p.type != kCameraKind)
             continue;
         // English speakers are offered the German-and-English firmware.
-        const bool shown = own == u"en"
-                ? p.languages.contains(QStringLiteral("de")) && p.languages.contains(QStringLiteral("en"))
-                : p.languages.contains(own);
+        const bool shown = own == u"en" ? p.languages.contains(QStringLiteral("de"))
+                && p.languages.contains(QStringLiteral("en"))
+                                        : p.languages.contains(own);
         if (shown)
             matched = true;
         else
@@ -130,14 +134,17 @@ void SoftwareUpdateClient::showHideForeignLanguageItems(bool state)
 {
     if (!m_updateAvailableDialog)
         return;
-    m_updateAvailableDialog->setHiddenEntries(state ? SoftUpIndexList() : determineForeignLanguageRows(m_packageList));
+    m_updateAvailableDialog->setHiddenEntries(state ? SoftUpIndexList()
+                                                    : determineForeignLanguageRows(m_packageList));
 }
 
 void SoftwareUpdateClient::downloadReleaseNotes(SoftUpIndexList itemIndexes)
 {
-    if (itemIndexes.isEmpty() || itemIndexes.first() < 0 || itemIndexes.first() >= m_packageList.size())
+    if (itemIndexes.isEmpty() || itemIndexes.first() < 0
+        || itemIndexes.first() >= m_packageList.size())
         return;
-    QDesktopServices::openUrl(m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")));
+    QDesktopServices::openUrl(
+        m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")));
 }
 
 void SoftwareUpdateClient::downloadUrls(SoftUpIndexList itemIndexes)

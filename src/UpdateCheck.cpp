@@ -34,8 +34,8 @@ QString longDate(const QDateTime &when)
 using client::errorLine;
 using client::kApplicationKind;
 using client::kCameraKind;
-using client::text;
 using client::progressLine;
+using client::text;
 
 // Scheduling.
 
@@ -96,17 +96,20 @@ void SoftwareUpdateClient::queryLastUpdate(int delay)
     if (settings.updateInterval == 2) {
         if (last.addDays(7) < now) {
             checkForUpdate(delay);
-            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
+            progressLine(
+                QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
         }
     } else if (settings.updateInterval == 3) {
         if (last.addMonths(1) < now) {
             checkForUpdate(delay);
-            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
+            progressLine(
+                QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
         }
     } else if (settings.updateInterval == 1) {
         if (last.addDays(1) < now) {
             checkForUpdate(delay);
-            progressLine(QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> daily update fired"));
+            progressLine(
+                QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> daily update fired"));
         }
     }
 }
@@ -120,9 +123,12 @@ void SoftwareUpdateClient::queryForUpdate(Qt::WindowFlags flags, bool modal)
                 qOverload<>(&SoftwareUpdateClient::checkForUpdate));
         connect(m_updateDialog, &SoftwareUpdateDialog::applySettings, this,
                 &SoftwareUpdateClient::applyDialogSettings);
-        connect(m_updateDialog, &QDialog::rejected, this, &SoftwareUpdateClient::deleteUpdateDialog);
-        connect(m_updateDialog, &QDialog::accepted, this, &SoftwareUpdateClient::deleteUpdateDialog);
-        connect(m_updateDialog, &QObject::destroyed, this, &SoftwareUpdateClient::setUpdateDialogNull);
+        connect(m_updateDialog, &QDialog::rejected, this,
+                &SoftwareUpdateClient::deleteUpdateDialog);
+        connect(m_updateDialog, &QDialog::accepted, this,
+                &SoftwareUpdateClient::deleteUpdateDialog);
+        connect(m_updateDialog, &QObject::destroyed, this,
+                &SoftwareUpdateClient::setUpdateDialogNull);
         connect(m_updateDialog, &SoftwareUpdateDialog::forceUpdateAvailable, this,
                 &SoftwareUpdateClient::updateAvailable);
     }
@@ -178,7 +184,8 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
     QNetworkRequest request(url);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("text/xml"));
     // Redirects are followed here, one by one, not by Qt.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::ManualRedirectPolicy);
     if (!m_networkManager) {
         m_networkManager = new QNetworkAccessManager;
         connect(m_networkManager, &QNetworkAccessManager::finished, this,
@@ -200,7 +207,8 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
 
     if (!m_requestTimeoutTimer) {
         m_requestTimeoutTimer = new QTimer(this);
-        connect(m_requestTimeoutTimer, &QTimer::timeout, this, &SoftwareUpdateClient::requestTimeout);
+        connect(m_requestTimeoutTimer, &QTimer::timeout, this,
+                &SoftwareUpdateClient::requestTimeout);
     }
     m_requestTimeoutTimer->setSingleShot(true);
     m_requestTimeoutTimer->start(kRequestTimeout);
@@ -216,26 +224,31 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     if (status == 302 || status == 301 || status == 303 || status == 307) {
         const QUrl url = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
         if (!url.isEmpty()) {
-            progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ") + url.toString());
+            progressLine(
+                QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ")
+                + url.toString());
             performUpdateCheck(url);
             return;
         }
-        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> could not obtain redirect url from server response"));
+        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> could not "
+                                    "obtain redirect url from server response"));
         redirectWithoutTarget = true;
     }
     if (m_updateDialog)
         m_updateDialog->disbaleProgress();
     const bool tooLarge = reply->property(kTooLarge).toBool();
     if (tooLarge) {
-        errorLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> the answer is larger than %1 bytes")
-                  .arg(XmlLimits().maxBytes));
+        errorLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> the answer is "
+                                 "larger than %1 bytes")
+                      .arg(XmlLimits().maxBytes));
         reply->readAll(); // dropped: the catalogue parsed below is empty, so malformed
     }
     // A redirect without a target is read like any answer; Qt flags it as an error of its own.
     if (reply->error() != QNetworkReply::NoError && !redirectWithoutTarget && !tooLarge) {
         requestError(reply->errorString());
-        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
-                  + reply->errorString());
+        progressLine(QStringLiteral(
+                         "SoftwareUpdateClient::evaluateServerResponse() -> reply->errorString(): ")
+                     + reply->errorString());
         return;
     }
     if (parseServerResponse(reply) == 1)
@@ -243,10 +256,12 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     if (m_packageList.isEmpty()) {
-        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> product is up-to-date "));
+        progressLine(QStringLiteral(
+            "SoftwareUpdateClient::evaluateServerResponse() -> product is up-to-date "));
         productUpToDate();
     } else {
-        progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
+        progressLine(
+            QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
         updateAvailable();
     }
 }
@@ -256,7 +271,8 @@ int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
     m_packageList.clear();
     m_packageList = DownloadManager::parseXML(reply);
     if (m_packageList.isEmpty()) {
-        errorLine(QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
+        errorLine(
+            QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
         if (m_updateDialog)
             m_updateDialog->setNotificationText(text("No update available!"));
         return 1;
@@ -264,24 +280,28 @@ int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     // The dialog's unsaved beta choice counts while it is open.
-    const bool beta = m_updateDialog ? m_updateDialog->getDialogSettings().checkForBeta : settings.checkForBeta;
+    const bool beta
+        = m_updateDialog ? m_updateDialog->getDialogSettings().checkForBeta : settings.checkForBeta;
     const QString status = transformReleaseStatus(beta);
 
     PackageInfoList cameras;
     for (const auto &camera : std::as_const(settings.currentCameraVersions)) {
-        const PackageInfo filter(QString(), QString(), camera.second.toString(), status, QDateTime(),
-                                 QStringSet{ camera.first }, QStringSet(), QLatin1String(""), QLatin1String(""));
-        cameras += DownloadManager::findPackageCandidates(m_packageList, filter, kCameraKind, QStringList());
+        const PackageInfo filter(QString(), QString(), camera.second.toString(), status,
+                                 QDateTime(), QStringSet {camera.first}, QStringSet(),
+                                 QLatin1String(""), QLatin1String(""));
+        cameras += DownloadManager::findPackageCandidates(m_packageList, filter, kCameraKind,
+                                                          QStringList());
     }
     DownloadManager::eliminateDuplicatePackages(cameras);
 
     // Matched by the host's application name, not by the stored product.
-    const QStringSet platforms(settings.supportedPlatforms.cbegin(), settings.supportedPlatforms.cend());
+    const QStringSet platforms(settings.supportedPlatforms.cbegin(),
+                               settings.supportedPlatforms.cend());
     const PackageInfo application(QString(), QCoreApplication::applicationName(),
                                   settings.versionNumber.toString(), status, QDateTime(), platforms,
                                   QStringSet(), QLatin1String(""), QLatin1String(""));
     const PackageInfoList applications = DownloadManager::findPackageCandidates(
-            m_packageList, application, kApplicationKind, settings.supportedPackageTypes);
+        m_packageList, application, kApplicationKind, settings.supportedPackageTypes);
     m_packageList = applications + cameras;
     return 0;
 }
@@ -291,7 +311,8 @@ void SoftwareUpdateClient::requestError(QString errorText)
     if (m_updateDialog)
         m_updateDialog->setNotificationText(errorText);
     deleteNetworkmanager();
-    errorLine(QStringLiteral("SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
+    errorLine(QStringLiteral(
+        "SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
 }
 
 void SoftwareUpdateClient::requestTimeout()
@@ -301,7 +322,8 @@ void SoftwareUpdateClient::requestTimeout()
         m_updateDialog->setNotificationText(text("Timeout error! Update server unreachable!"));
     }
     deleteNetworkmanager();
-    errorLine(QStringLiteral("SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
+    errorLine(QStringLiteral(
+        "SoftwareUpdateClient::requestTimeout() -> Timeout occurred requesting update server!"));
 }
 
 void SoftwareUpdateClient::productUpToDate()
@@ -309,7 +331,8 @@ void SoftwareUpdateClient::productUpToDate()
     if (m_updateDialog)
         m_updateDialog->setNotificationText(text("Congratulations! Your product is up-to-date!"));
     deleteNetworkmanager();
-    progressLine(QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
+    progressLine(
+        QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
 }
 
 } // namespace qv

@@ -45,37 +45,52 @@ QString urls(const UrlMap &map)
 // One field of a record as text, so that tables can name fields.
 QString field(const PackageInfo &p, const QString &name)
 {
-    if (name == "type") return p.type;
-    if (name == "name") return p.name;
-    if (name == "publicName") return p.publicName;
-    if (name == "platforms") return sorted(p.platforms);
-    if (name == "url") return p.url.toString();
-    if (name == "release") return p.release;
-    if (name == "status") return p.status;
-    if (name == "releaseDate") return p.releaseDate.toString(Qt::ISODate);
-    if (name == "fileSize") return QString::number(p.fileSize);
-    if (name == "languages") return sorted(p.languages);
-    if (name == "releaseNotes") return urls(p.releaseNotes);
-    if (name == "readme") return urls(p.readme);
-    if (name == "suffix") return p.suffix;
-    if (name == "comment") return p.comment;
-    if (name == "releaseNotes(de)") return p.releaseNotesUrl("de_DE", "en").toString();
+    if (name == "type")
+        return p.type;
+    if (name == "name")
+        return p.name;
+    if (name == "publicName")
+        return p.publicName;
+    if (name == "platforms")
+        return sorted(p.platforms);
+    if (name == "url")
+        return p.url.toString();
+    if (name == "release")
+        return p.release;
+    if (name == "status")
+        return p.status;
+    if (name == "releaseDate")
+        return p.releaseDate.toString(Qt::ISODate);
+    if (name == "fileSize")
+        return QString::number(p.fileSize);
+    if (name == "languages")
+        return sorted(p.languages);
+    if (name == "releaseNotes")
+        return urls(p.releaseNotes);
+    if (name == "readme")
+        return urls(p.readme);
+    if (name == "suffix")
+        return p.suffix;
+    if (name == "comment")
+        return p.comment;
+    if (name == "releaseNotes(de)")
+        return p.releaseNotesUrl("de_DE", "en").toString();
     qFatal("unknown field %s", qPrintable(name));
 }
 
 QByteArray repeatedCatalogue(int packages)
 {
-    QByteArray xml = "<softwareList base-url='http://h/'><package-set type='Application' name='Viewer'>";
+    QByteArray xml
+        = "<softwareList base-url='http://h/'><package-set type='Application' name='Viewer'>";
     for (int i = 0; i < packages; ++i)
-        xml += "<package release='1." + QByteArray::number(i) + "'><file url='v/" + QByteArray::number(i)
-                + ".zip' file-size='" + QByteArray::number(i) + "'/></package>";
+        xml += "<package release='1." + QByteArray::number(i) + "'><file url='v/"
+            + QByteArray::number(i) + ".zip' file-size='" + QByteArray::number(i) + "'/></package>";
     return xml + "</package-set></softwareList>";
 }
 
 } // namespace
 
-class TestCatalogue : public QObject
-{
+class TestCatalogue : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -88,38 +103,74 @@ private Q_SLOTS:
         QTest::addColumn<QString>("fieldName");
         QTest::addColumn<QString>("expected");
         const QString inh = "inheritance.xml";
-        QTest::newRow("root packages come first") << inh << 0 << "type" << "Tool";
-        QTest::newRow("empty base-url on package wins") << inh << 0 << "url" << "http://other.example.test/tool.tar.gz";
-        QTest::newRow("root attribute inherited") << inh << 0 << "status" << "ROOT";
-        QTest::newRow("unreadable size is 0") << inh << 0 << "fileSize" << "0";
-        QTest::newRow("unreadable date is null") << inh << 0 << "releaseDate" << "";
-        QTest::newRow("note without language is en") << inh << 0 << "releaseNotes" << "en=http://dl.example.test/notes/tool.html";
-        QTest::newRow("element wins over attribute") << inh << 1 << "name" << "element-name";
-        QTest::newRow("package element over set attribute") << inh << 1 << "status" << "PKG";
-        QTest::newRow("set element inherited") << inh << 1 << "publicName" << "Camera Viewer";
-        QTest::newRow("platforms accumulate") << inh << 1 << "platforms" << "any linux linux-x86_64 win32";
-        QTest::newRow("base url joined without separator") << inh << 1 << "url" << "http://dl.example.test/viewer/2.1/setup.exe";
-        QTest::newRow("size in MB") << inh << 1 << "fileSize" << "12582912";
-        QTest::newRow("date with time") << inh << 1 << "releaseDate" << "2011-04-05T13:45:00";
-        QTest::newRow("release from package element") << inh << 1 << "release" << "2.1";
-        QTest::newRow("set note takes set language") << inh << 1 << "releaseNotes" << "de=http://dl.example.test/notes/set-en.html";
-        QTest::newRow("suffix exe") << inh << 1 << "suffix" << "exe";
-        QTest::newRow("file element wins over all") << inh << 2 << "status" << "FILE";
-        QTest::newRow("date only is midnight") << inh << 2 << "releaseDate" << "2011-05-01T00:00:00";
-        QTest::newRow("size truncated before scaling") << inh << 2 << "fileSize" << "1048576";
-        QTest::newRow("translated urls in insertion order") << inh << 2 << "releaseNotes"
-                << "de=http://dl.example.test/notes/set-en.html de=http://dl.example.test/notes/pkg-de.html fr=http://dl.example.test/notes/fr.html";
-        QTest::newRow("outer level wins a lookup") << inh << 2 << "releaseNotes(de)" << "http://dl.example.test/notes/set-en.html";
-        QTest::newRow("readme url is not its text") << inh << 2 << "readme" << "de=";
-        QTest::newRow("missing release stays empty") << inh << 2 << "release" << "";
-        QTest::newRow("empty element is a definition") << inh << 3 << "status" << "";
-        QTest::newRow("text kept as it stands") << inh << 3 << "comment" << "  spaced comment  ";
-        QTest::newRow("no url gives the base url") << inh << 3 << "url" << "http://dl.example.test/";
-        QTest::newRow("language word list") << inh << 3 << "languages" << "de";
-        QTest::newRow("realistic: set comment attribute") << "realistic.xml" << 0 << "comment" << "Viewer for network cameras";
-        QTest::newRow("realistic: languages from set element") << "realistic.xml" << 0 << "languages" << "de en fr";
-        QTest::newRow("realistic: firmware platform") << "realistic.xml" << 7 << "platforms" << "M1004";
-        QTest::newRow("realistic: firmware name from inner set") << "realistic.xml" << 7 << "name" << "M1004 Firmware";
+        QTest::newRow("root packages come first") << inh << 0 << "type"
+                                                  << "Tool";
+        QTest::newRow("empty base-url on package wins") << inh << 0 << "url"
+                                                        << "http://other.example.test/tool.tar.gz";
+        QTest::newRow("root attribute inherited") << inh << 0 << "status"
+                                                  << "ROOT";
+        QTest::newRow("unreadable size is 0") << inh << 0 << "fileSize"
+                                              << "0";
+        QTest::newRow("unreadable date is null") << inh << 0 << "releaseDate"
+                                                 << "";
+        QTest::newRow("note without language is en") << inh << 0 << "releaseNotes"
+                                                     << "en=http://dl.example.test/notes/tool.html";
+        QTest::newRow("element wins over attribute") << inh << 1 << "name"
+                                                     << "element-name";
+        QTest::newRow("package element over set attribute") << inh << 1 << "status"
+                                                            << "PKG";
+        QTest::newRow("set element inherited") << inh << 1 << "publicName"
+                                               << "Camera Viewer";
+        QTest::newRow("platforms accumulate") << inh << 1 << "platforms"
+                                              << "any linux linux-x86_64 win32";
+        QTest::newRow("base url joined without separator")
+            << inh << 1 << "url"
+            << "http://dl.example.test/viewer/2.1/setup.exe";
+        QTest::newRow("size in MB") << inh << 1 << "fileSize"
+                                    << "12582912";
+        QTest::newRow("date with time") << inh << 1 << "releaseDate"
+                                        << "2011-04-05T13:45:00";
+        QTest::newRow("release from package element") << inh << 1 << "release"
+                                                      << "2.1";
+        QTest::newRow("set note takes set language")
+            << inh << 1 << "releaseNotes"
+            << "de=http://dl.example.test/notes/set-en.html";
+        QTest::newRow("suffix exe") << inh << 1 << "suffix"
+                                    << "exe";
+        QTest::newRow("file element wins over all") << inh << 2 << "status"
+                                                    << "FILE";
+        QTest::newRow("date only is midnight") << inh << 2 << "releaseDate"
+                                               << "2011-05-01T00:00:00";
+        QTest::newRow("size truncated before scaling") << inh << 2 << "fileSize"
+                                                       << "1048576";
+        QTest::newRow("translated urls in insertion order")
+            << inh << 2 << "releaseNotes"
+            << "de=http://dl.example.test/notes/set-en.html "
+               "de=http://dl.example.test/notes/pkg-de.html "
+               "fr=http://dl.example.test/notes/fr.html";
+        QTest::newRow("outer level wins a lookup") << inh << 2 << "releaseNotes(de)"
+                                                   << "http://dl.example.test/notes/set-en.html";
+        QTest::newRow("readme url is not its text") << inh << 2 << "readme"
+                                                    << "de=";
+        QTest::newRow("missing release stays empty") << inh << 2 << "release"
+                                                     << "";
+        QTest::newRow("empty element is a definition") << inh << 3 << "status"
+                                                       << "";
+        QTest::newRow("text kept as it stands") << inh << 3 << "comment"
+                                                << "  spaced comment  ";
+        QTest::newRow("no url gives the base url") << inh << 3 << "url"
+                                                   << "http://dl.example.test/";
+        QTest::newRow("language word list") << inh << 3 << "languages"
+                                            << "de";
+        QTest::newRow("realistic: set comment attribute") << "realistic.xml" << 0 << "comment"
+                                                          << "Viewer for network cameras";
+        QTest::newRow("realistic: languages from set element")
+            << "realistic.xml" << 0 << "languages"
+            << "de en fr";
+        QTest::newRow("realistic: firmware platform") << "realistic.xml" << 7 << "platforms"
+                                                      << "M1004";
+        QTest::newRow("realistic: firmware name from inner set") << "realistic.xml" << 7 << "name"
+                                                                 << "M1004 Firmware";
     }
     void inheritanceAndPrecedence()
     {
@@ -136,7 +187,7 @@ private Q_SLOTS:
         QStringList names;
         for (const PackageInfo &p : parseFile("nested.xml"))
             names << p.name;
-        QCOMPARE(names, QStringList({ "R1", "R2", "A1", "A2", "A1a", "B1" }));
+        QCOMPARE(names, QStringList({"R1", "R2", "A1", "A2", "A1a", "B1"}));
     }
 
     // The whole-catalogue parse indexes each level once; it must give what the walk over the
@@ -158,9 +209,11 @@ private Q_SLOTS:
         QVERIFY(doc.setContent(&f));
         QList<QDomElement> packages;
         std::function<void(const QDomElement &)> collect = [&](const QDomElement &set) {
-            for (QDomElement p = set.firstChildElement("package"); !p.isNull(); p = p.nextSiblingElement("package"))
+            for (QDomElement p = set.firstChildElement("package"); !p.isNull();
+                 p = p.nextSiblingElement("package"))
                 packages << p;
-            for (QDomElement s = set.firstChildElement("package-set"); !s.isNull(); s = s.nextSiblingElement("package-set"))
+            for (QDomElement s = set.firstChildElement("package-set"); !s.isNull();
+                 s = s.nextSiblingElement("package-set"))
                 collect(s);
         };
         collect(doc.documentElement());
@@ -171,10 +224,13 @@ private Q_SLOTS:
             const QDomElement &e = packages.at(i);
             const PackageInfo &p = parsed.at(i);
             const std::pair<const char *, QString PackageInfo::*> singles[] = {
-                { "type", &PackageInfo::type }, { "name", &PackageInfo::name },
-                { "public-name", &PackageInfo::publicName }, { "release", &PackageInfo::release },
-                { "public-release", &PackageInfo::publicRelease }, { "status", &PackageInfo::status },
-                { "comment", &PackageInfo::comment },
+                {"type", &PackageInfo::type},
+                {"name", &PackageInfo::name},
+                {"public-name", &PackageInfo::publicName},
+                {"release", &PackageInfo::release},
+                {"public-release", &PackageInfo::publicRelease},
+                {"status", &PackageInfo::status},
+                {"comment", &PackageInfo::comment},
             };
             for (const auto &[tag, member] : singles)
                 QCOMPARE(p.*member, DownloadManager::findString(e, tag));
@@ -188,14 +244,15 @@ private Q_SLOTS:
             DownloadManager::findAllTranslatedUrls(e, "readme", readme);
             QCOMPARE(urls(p.releaseNotes), urls(notes));
             QCOMPARE(urls(p.readme), urls(readme));
-            QCOMPARE(p.url, QUrl(DownloadManager::findString(e, "base-url") + DownloadManager::findString(e, "url")));
+            QCOMPARE(p.url,
+                     QUrl(DownloadManager::findString(e, "base-url")
+                          + DownloadManager::findString(e, "url")));
             PackageInfo single;
             DownloadManager::parsePackage(e, single);
             QCOMPARE(single.stringID(), p.stringID());
             QCOMPARE(single.suffix, p.suffix);
         }
     }
-
 
     void fileSizes_data()
     {
@@ -225,7 +282,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QDateTime>("expected");
-        QTest::newRow("date and time") << "2011-04-05 13:45:00" << QDateTime(QDate(2011, 4, 5), QTime(13, 45));
+        QTest::newRow("date and time")
+            << "2011-04-05 13:45:00" << QDateTime(QDate(2011, 4, 5), QTime(13, 45));
         QTest::newRow("date only") << "2011-04-05" << QDateTime(QDate(2011, 4, 5), QTime(0, 0));
         QTest::newRow("other order") << "05.04.2011" << QDateTime();
         QTest::newRow("impossible day") << "2011-02-30" << QDateTime();
@@ -246,16 +304,26 @@ private Q_SLOTS:
         QTest::addColumn<QString>("url");
         QTest::addColumn<QString>("suffix");
         QTest::addColumn<bool>("warned");
-        QTest::newRow("exe") << "http://h/setup.exe" << "exe" << false;
-        QTest::newRow("tar.gz") << "http://h/pkg.tar.gz" << "tar.gz" << false;
-        QTest::newRow("tar.bz2") << "http://h/pkg.tar.bz2" << "tar.bz2" << false;
-        QTest::newRow("mpkg.zip") << "http://h/Tool.mpkg.zip" << "mpkg" << false;
-        QTest::newRow("zip") << "http://h/a.zip" << "zip" << false;
-        QTest::newRow("upper case stays") << "http://h/A.TAR.GZ" << "GZ" << true;
-        QTest::newRow("gz alone") << "http://h/file.gz" << "gz" << true;
-        QTest::newRow("long") << "http://h/archive.jpeg2000" << "jpeg2000" << true;
-        QTest::newRow("no dot in file") << "http://host.example.test/download" << "test/download" << true;
-        QTest::newRow("trailing dots skipped") << "http://h/a.zip.." << "zip" << false;
+        QTest::newRow("exe") << "http://h/setup.exe"
+                             << "exe" << false;
+        QTest::newRow("tar.gz") << "http://h/pkg.tar.gz"
+                                << "tar.gz" << false;
+        QTest::newRow("tar.bz2") << "http://h/pkg.tar.bz2"
+                                 << "tar.bz2" << false;
+        QTest::newRow("mpkg.zip") << "http://h/Tool.mpkg.zip"
+                                  << "mpkg" << false;
+        QTest::newRow("zip") << "http://h/a.zip"
+                             << "zip" << false;
+        QTest::newRow("upper case stays") << "http://h/A.TAR.GZ"
+                                          << "GZ" << true;
+        QTest::newRow("gz alone") << "http://h/file.gz"
+                                  << "gz" << true;
+        QTest::newRow("long") << "http://h/archive.jpeg2000"
+                              << "jpeg2000" << true;
+        QTest::newRow("no dot in file") << "http://host.example.test/download"
+                                        << "test/download" << true;
+        QTest::newRow("trailing dots skipped") << "http://h/a.zip.."
+                                               << "zip" << false;
     }
     void suffixes()
     {
@@ -263,9 +331,11 @@ private Q_SLOTS:
         QFETCH(QString, suffix);
         QFETCH(bool, warned);
         if (warned) {
-            QTest::ignoreMessage(QtCriticalMsg,
-                                 qPrintable("DownloadManager::parsePackageType() -> parsed suspicious package suffix '"
-                                            + suffix + "' in " + url));
+            QTest::ignoreMessage(
+                QtCriticalMsg,
+                qPrintable(
+                    "DownloadManager::parsePackageType() -> parsed suspicious package suffix '"
+                    + suffix + "' in " + url));
         }
         QCOMPARE(DownloadManager::parsePackageSuffix(url), suffix);
     }
@@ -274,37 +344,49 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("bytes");
         QTest::newRow("empty body") << QByteArray();
-        QTest::newRow("html error page") << QByteArray("<html><body><h1>500 Internal Server Error</h1><br></body></html>");
+        QTest::newRow("html error page")
+            << QByteArray("<html><body><h1>500 Internal Server Error</h1><br></body></html>");
         QTest::newRow("unclosed") << QByteArray("<softwareList><package name='a'>");
         QTest::newRow("binary junk") << QByteArray::fromHex("00ff10fe3c3f786d6c2000");
         QTest::newRow("text") << QByteArray("Service Unavailable");
         QByteArray deep;
         for (int i = 0; i < 100000; ++i)
             deep += "<package-set>";
-        QTest::newRow("100000 levels") << deep + QByteArray("<package/>") + QByteArray("</package-set>").repeated(100000);
-        QTest::newRow("65 levels") << QByteArray("<a>").repeated(65) + QByteArray("</a>").repeated(65);
+        QTest::newRow("100000 levels")
+            << deep + QByteArray("<package/>") + QByteArray("</package-set>").repeated(100000);
+        QTest::newRow("65 levels")
+            << QByteArray("<a>").repeated(65) + QByteArray("</a>").repeated(65);
         QTest::newRow("billion laughs") << QByteArray(
-                "<?xml version='1.0'?><!DOCTYPE lolz [<!ENTITY lol 'lol'>"
-                "<!ENTITY lol2 '&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;'>"
-                "<!ENTITY lol3 '&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;'>"
-                "<!ENTITY lol4 '&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;'>"
-                "<!ENTITY lol5 '&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;'>"
-                "<!ENTITY lol6 '&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;'>"
-                "<!ENTITY lol7 '&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;'>"
-                "<!ENTITY lol8 '&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;'>"
-                "<!ENTITY lol9 '&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;'>"
-                "]><softwareList><package name='&lol9;'/></softwareList>");
-        QTest::newRow("quadratic blowup") << QByteArray("<!DOCTYPE s [<!ENTITY a '" + QByteArray(4000, 'a') + "'>]><s><package name='"
-                                                        + QByteArray("&a;").repeated(50000) + "'/></s>");
-        QTest::newRow("external entity") << QByteArray("<!DOCTYPE s [<!ENTITY x SYSTEM 'file:///etc/passwd'>]><s><package name='&x;'/></s>");
-        QTest::newRow("plain doctype") << QByteArray("<!DOCTYPE softwareList><softwareList><package/></softwareList>");
+            "<?xml version='1.0'?><!DOCTYPE lolz [<!ENTITY lol 'lol'>"
+            "<!ENTITY lol2 '&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;&lol;'>"
+            "<!ENTITY lol3 '&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;&lol2;'>"
+            "<!ENTITY lol4 '&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;&lol3;'>"
+            "<!ENTITY lol5 '&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;&lol4;'>"
+            "<!ENTITY lol6 '&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;&lol5;'>"
+            "<!ENTITY lol7 '&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;&lol6;'>"
+            "<!ENTITY lol8 '&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;&lol7;'>"
+            "<!ENTITY lol9 '&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;&lol8;'>"
+            "]><softwareList><package name='&lol9;'/></softwareList>");
+        QTest::newRow("quadratic blowup") << QByteArray(
+            "<!DOCTYPE s [<!ENTITY a '" + QByteArray(4000, 'a') + "'>]><s><package name='"
+            + QByteArray("&a;").repeated(50000) + "'/></s>");
+        QTest::newRow("external entity") << QByteArray(
+            "<!DOCTYPE s [<!ENTITY x SYSTEM 'file:///etc/passwd'>]><s><package name='&x;'/></s>");
+        QTest::newRow("plain doctype")
+            << QByteArray("<!DOCTYPE softwareList><softwareList><package/></softwareList>");
         QTest::newRow("undeclared entity") << QByteArray("<s><package name='&x;'/></s>");
-        QTest::newRow("huge attribute") << QByteArray("<s><package name='" + QByteArray(2 << 20, 'x') + "'/></s>");
-        QTest::newRow("huge text") << QByteArray("<s><package><name>" + QByteArray(2 << 20, 'x') + "</name></package></s>");
-        QTest::newRow("over 32 MiB") << QByteArray("<s>" + QByteArray("<package/>").repeated(3400000) + "</s>");
-        QTest::newRow("over a million elements") << QByteArray("<s>" + QByteArray("<p/>").repeated(1000001) + "</s>");
-        const QString utf16 = QStringLiteral("\uFEFF<!DOCTYPE s [<!ENTITY a 'x'>]><s><package name='&a;'/></s>");
-        QTest::newRow("UTF-16 with a DTD") << QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2);
+        QTest::newRow("huge attribute")
+            << QByteArray("<s><package name='" + QByteArray(2 << 20, 'x') + "'/></s>");
+        QTest::newRow("huge text") << QByteArray("<s><package><name>" + QByteArray(2 << 20, 'x')
+                                                 + "</name></package></s>");
+        QTest::newRow("over 32 MiB")
+            << QByteArray("<s>" + QByteArray("<package/>").repeated(3400000) + "</s>");
+        QTest::newRow("over a million elements")
+            << QByteArray("<s>" + QByteArray("<p/>").repeated(1000001) + "</s>");
+        const QString utf16
+            = QStringLiteral("\uFEFF<!DOCTYPE s [<!ENTITY a 'x'>]><s><package name='&a;'/></s>");
+        QTest::newRow("UTF-16 with a DTD")
+            << QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2);
     }
     void badDocumentsGiveEmptyList()
     {
@@ -323,11 +405,15 @@ private Q_SLOTS:
             nested += "</package-set>";
         nested += "</softwareList>";
         QCOMPARE(parseBytes(nested).size(), 1);
-        QCOMPARE(parseBytes("<s><package name='a &amp; b &#x41;'/></s>").value(0).name, QString("a & b A"));
+        QCOMPARE(parseBytes("<s><package name='a &amp; b &#x41;'/></s>").value(0).name,
+                 QString("a & b A"));
         QCOMPARE(parseBytes(repeatedCatalogue(20000)).size(), 20000);
         const QString utf16 = QStringLiteral("\uFEFF<s><package name='Kamera \u00FC'/></s>");
-        QCOMPARE(parseBytes(QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2)).value(0).name,
-                 QString("Kamera \u00FC"));
+        QCOMPARE(
+            parseBytes(QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2))
+                .value(0)
+                .name,
+            QString("Kamera \u00FC"));
     }
 
     // Selection on the realistic catalogue.
@@ -341,24 +427,40 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("suffixes");
         QTest::addColumn<QStringList>("expected"); // url file names
         QTest::newRow("numeric order keeps 2.10 over 2.9.1")
-                << "Viewer" << "2.9" << "STABLE" << QStringList{ "linux" } << QStringList{}
-                << QStringList{ "Viewer-linux.zip", "Viewer-linux.deb" };
-        QTest::newRow("wanted suffixes") << "Viewer" << "2.9" << "STABLE" << QStringList{ "linux" }
-                                         << QStringList{ "tar.gz", "deb" } << QStringList{ "Viewer-linux.deb" };
-        QTest::newRow("suffix case matters") << "Viewer" << "2.9" << "STABLE" << QStringList{ "linux" }
-                                             << QStringList{ "ZIP" } << QStringList{};
+            << "Viewer"
+            << "2.9"
+            << "STABLE" << QStringList {"linux"} << QStringList {}
+            << QStringList {"Viewer-linux.zip", "Viewer-linux.deb"};
+        QTest::newRow("wanted suffixes")
+            << "Viewer"
+            << "2.9"
+            << "STABLE" << QStringList {"linux"} << QStringList {"tar.gz", "deb"}
+            << QStringList {"Viewer-linux.deb"};
+        QTest::newRow("suffix case matters")
+            << "Viewer"
+            << "2.9"
+            << "STABLE" << QStringList {"linux"} << QStringList {"ZIP"} << QStringList {};
         QTest::newRow("any status takes the beta")
-                << "Viewer" << "2.9" << "" << QStringList{ "win32" } << QStringList{}
-                << QStringList{ "ViewerSetup.exe" };
-        QTest::newRow("up to date") << "Viewer" << "2.10" << "STABLE" << QStringList{ "win32" }
-                                    << QStringList{} << QStringList{};
-        QTest::newRow("name must match exactly") << "viewer" << "1.0" << "STABLE" << QStringList{}
-                                                 << QStringList{} << QStringList{};
+            << "Viewer"
+            << "2.9"
+            << "" << QStringList {"win32"} << QStringList {} << QStringList {"ViewerSetup.exe"};
+        QTest::newRow("up to date")
+            << "Viewer"
+            << "2.10"
+            << "STABLE" << QStringList {"win32"} << QStringList {} << QStringList {};
+        QTest::newRow("name must match exactly")
+            << "viewer"
+            << "1.0"
+            << "STABLE" << QStringList {} << QStringList {} << QStringList {};
         QTest::newRow("camera model as platform")
-                << "" << "5.2.1" << "STABLE" << QStringList{ "M1004" } << QStringList{}
-                << QStringList{ "M1004-de_en.bin", "M1004-fr.bin" };
-        QTest::newRow("model prefix matches") << "" << "5.0" << "" << QStringList{ "Q6034" }
-                                              << QStringList{} << QStringList{ "Q6034-de_en.bin", "Q6034-ja.bin" };
+            << ""
+            << "5.2.1"
+            << "STABLE" << QStringList {"M1004"} << QStringList {}
+            << QStringList {"M1004-de_en.bin", "M1004-fr.bin"};
+        QTest::newRow("model prefix matches") << ""
+                                              << "5.0"
+                                              << "" << QStringList {"Q6034"} << QStringList {}
+                                              << QStringList {"Q6034-de_en.bin", "Q6034-ja.bin"};
     }
     void candidates()
     {
@@ -370,7 +472,8 @@ private Q_SLOTS:
         PackageInfoList catalogue = parseFile("realistic.xml");
         const PackageInfo filter(QString(), name, release, status, QDateTime(),
                                  QStringSet(platforms.cbegin(), platforms.cend()), {}, "", "");
-        const PackageInfoList found = DownloadManager::findPackageCandidates(catalogue, filter, "Wanted", suffixes);
+        const PackageInfoList found
+            = DownloadManager::findPackageCandidates(catalogue, filter, "Wanted", suffixes);
         QStringList files;
         for (const PackageInfo &p : found) {
             files << p.fileName();
@@ -388,15 +491,17 @@ private Q_SLOTS:
         PackageInfoList empty;
         QVERIFY(DownloadManager::findPackageCandidates(empty, PackageInfo(), "x", {}).isEmpty());
         PackageInfoList unversioned = parseFile("nested.xml");
-        QVERIFY(DownloadManager::findPackageCandidates(unversioned, PackageInfo(), "x", {}).isEmpty());
+        QVERIFY(
+            DownloadManager::findPackageCandidates(unversioned, PackageInfo(), "x", {}).isEmpty());
         // 2.1 reaches the top first; 2.1.0 denotes the same version but is spelled differently.
         PackageInfo a, b, c;
         a.release = "2.1";
         b.release = "2.1.0";
         c.release = "2.1";
         c.fileSize = 1;
-        PackageInfoList same{ a, b, c };
-        const PackageInfoList kept = DownloadManager::findPackageCandidates(same, PackageInfo(), "x", {});
+        PackageInfoList same {a, b, c};
+        const PackageInfoList kept
+            = DownloadManager::findPackageCandidates(same, PackageInfo(), "x", {});
         QCOMPARE(kept.size(), 2);
         QCOMPARE(kept.at(1).fileSize, 1);
     }
@@ -409,7 +514,7 @@ private Q_SLOTS:
         b.fileSize = 2;
         c.name = "third, same identity as first";
         c.fileSize = 1;
-        PackageInfoList list{ a, b, c };
+        PackageInfoList list {a, b, c};
         DownloadManager::eliminateDuplicatePackages(list);
         QCOMPARE(list.size(), 2);
         QCOMPARE(list.at(0).name, QString("first"));
@@ -423,10 +528,14 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("excludedLanguages");
         QTest::addColumn<QStringList>("expected"); // type/platform -> file name
         QTest::newRow("text order: 2.9 rejects 2.10 and 2.11, keeps 2.9.1")
-                << "2.9" << "STABLE" << QStringList{}
-                << QStringList{ "Viewer-linux.tar.gz", "M1004-fr.bin", "P3301-de_en.bin", "Q6034-ja.bin" };
-        QTest::newRow("languages exclude") << "" << "" << QStringList{ "fr" }
-                << QStringList{ "M1004-de_en.bin", "P3301-de_en.bin", "Q6034-ja.bin" };
+            << "2.9"
+            << "STABLE" << QStringList {}
+            << QStringList {"Viewer-linux.tar.gz", "M1004-fr.bin", "P3301-de_en.bin",
+                            "Q6034-ja.bin"};
+        QTest::newRow("languages exclude")
+            << ""
+            << "" << QStringList {"fr"}
+            << QStringList {"M1004-de_en.bin", "P3301-de_en.bin", "Q6034-ja.bin"};
     }
     void bestMatches()
     {
@@ -435,7 +544,8 @@ private Q_SLOTS:
         QFETCH(QStringList, excludedLanguages);
         const PackageInfoList catalogue = parseFile("realistic.xml");
         const PackageInfo filter("", "", release, status, QDateTime(), {},
-                                 QStringSet(excludedLanguages.cbegin(), excludedLanguages.cend()), "", "");
+                                 QStringSet(excludedLanguages.cbegin(), excludedLanguages.cend()),
+                                 "", "");
         QStringList files;
         for (const PackageInfo &p : DownloadManager::findBestMatches(catalogue, filter))
             files << p.fileName();
@@ -451,13 +561,25 @@ private Q_SLOTS:
         QTest::addColumn<QString>("statusB");
         QTest::addColumn<int>("dayB");
         QTest::addColumn<QString>("winner");
-        QTest::newRow("higher release") << "1.2" << "STABLE" << 1 << "1.3" << "STABLE" << 1 << "B";
-        QTest::newRow("higher release kept against a later one") << "1.3" << "STABLE" << 1 << "1.2" << "STABLE" << 1 << "A";
+        QTest::newRow("higher release") << "1.2"
+                                        << "STABLE" << 1 << "1.3"
+                                        << "STABLE" << 1 << "B";
+        QTest::newRow("higher release kept against a later one") << "1.3"
+                                                                 << "STABLE" << 1 << "1.2"
+                                                                 << "STABLE" << 1 << "A";
         // The comparison goes on past a lower release: status, then date, may still win.
-        QTest::newRow("lower release, better status") << "1.3" << "STABLE" << 1 << "1.2" << "BETA" << 1 << "B";
-        QTest::newRow("lower release, later date") << "1.3" << "STABLE" << 1 << "1.2" << "STABLE" << 9 << "B";
-        QTest::newRow("later date") << "1.2" << "STABLE" << 1 << "1.2" << "STABLE" << 5 << "B";
-        QTest::newRow("all equal keeps the first") << "1.2" << "STABLE" << 3 << "1.2" << "STABLE" << 3 << "A";
+        QTest::newRow("lower release, better status") << "1.3"
+                                                      << "STABLE" << 1 << "1.2"
+                                                      << "BETA" << 1 << "B";
+        QTest::newRow("lower release, later date") << "1.3"
+                                                   << "STABLE" << 1 << "1.2"
+                                                   << "STABLE" << 9 << "B";
+        QTest::newRow("later date") << "1.2"
+                                    << "STABLE" << 1 << "1.2"
+                                    << "STABLE" << 5 << "B";
+        QTest::newRow("all equal keeps the first") << "1.2"
+                                                   << "STABLE" << 3 << "1.2"
+                                                   << "STABLE" << 3 << "A";
     }
     void betterMatchRules()
     {
@@ -467,11 +589,13 @@ private Q_SLOTS:
         QFETCH(QString, releaseB);
         QFETCH(QString, statusB);
         QFETCH(int, dayB);
-        PackageInfo a("App", "n", releaseA, statusA, QDateTime(QDate(2013, 1, dayA), QTime(0, 0)), { "linux" }, {}, "zip", "A");
+        PackageInfo a("App", "n", releaseA, statusA, QDateTime(QDate(2013, 1, dayA), QTime(0, 0)),
+                      {"linux"}, {}, "zip", "A");
         a.fileSize = 1;
-        PackageInfo b("App", "n", releaseB, statusB, QDateTime(QDate(2013, 1, dayB), QTime(0, 0)), { "linux" }, {}, "zip", "B");
+        PackageInfo b("App", "n", releaseB, statusB, QDateTime(QDate(2013, 1, dayB), QTime(0, 0)),
+                      {"linux"}, {}, "zip", "B");
         b.fileSize = 2;
-        const PackageInfoList best = DownloadManager::findBestMatches({ a, b }, PackageInfo());
+        const PackageInfoList best = DownloadManager::findBestMatches({a, b}, PackageInfo());
         QCOMPARE(best.size(), 1);
         QTEST(best.first().comment, "winner");
     }
@@ -481,11 +605,12 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("languages");
         QTest::addColumn<QString>("status");
         QTest::addColumn<bool>("matches");
-        QTest::newRow("shares an excluded language") << QStringList{ "de", "en" } << "STABLE" << false;
-        QTest::newRow("other language") << QStringList{ "fr" } << "STABLE" << true;
-        QTest::newRow("no languages") << QStringList{} << "STABLE" << true;
-        QTest::newRow("beta admitted by stable filter") << QStringList{} << "BETA" << true;
-        QTest::newRow("status sorting after the filter's") << QStringList{} << "TESTING" << false;
+        QTest::newRow("shares an excluded language")
+            << QStringList {"de", "en"} << "STABLE" << false;
+        QTest::newRow("other language") << QStringList {"fr"} << "STABLE" << true;
+        QTest::newRow("no languages") << QStringList {} << "STABLE" << true;
+        QTest::newRow("beta admitted by stable filter") << QStringList {} << "BETA" << true;
+        QTest::newRow("status sorting after the filter's") << QStringList {} << "TESTING" << false;
     }
     void matchesFilter()
     {
@@ -493,7 +618,8 @@ private Q_SLOTS:
         QFETCH(QString, status);
         PackageInfo p("App", "n", "2.0", status, QDateTime(QDate(2013, 1, 2), QTime(0, 0)), {},
                       QStringSet(languages.cbegin(), languages.cend()), "", "");
-        const PackageInfo filter("", "", "1.0", "STABLE", QDateTime(QDate(2013, 1, 1), QTime(0, 0)), {}, { "de" }, "", "");
+        const PackageInfo filter("", "", "1.0", "STABLE", QDateTime(QDate(2013, 1, 1), QTime(0, 0)),
+                                 {}, {"de"}, "", "");
         QTEST(p.matchesFilter(filter), "matches");
         PackageInfo older = p;
         older.releaseDate = QDateTime(QDate(2012, 12, 31), QTime(0, 0));
@@ -502,14 +628,13 @@ private Q_SLOTS:
 
     void bestMatchNeedsAPlatformAndListsOnce()
     {
-        PackageInfo both("App", "n", "2.0", "", QDateTime(), { "linux", "win32" }, {}, "", "");
+        PackageInfo both("App", "n", "2.0", "", QDateTime(), {"linux", "win32"}, {}, "", "");
         PackageInfo none("App", "n", "3.0", "", QDateTime(), {}, {}, "", "");
         none.fileSize = 7;
-        const PackageInfoList best = DownloadManager::findBestMatches({ both, none }, PackageInfo());
+        const PackageInfoList best = DownloadManager::findBestMatches({both, none}, PackageInfo());
         QCOMPARE(best.size(), 1);
         QCOMPARE(best.first().fileSize, 0);
     }
-
 };
 
 QTEST_GUILESS_MAIN(TestCatalogue)

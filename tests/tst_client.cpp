@@ -1,7 +1,7 @@
+#include <PrivateNetwork.h>
 #include <SoftwareUpdateAvailableDialog.h>
 #include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
-#include <PrivateNetwork.h>
 #include <TestHttpServer.h>
 #include <qv/LogQt.h>
 
@@ -19,8 +19,8 @@
 #include <QSignalSpy>
 #include <QStandardPaths>
 #include <QTableWidget>
-#include <QTextBrowser>
 #include <QTemporaryDir>
+#include <QTextBrowser>
 #include <QTimer>
 #include <QtTest>
 
@@ -43,8 +43,7 @@ QByteArray testData(const QString &name)
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-template<typename T>
-T *openDialog()
+template<typename T> T *openDialog()
 {
     for (QWidget *w : QApplication::topLevelWidgets()) {
         if (auto *d = qobject_cast<T *>(w); d && d->isVisible())
@@ -55,8 +54,7 @@ T *openDialog()
 
 // Clicks the button with the given text in every modal message box that opens, and keeps the
 // boxes' titles and texts.
-class BoxAnswerer : public QObject
-{
+class BoxAnswerer : public QObject {
 public:
     explicit BoxAnswerer(const QStringList &choices) : m_choices(choices)
     {
@@ -67,7 +65,8 @@ public:
                 return;
             seen << box->windowTitle() + " | " + box->text();
             for (QAbstractButton *b : box->buttons()) {
-                if (m_choices.contains(b->text()) || (m_choices.isEmpty() && box->buttonRole(b) == QMessageBox::AcceptRole)) {
+                if (m_choices.contains(b->text())
+                    || (m_choices.isEmpty() && box->buttonRole(b) == QMessageBox::AcceptRole)) {
                     b->click();
                     return;
                 }
@@ -83,8 +82,7 @@ private:
 };
 
 // Records what would have opened in the browser.
-class UrlRecorder : public QObject
-{
+class UrlRecorder : public QObject {
     Q_OBJECT
 public:
     QList<QUrl> opened;
@@ -94,8 +92,7 @@ public Q_SLOTS:
 
 } // namespace
 
-class TestClient : public QObject
-{
+class TestClient : public QObject {
     Q_OBJECT
 
     QHttpServer m_server;
@@ -116,7 +113,8 @@ class TestClient : public QObject
     }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
     {
-        m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber(version.toStdString()), url(), nullptr));
+        m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber(version.toStdString()),
+                                                url(), nullptr));
         return m_client.data();
     }
     // Runs a check from an open settings dialog and returns the notification line, or
@@ -172,7 +170,8 @@ private Q_SLOTS:
             return QHttpServerResponse(QHttpServerResponse::StatusCode::Found);
         });
         m_server.route("/missing", [](const QHttpServerRequest &) {
-            return QHttpServerResponse("text/html", "<html>gone</html>", QHttpServerResponse::StatusCode::NotFound);
+            return QHttpServerResponse("text/html", "<html>gone</html>",
+                                       QHttpServerResponse::StatusCode::NotFound);
         });
         m_port = m_server.listen(QHostAddress::LocalHost);
         QVERIFY(m_port);
@@ -204,21 +203,40 @@ private Q_SLOTS:
         QTest::addColumn<bool>("beta");
         QTest::addColumn<QString>("outcome");
         QTest::addColumn<QStringList>("packages");
-        const QStringList updates{ "Viewer 2.10", "M1004 Firmware 5.3", "M1004 Firmware 5.3" };
-        QTest::newRow("up to date") << "2.11" << "realistic.xml" << "/list.xml" << false << false
-                                    << "Congratulations! Your product is up-to-date!" << QStringList();
-        QTest::newRow("firmware only, no cameras") << "2.0" << "cameras-only.xml" << "/list.xml" << false << false
-                                                   << "Congratulations! Your product is up-to-date!" << QStringList();
-        QTest::newRow("empty catalogue") << "2.0" << "" << "/list.xml" << false << false << "No update available!" << QStringList();
-        QTest::newRow("updates, duplicate firmware once per package") << "2.9.1" << "realistic.xml" << "/list.xml" << true << false
-                                                                      << "<packages>" << updates;
-        QTest::newRow("unsaved beta choice counts") << "2.9.1" << "realistic.xml" << "/list.xml" << false << true
-                                                    << "<packages>" << QStringList{ "Viewer 2.11 BETA" };
-        QTest::newRow("redirect followed") << "2.9.1" << "realistic.xml" << "/moved" << true << false << "<packages>" << updates;
-        QTest::newRow("redirect without target") << "2.9.1" << "realistic.xml" << "/moved-nowhere" << false << false
-                                                 << "No update available!" << QStringList();
-        QTest::newRow("404 page") << "2.9.1" << "realistic.xml" << "/missing" << false << false
-                                  << "server replied: Not Found" << QStringList();
+        const QStringList updates {"Viewer 2.10", "M1004 Firmware 5.3", "M1004 Firmware 5.3"};
+        QTest::newRow("up to date")
+            << "2.11"
+            << "realistic.xml"
+            << "/list.xml" << false << false << "Congratulations! Your product is up-to-date!"
+            << QStringList();
+        QTest::newRow("firmware only, no cameras")
+            << "2.0"
+            << "cameras-only.xml"
+            << "/list.xml" << false << false << "Congratulations! Your product is up-to-date!"
+            << QStringList();
+        QTest::newRow("empty catalogue")
+            << "2.0"
+            << ""
+            << "/list.xml" << false << false << "No update available!" << QStringList();
+        QTest::newRow("updates, duplicate firmware once per package")
+            << "2.9.1"
+            << "realistic.xml"
+            << "/list.xml" << true << false << "<packages>" << updates;
+        QTest::newRow("unsaved beta choice counts")
+            << "2.9.1"
+            << "realistic.xml"
+            << "/list.xml" << false << true << "<packages>" << QStringList {"Viewer 2.11 BETA"};
+        QTest::newRow("redirect followed") << "2.9.1"
+                                           << "realistic.xml"
+                                           << "/moved" << true << false << "<packages>" << updates;
+        QTest::newRow("redirect without target")
+            << "2.9.1"
+            << "realistic.xml"
+            << "/moved-nowhere" << false << false << "No update available!" << QStringList();
+        QTest::newRow("404 page") << "2.9.1"
+                                  << "realistic.xml"
+                                  << "/missing" << false << false << "server replied: Not Found"
+                                  << QStringList();
     }
     void checkOutcomes()
     {
@@ -232,16 +250,20 @@ private Q_SLOTS:
         m_catalogue = catalogue.isEmpty() ? QByteArray("<softwareList/>") : testData(catalogue);
         makeClient(version);
         if (twoCameras)
-            m_client->setCurrentCameraVersions({ { "M1004", VersionNumber("5.2.1") }, { "M1004", VersionNumber("5.2.1") } });
+            m_client->setCurrentCameraVersions(
+                {{"M1004", VersionNumber("5.2.1")}, {"M1004", VersionNumber("5.2.1")}});
         store().setValue("serverURL", url(path));
         m_client->queryForUpdate({}, false);
-        openDialog<SoftwareUpdateDialog>()->findChild<QCheckBox *>("checkForBetaCheckBox")->setChecked(beta);
+        openDialog<SoftwareUpdateDialog>()
+            ->findChild<QCheckBox *>("checkForBetaCheckBox")
+            ->setChecked(beta);
         if (outcome == "No update available!" && !catalogue.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
         const QString got = checkFromDialog();
         QVERIFY2(got.contains(outcome), qPrintable(got));
         QCOMPARE(tableNames(), packages);
-        QVERIFY(!openDialog<SoftwareUpdateDialog>()->findChild<QWidget *>("progressBar")->isVisible());
+        QVERIFY(
+            !openDialog<SoftwareUpdateDialog>()->findChild<QWidget *>("progressBar")->isVisible());
     }
 
     // An answer larger than any catalogue is malformed, and is not read to its end: this one
@@ -326,12 +348,15 @@ private Q_SLOTS:
         SoftwareUpdateSettings s;
         m_client->getCurrentSettings(&s);
         s.updateInterval = interval;
-        s.lastCheck = hoursAgo < 0 ? QDateTime() : QDateTime::currentDateTime().addSecs(-3600 * hoursAgo);
+        s.lastCheck
+            = hoursAgo < 0 ? QDateTime() : QDateTime::currentDateTime().addSecs(-3600 * hoursAgo);
         m_client->setCurrentSettings(&s);
         if (hoursAgo < 0)
             store().remove("lastCheck");
         if (fires)
-            QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::parseServerResponse() -> no update available");
+            QTest::ignoreMessage(
+                QtCriticalMsg,
+                "SoftwareUpdateClient::parseServerResponse() -> no update available");
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
         QTRY_COMPARE(m_requests, fires ? 1 : 0);
         QTest::qWait(200); // the answer is evaluated, or nothing was asked
@@ -371,7 +396,9 @@ private Q_SLOTS:
         store().setValue("doUpdateCheck", checking);
         makeClient();
         if (interval == 0 && checking)
-            QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::parseServerResponse() -> no update available");
+            QTest::ignoreMessage(
+                QtCriticalMsg,
+                "SoftwareUpdateClient::parseServerResponse() -> no update available");
         m_client->doInitialCheck(300);
         QTest::qWait(100);
         QCOMPARE(m_requests, 0); // not before the delay
@@ -382,15 +409,16 @@ private Q_SLOTS:
     void rowsOutsideTheListAreIgnored()
     {
         makeClient();
-        const SoftUpIndexList outside{ 7, -1 };
-        QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateClient::installPackage() -> no package in row 7");
-        for (const char *slot : { "installPackage", "downloadFinished", "downloadUrls", "downloadReleaseNotes",
-                                  "manageUpdateAvailableDialog" }) {
+        const SoftUpIndexList outside {7, -1};
+        QTest::ignoreMessage(QtCriticalMsg,
+                             "SoftwareUpdateClient::installPackage() -> no package in row 7");
+        for (const char *slot : {"installPackage", "downloadFinished", "downloadUrls",
+                                 "downloadReleaseNotes", "manageUpdateAvailableDialog"}) {
             const bool ok = QByteArray(slot) == "installPackage"
-                    ? QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(int, 7))
-                    : QByteArray(slot) == "downloadFinished"
-                    ? QMetaObject::invokeMethod(m_client.data(), slot)
-                    : QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(SoftUpIndexList, outside));
+                ? QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(int, 7))
+                : QByteArray(slot) == "downloadFinished"
+                ? QMetaObject::invokeMethod(m_client.data(), slot)
+                : QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(SoftUpIndexList, outside));
             QVERIFY2(ok, slot);
         }
     }
@@ -398,13 +426,14 @@ private Q_SLOTS:
     void packageTable()
     {
         makeClient();
-        m_client->setCurrentCameraVersions({ { "M1004", VersionNumber("5.2.1") }, { "P3301", VersionNumber("4.0") } });
+        m_client->setCurrentCameraVersions(
+            {{"M1004", VersionNumber("5.2.1")}, {"P3301", VersionNumber("4.0")}});
         m_client->checkForUpdate(0);
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
         auto *dialog = openDialog<SoftwareUpdateAvailableDialog>();
         auto *table = dialog->findChild<QTableWidget *>("tableWidget");
         QCOMPARE(table->rowCount(), 4);
-        const QStringList row0{ "Viewer 2.10", "39.0 MB", "deb", "Multilingual", "linux-x86_64" };
+        const QStringList row0 {"Viewer 2.10", "39.0 MB", "deb", "Multilingual", "linux-x86_64"};
         for (int c = 0; c < 5; ++c)
             QCOMPARE(table->item(0, c)->text(), row0.at(c));
         QCOMPARE(table->item(3, 0)->text(), QString("P3301 Firmware 4.10"));
@@ -420,7 +449,8 @@ private Q_SLOTS:
         QVERIFY(!notes->isEnabled()); // this package has no English release notes
         QVERIFY(comment->isVisible());
         QVERIFY(comment->toHtml().contains("Viewer 2.10, Application"));
-        QVERIFY(comment->toPlainText().contains("http://dl.example.test/software/viewer/2.10/Viewer-linux.deb"));
+        QVERIFY(comment->toPlainText().contains(
+            "http://dl.example.test/software/viewer/2.10/Viewer-linux.deb"));
         table->selectRow(1);
         QVERIFY(notes->isEnabled()); // M1004 5.3 has English notes
         table->setCurrentCell(3, 0, QItemSelectionModel::Select | QItemSelectionModel::Rows);
@@ -440,13 +470,19 @@ private Q_SLOTS:
     void foreignLanguageRows_data()
     {
         QTest::addColumn<QString>("locale");
-        QTest::addColumn<QStringList>("languages"); // one firmware row each; "app" is an application row
+        QTest::addColumn<QStringList>(
+            "languages"); // one firmware row each; "app" is an application row
         QTest::addColumn<QList<int>>("hidden");
-        QTest::newRow("en: de+en shown, others hidden") << "en" << QStringList{ "app", "de en", "en", "fr" } << QList<int>{ 2, 3 };
-        QTest::newRow("en: no de+en row hides nothing") << "en" << QStringList{ "en", "fr" } << QList<int>{};
-        QTest::newRow("fr: own language shown") << "fr" << QStringList{ "de en", "fr" } << QList<int>{ 0 };
-        QTest::newRow("fr: no French row hides nothing") << "fr" << QStringList{ "de", "en" } << QList<int>{};
-        QTest::newRow("de: German rows shown") << "de" << QStringList{ "de en", "fr", "app", "de" } << QList<int>{ 1 };
+        QTest::newRow("en: de+en shown, others hidden")
+            << "en" << QStringList {"app", "de en", "en", "fr"} << QList<int> {2, 3};
+        QTest::newRow("en: no de+en row hides nothing")
+            << "en" << QStringList {"en", "fr"} << QList<int> {};
+        QTest::newRow("fr: own language shown")
+            << "fr" << QStringList {"de en", "fr"} << QList<int> {0};
+        QTest::newRow("fr: no French row hides nothing")
+            << "fr" << QStringList {"de", "en"} << QList<int> {};
+        QTest::newRow("de: German rows shown")
+            << "de" << QStringList {"de en", "fr", "app", "de"} << QList<int> {1};
     }
     void foreignLanguageRows()
     {
@@ -464,8 +500,9 @@ private Q_SLOTS:
         }
         makeClient();
         QList<int> hidden;
-        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "determineForeignLanguageRows", Qt::DirectConnection,
-                                          Q_RETURN_ARG(QList<int>, hidden), Q_ARG(qv::PackageInfoList, list)));
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "determineForeignLanguageRows",
+                                          Qt::DirectConnection, Q_RETURN_ARG(QList<int>, hidden),
+                                          Q_ARG(qv::PackageInfoList, list)));
         QTEST(hidden, "hidden");
     }
 
@@ -475,22 +512,30 @@ private Q_SLOTS:
         QTest::addColumn<QString>("file");
         QTest::addColumn<int>("status");
         QTest::addColumn<QStringList>("answers");
-        QTest::addColumn<QString>("box");     // the last box shown
+        QTest::addColumn<QString>("box"); // the last box shown
         QTest::addColumn<bool>("fileKept");
         QTest::addColumn<int>("downloads");
-        QTest::addColumn<int>("folders"); // temporary folders left: the kept file's, the unpacked one
-        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList{ "Cancel Install" } << "Install Package" << false << 0 << 0;
-        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList{ "Proceed" } << "Install Package" << true << 1 << 1;
-        QTest::newRow("404") << "viewer.tar.gz" << 404 << QStringList{ "Proceed", "OK" }
-                             << "Download Error | Error downloading! Http status code 404" << false << 1 << 0;
-        QTest::newRow("unknown type") << "viewer.bin" << 200 << QStringList{ "Proceed", "OK" }
-                                      << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1 << 0;
-        QTest::newRow("zip, restart later") << "viewer.zip" << 200 << QStringList{ "Proceed", "Restart later" }
-                                            << "Restart required" << false << 1 << 1;
+        QTest::addColumn<int>(
+            "folders"); // temporary folders left: the kept file's, the unpacked one
+        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList {"Cancel Install"}
+                                   << "Install Package" << false << 0 << 0;
+        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList {"Proceed"}
+                                               << "Install Package" << true << 1 << 1;
+        QTest::newRow("404") << "viewer.tar.gz" << 404 << QStringList {"Proceed", "OK"}
+                             << "Download Error | Error downloading! Http status code 404" << false
+                             << 1 << 0;
+        QTest::newRow("unknown type")
+            << "viewer.bin" << 200 << QStringList {"Proceed", "OK"}
+            << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1
+            << 0;
+        QTest::newRow("zip, restart later")
+            << "viewer.zip" << 200 << QStringList {"Proceed", "Restart later"} << "Restart required"
+            << false << 1 << 1;
         // The file path is "<download folder>/..": its clean-up once removed the whole
         // temporary folder. Now the download fails and only its own folder goes.
-        QTest::newRow("link ending in /..") << "viewer.tar.gz/.." << 200 << QStringList{ "Proceed", "OK" }
-                                            << "Download Error | Error downloading! Http status code 200" << false << 1 << 0;
+        QTest::newRow("link ending in /..")
+            << "viewer.tar.gz/.." << 200 << QStringList {"Proceed", "OK"}
+            << "Download Error | Error downloading! Http status code 200" << false << 1 << 0;
     }
     void installByType()
     {
@@ -508,15 +553,19 @@ private Q_SLOTS:
         QVERIFY(zip.open(QIODevice::ReadOnly));
         const QByteArray body = file.endsWith(".zip") ? zip.readAll() : QByteArray(3000, 'p');
         TestHttpServer packages([&](const TestHttpServer::Request &) {
-            TestHttpServer::Response r = TestHttpServer::Response::ok(status == 200 ? body : QByteArray("<html>missing</html>"));
+            TestHttpServer::Response r = TestHttpServer::Response::ok(
+                status == 200 ? body : QByteArray("<html>missing</html>"));
             r.status = status;
             return r;
         });
         if (!packages.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here (run as root to get a network namespace of its own)");
-        m_catalogue = "<softwareList base-url='http://127.0.0.1/dl/'><package-set type='Application' name='Viewer' "
-                      "status='STABLE'><package release='3.0' url='" + file.toUtf8() + "' file-size='"
-                + QByteArray::number(body.size()) + "'/></package-set></softwareList>";
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here "
+                  "(run as root to get a network namespace of its own)");
+        m_catalogue = "<softwareList base-url='http://127.0.0.1/dl/'><package-set "
+                      "type='Application' name='Viewer' "
+                      "status='STABLE'><package release='3.0' url='"
+            + file.toUtf8() + "' file-size='" + QByteArray::number(body.size())
+            + "'/></package-set></softwareList>";
         makeClient();
         store().setValue("supportedPackageTypes", "tar.gz,bin,zip,gz/");
         m_client->checkForUpdate(0);
@@ -532,14 +581,15 @@ private Q_SLOTS:
             QTRY_VERIFY(!openDialog<QProgressDialog>());
         // The ZIP archive goes once its unpacking, which nobody waits for, has finished.
         const auto downloadedFileExists = [&file] {
-            for (const QFileInfo &dir : QDir(QDir::tempPath()).entryInfoList({ "softwareupdate-*" }, QDir::Dirs)) {
+            for (const QFileInfo &dir :
+                 QDir(QDir::tempPath()).entryInfoList({"softwareupdate-*"}, QDir::Dirs)) {
                 if (QFile::exists(dir.filePath() + "/" + file))
                     return true;
             }
             return false;
         };
         QTRY_COMPARE(downloadedFileExists(), fileKept);
-        QTRY_COMPARE(QDir::temp().entryList({ "softwareupdate-*" }, QDir::Dirs).size(), folders);
+        QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
         QVERIFY(other.exists());
     }
 };

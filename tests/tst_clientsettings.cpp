@@ -11,8 +11,7 @@ using qv::SoftwareUpdateClient;
 using qv::SoftwareUpdateSettings;
 using qv::VersionNumber;
 
-class TestClientSettings : public QObject
-{
+class TestClientSettings : public QObject {
     Q_OBJECT
 
     int m_constructions = 0;
@@ -38,7 +37,10 @@ class TestClientSettings : public QObject
     {
         QStringList l;
         for (int i = 0; i < m_constructions; ++i)
-            l << "tar.gz" << "rpm" << "deb" << "tar.bz2";
+            l << "tar.gz"
+              << "rpm"
+              << "deb"
+              << "tar.bz2";
         return l.join(',');
     }
 
@@ -64,9 +66,10 @@ private Q_SLOTS:
         QCOMPARE(s.value("versionNumber").toString(), QString("2.9.1"));
         QCOMPARE(s.value("supportedPackageTypes").toString(), typesWritten());
         QVERIFY(s.contains("installablePackageTypes"));
-        QCOMPARE(s.value("installablePackageTypes").toString(), QString(QChar(',')).repeated(m_constructions - 1));
-        for (const char *absent : { "supportedPlatforms", "lastCheck", "currentCameraVersions",
-                                    "quietMode", "subVersion" })
+        QCOMPARE(s.value("installablePackageTypes").toString(),
+                 QString(QChar(',')).repeated(m_constructions - 1));
+        for (const char *absent : {"supportedPlatforms", "lastCheck", "currentCameraVersions",
+                                   "quietMode", "subVersion"})
             QVERIFY2(!s.contains(absent), absent);
 
         QTimer *timer = client->findChild<QTimer *>();
@@ -80,7 +83,8 @@ private Q_SLOTS:
         delete makeClient();
         delete makeClient();
         QSettings s = store();
-        QCOMPARE(s.value("supportedPackageTypes").toString().split(',').size(), 4 * m_constructions);
+        QCOMPARE(s.value("supportedPackageTypes").toString().split(',').size(),
+                 4 * m_constructions);
         QCOMPARE(s.value("supportedPackageTypes").toString(), typesWritten());
         QCOMPARE(s.value("installablePackageTypes").toString().size(), m_constructions - 1);
         SoftwareUpdateSettings read;
@@ -93,9 +97,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("ini");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("stored url") << QByteArray("serverURL=http://mine.test/x.xml") << "http://mine.test/x.xml";
+        QTest::newRow("stored url")
+            << QByteArray("serverURL=http://mine.test/x.xml") << "http://mine.test/x.xml";
         QTest::newRow("stored empty value") << QByteArray("serverURL=") << "";
-        QTest::newRow("never written") << QByteArray("product=Viewer") << "http://ctor.test/list.xml";
+        QTest::newRow("never written")
+            << QByteArray("product=Viewer") << "http://ctor.test/list.xml";
     }
     void storedServerWinsOverConstructor()
     {
@@ -112,10 +118,11 @@ private Q_SLOTS:
     void cameraVersionsRoundTrip()
     {
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        const SoftUpCurrentCameraVersions cams{ { "M1004", VersionNumber("5.2.1") },
-                                                { "P3301", VersionNumber("4.10") } };
+        const SoftUpCurrentCameraVersions cams {{"M1004", VersionNumber("5.2.1")},
+                                                {"P3301", VersionNumber("4.10")}};
         client->setCurrentCameraVersions(cams);
-        QCOMPARE(store().value("currentCameraVersions").toString(), QString("M1004:5.2.1,P3301:4.10"));
+        QCOMPARE(store().value("currentCameraVersions").toString(),
+                 QString("M1004:5.2.1,P3301:4.10"));
         SoftwareUpdateSettings read;
         client->getCurrentSettings(&read);
         QCOMPARE(read.currentCameraVersions.size(), 2);
@@ -124,7 +131,8 @@ private Q_SLOTS:
 
         // Clearing the list leaves the store as it was: keys are never removed.
         client->setCurrentCameraVersions({});
-        QCOMPARE(store().value("currentCameraVersions").toString(), QString("M1004:5.2.1,P3301:4.10"));
+        QCOMPARE(store().value("currentCameraVersions").toString(),
+                 QString("M1004:5.2.1,P3301:4.10"));
     }
 
     void storedCameraTexts_data()
@@ -132,12 +140,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("stored");
         QTest::addColumn<QStringList>("models");
         QTest::addColumn<QStringList>("versions");
-        QTest::newRow("second without version") << "M1:1.2,M2:" << QStringList{ "M1", "M2" } << QStringList{ "1.2", "0" };
-        QTest::newRow("empty parts skipped") << ",,M1:3,," << QStringList{ "M1" } << QStringList{ "3" };
-        QTest::newRow("no colon") << "M9" << QStringList{ "M9" } << QStringList{ "0" };
-        QTest::newRow("extra colons") << "M1:2.0:x" << QStringList{ "M1" } << QStringList{ "2.0" };
+        QTest::newRow("second without version")
+            << "M1:1.2,M2:" << QStringList {"M1", "M2"} << QStringList {"1.2", "0"};
+        QTest::newRow("empty parts skipped")
+            << ",,M1:3,," << QStringList {"M1"} << QStringList {"3"};
+        QTest::newRow("no colon") << "M9" << QStringList {"M9"} << QStringList {"0"};
+        QTest::newRow("extra colons") << "M1:2.0:x" << QStringList {"M1"} << QStringList {"2.0"};
         // The model is section 0 as it stands; the version skips empty sections.
-        QTest::newRow("no model") << ":1.0" << QStringList{ "" } << QStringList{ "" };
+        QTest::newRow("no model") << ":1.0" << QStringList {""} << QStringList {""};
     }
     void storedCameraTexts()
     {
@@ -151,7 +161,8 @@ private Q_SLOTS:
         QCOMPARE(read.currentCameraVersions.size(), models.size());
         for (int i = 0; i < models.size(); ++i) {
             QCOMPARE(read.currentCameraVersions.at(i).first, models.at(i));
-            QCOMPARE(read.currentCameraVersions.at(i).second, VersionNumber(versions.at(i).toStdString()));
+            QCOMPARE(read.currentCameraVersions.at(i).second,
+                     VersionNumber(versions.at(i).toStdString()));
         }
     }
 
@@ -174,21 +185,29 @@ private Q_SLOTS:
         QTest::addColumn<bool>("doCheck");
         QTest::addColumn<bool>("beta");
         QTest::addColumn<QDateTime>("lastCheck");
-        QTest::newRow("junk text") << QByteArray("[General]\ndoUpdateCheck=junk\ncheckForBeta=maybe\n"
-                                                 "updateInterval=soon\nlastCheck=yesterday\n"
-                                                 "versionNumber=abc\n") << true << true << QDateTime();
-        QTest::newRow("no reads as true") << QByteArray("[General]\ndoUpdateCheck=no\ncheckForBeta=no\n")
-                                          << true << true << QDateTime();
-        QTest::newRow("false and 0") << QByteArray("[General]\ndoUpdateCheck=false\ncheckForBeta=0\n")
-                                     << false << false << QDateTime();
-        QTest::newRow("wrong types") << QByteArray("[General]\ndoUpdateCheck=@Variant(\\0\\0\\0\\x7f\\0\\0\\0)\n"
-                                                   "checkForBeta=@ByteArray(\\xff\\xfe)\nupdateInterval=1,2,3\n"
-                                                   "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n")
-                                     << true << true << QDateTime();
-        QTest::newRow("before 1970") << QByteArray("[General]\nlastCheck=1969-12-31T00:00:00\n")
-                                     << true << false << QDateTime(QDate(1969, 12, 31), QTime(0, 0));
-        QTest::newRow("binary garbage") << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a") << true << false << QDateTime();
-        QTest::newRow("no section, odd keys") << QByteArray("=\n\\\\=\\\n[\n") << true << false << QDateTime();
+        QTest::newRow("junk text")
+            << QByteArray("[General]\ndoUpdateCheck=junk\ncheckForBeta=maybe\n"
+                          "updateInterval=soon\nlastCheck=yesterday\n"
+                          "versionNumber=abc\n")
+            << true << true << QDateTime();
+        QTest::newRow("no reads as true")
+            << QByteArray("[General]\ndoUpdateCheck=no\ncheckForBeta=no\n") << true << true
+            << QDateTime();
+        QTest::newRow("false and 0")
+            << QByteArray("[General]\ndoUpdateCheck=false\ncheckForBeta=0\n") << false << false
+            << QDateTime();
+        QTest::newRow("wrong types")
+            << QByteArray("[General]\ndoUpdateCheck=@Variant(\\0\\0\\0\\x7f\\0\\0\\0)\n"
+                          "checkForBeta=@ByteArray(\\xff\\xfe)\nupdateInterval=1,2,3\n"
+                          "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n")
+            << true << true << QDateTime();
+        QTest::newRow("before 1970")
+            << QByteArray("[General]\nlastCheck=1969-12-31T00:00:00\n") << true << false
+            << QDateTime(QDate(1969, 12, 31), QTime(0, 0));
+        QTest::newRow("binary garbage")
+            << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a") << true << false << QDateTime();
+        QTest::newRow("no section, odd keys")
+            << QByteArray("=\n\\\\=\\\n[\n") << true << false << QDateTime();
     }
     void corruptStoreFallsBackToDefaults()
     {
@@ -224,7 +243,8 @@ private Q_SLOTS:
         d.updateInterval = 2;
         d.serverURL = "http://typed.test/list.xml";
         d.lastCheck = "ignored";
-        QVERIFY(QMetaObject::invokeMethod(client.data(), "applyDialogSettings", Qt::DirectConnection,
+        QVERIFY(QMetaObject::invokeMethod(client.data(), "applyDialogSettings",
+                                          Qt::DirectConnection,
                                           Q_ARG(qv::SoftwareUpdateDialogSettings, d)));
         SoftwareUpdateSettings read;
         client->getCurrentSettings(&read);
@@ -259,9 +279,18 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expectedApplication");
         // An application name set to empty reads back as the program's file name (Qt's own
         // default), so only the organization falls back here.
-        QTest::newRow("organization unset") << "" << "Cams" << "Quorvel" << "Cams";
-        QTest::newRow("both set") << "Acme" << "Cams" << "Acme" << "Cams";
-        QTest::newRow("application unset") << "Acme" << "" << "Acme" << "tst_clientsettings";
+        QTest::newRow("organization unset") << ""
+                                            << "Cams"
+                                            << "Quorvel"
+                                            << "Cams";
+        QTest::newRow("both set") << "Acme"
+                                  << "Cams"
+                                  << "Acme"
+                                  << "Cams";
+        QTest::newRow("application unset") << "Acme"
+                                           << ""
+                                           << "Acme"
+                                           << "tst_clientsettings";
     }
     void storeNameFallbacks()
     {
@@ -269,7 +298,8 @@ private Q_SLOTS:
         QFETCH(QString, application);
         QFETCH(QString, expectedOrganization);
         QFETCH(QString, expectedApplication);
-        QSettings expected(QSettings::IniFormat, QSettings::UserScope, expectedOrganization, expectedApplication);
+        QSettings expected(QSettings::IniFormat, QSettings::UserScope, expectedOrganization,
+                           expectedApplication);
         QFile::remove(expected.fileName());
         QCoreApplication::setOrganizationName(organization);
         QCoreApplication::setApplicationName(application);
@@ -301,7 +331,6 @@ private Q_SLOTS:
         QCOMPARE(proxy.user(), address.isEmpty() ? QString() : QString("user"));
         QCOMPARE(proxy.password(), address.isEmpty() ? QString() : QString("secret"));
     }
-
 };
 
 QTEST_MAIN(TestClientSettings)

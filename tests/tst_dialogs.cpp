@@ -26,8 +26,7 @@ Q_DECLARE_METATYPE(qv::SoftwareUpdateDialogSettings)
 
 namespace {
 
-template<typename T>
-T *child(QWidget *w, const char *name)
+template<typename T> T *child(QWidget *w, const char *name)
 {
     T *c = w->findChild<T *>(QString::fromLatin1(name));
     if (!c)
@@ -37,9 +36,9 @@ T *child(QWidget *w, const char *name)
 
 // Holds a keyboard modifier the way the window system reports it, so that
 // QApplication::keyboardModifiers() sees it.
-struct HeldModifier
-{
-    HeldModifier(QWindow *window, Qt::Key key, Qt::KeyboardModifier modifier) : m_window(window), m_key(key)
+struct HeldModifier {
+    HeldModifier(QWindow *window, Qt::Key key, Qt::KeyboardModifier modifier)
+        : m_window(window), m_key(key)
     {
         if (key != Qt::Key_unknown)
             QTest::keyPress(window, key, modifier);
@@ -57,14 +56,14 @@ QList<QStringList> rows(int n)
 {
     QList<QStringList> out;
     for (int i = 0; i < n; ++i)
-        out << QStringList{ QString("Viewer 2.%1").arg(i), "40.0 MB", "zip", "Multilingual", "linux" };
+        out << QStringList {QString("Viewer 2.%1").arg(i), "40.0 MB", "zip", "Multilingual",
+                            "linux"};
     return out;
 }
 
 } // namespace
 
-class TestDialogs : public QObject
-{
+class TestDialogs : public QObject {
     Q_OBJECT
 
     QWidget m_host;
@@ -114,9 +113,14 @@ private Q_SLOTS:
         QTest::addColumn<bool>("lastCheckCaption");
         QTest::addColumn<QString>("shownVersion");
         QTest::addColumn<QString>("shownLastCheck");
-        QTest::newRow("both set") << "2.9.1" << "Monday" << true << true << "2.9.1" << "Monday";
-        QTest::newRow("null keeps old text") << QString() << QString() << false << false << "old" << "old date";
-        QTest::newRow("empty shows caption") << "" << "" << true << true << "" << "";
+        QTest::newRow("both set") << "2.9.1"
+                                  << "Monday" << true << true << "2.9.1"
+                                  << "Monday";
+        QTest::newRow("null keeps old text") << QString() << QString() << false << false << "old"
+                                             << "old date";
+        QTest::newRow("empty shows caption") << ""
+                                             << "" << true << true << ""
+                                             << "";
     }
     void settingsRoundTrip()
     {
@@ -183,7 +187,8 @@ private Q_SLOTS:
         QVERIFY(!dialog.isVisible());
         QCOMPARE(check.count(), 0);
         if (applied.count())
-            QCOMPARE(applied.first().first().value<SoftwareUpdateDialogSettings>().updateInterval, 2);
+            QCOMPARE(applied.first().first().value<SoftwareUpdateDialogSettings>().updateInterval,
+                     2);
     }
 
     void checkNowOnlyAsks()
@@ -207,11 +212,9 @@ private Q_SLOTS:
         dialog.disbaleProgress();
         QVERIFY(!bar->isVisible() && !bar->isEnabled() && now->isEnabled());
         dialog.setNotificationText("No update available!");
-        QCOMPARE(child<QLabel>(&dialog, "updateNotificationLabel")->text(), QString("No update available!"));
+        QCOMPARE(child<QLabel>(&dialog, "updateNotificationLabel")->text(),
+                 QString("No update available!"));
     }
-
-
-
 
     void threeCellsOfOneRowAreOneIndex()
     {
@@ -224,9 +227,9 @@ private Q_SLOTS:
         table->setCurrentCell(1, 2, QItemSelectionModel::Select);
         table->setCurrentCell(1, 4, QItemSelectionModel::Select);
         QCOMPARE(table->selectedItems().size(), 3);
-        QCOMPARE(dialog.getCurrentSelectedItems(), SoftUpIndexList{ 1 });
+        QCOMPARE(dialog.getCurrentSelectedItems(), SoftUpIndexList {1});
         QVERIFY(changed.count() >= 1);
-        QCOMPARE(changed.last().first().value<SoftUpIndexList>(), SoftUpIndexList{ 1 });
+        QCOMPARE(changed.last().first().value<SoftUpIndexList>(), SoftUpIndexList {1});
     }
 
     void selectionDrivesSignals()
@@ -257,7 +260,7 @@ private Q_SLOTS:
         QSet<int> selected;
         for (int r : urls.first().first().value<SoftUpIndexList>())
             selected.insert(r);
-        QCOMPARE(selected, QSet<int>({ 0, 3 }));
+        QCOMPARE(selected, QSet<int>({0, 3}));
         QCOMPARE(notes.first().first().value<SoftUpIndexList>().size(), 2);
         QCOMPARE(install.first().first().toInt(), 0); // the current row
         QCOMPARE(settings.count(), 1);
@@ -270,7 +273,9 @@ private Q_SLOTS:
         SoftwareUpdateAvailableDialog dialog(nullptr, {});
         dialog.setTableEntries(rows(2));
         QSignalSpy changed(&dialog, &SoftwareUpdateAvailableDialog::currentItemsChangedSig);
-        QTest::ignoreMessage(QtCriticalMsg, "SoftwareUpdateAvailableDialog::setTableEntries() -> no table entries set!");
+        QTest::ignoreMessage(
+            QtCriticalMsg,
+            "SoftwareUpdateAvailableDialog::setTableEntries() -> no table entries set!");
         dialog.setTableEntries({});
         QCOMPARE(changed.count(), 0);
         QCOMPARE(child<QTableWidget>(&dialog, "tableWidget")->rowCount(), 0);
@@ -279,16 +284,16 @@ private Q_SLOTS:
     void hidingRows_data()
     {
         QTest::addColumn<SoftUpIndexList>("hidden");
-        QTest::newRow("some") << SoftUpIndexList{ 0, 2 };
-        QTest::newRow("none shows all again") << SoftUpIndexList{};
-        QTest::newRow("out of range ignored") << SoftUpIndexList{ 1, 99, -1 };
+        QTest::newRow("some") << SoftUpIndexList {0, 2};
+        QTest::newRow("none shows all again") << SoftUpIndexList {};
+        QTest::newRow("out of range ignored") << SoftUpIndexList {1, 99, -1};
     }
     void hidingRows()
     {
         QFETCH(SoftUpIndexList, hidden);
         SoftwareUpdateAvailableDialog dialog(nullptr, {});
         dialog.setTableEntries(rows(4));
-        dialog.setHiddenEntries({ 0, 1, 2, 3 });
+        dialog.setHiddenEntries({0, 1, 2, 3});
         dialog.setHiddenEntries(hidden);
         QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
         for (int r = 0; r < 4; ++r)
@@ -322,7 +327,6 @@ private Q_SLOTS:
         QVERIFY(child<QLabel>(&dialog, "qvLinkLabel")->text().contains("href=\"https://"));
         QVERIFY(!dialog.isModal());
     }
-
 };
 
 QTEST_MAIN(TestDialogs)

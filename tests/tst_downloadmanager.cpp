@@ -42,8 +42,7 @@ PackageInfo sizedPackage(const QByteArray &url, qint64 size)
 } // namespace
 
 // Receives query callbacks; the two slots spell the list type differently.
-class CallbackReceiver : public QObject
-{
+class CallbackReceiver : public QObject {
     Q_OBJECT
 public:
     QList<PackageInfoList> byValue;
@@ -53,8 +52,7 @@ public Q_SLOTS:
     void onPackagesRef(const qv::PackageInfoList &list) { byReference << list; }
 };
 
-class TestDownloadManager : public QObject
-{
+class TestDownloadManager : public QObject {
     Q_OBJECT
 
     QHttpServer m_catalogueServer;
@@ -83,7 +81,8 @@ class TestDownloadManager : public QObject
     static void bindPort80(TestHttpServer &server)
     {
         if (!server.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here (run as root to get a network namespace of its own)");
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here "
+                  "(run as root to get a network namespace of its own)");
     }
 
 private Q_SLOTS:
@@ -91,7 +90,8 @@ private Q_SLOTS:
     {
         QStandardPaths::setTestModeEnabled(true);
         m_catalogueServer.route("/software/list.xml", [this](const QHttpServerRequest &) {
-            QHttpServerResponse response("text/xml", m_catalogue, QHttpServerResponse::StatusCode(m_catalogueStatus));
+            QHttpServerResponse response("text/xml", m_catalogue,
+                                         QHttpServerResponse::StatusCode(m_catalogueStatus));
             if (!m_cookie.isEmpty())
                 response.setHeader("Set-Cookie", m_cookie);
             return response;
@@ -129,13 +129,15 @@ private Q_SLOTS:
         DownloadManager manager(catalogueUrl());
         CallbackReceiver receiver;
         QSignalSpy started(&manager, &DownloadManager::queryStarted);
-        const PackageInfoList first = runQuery(manager, &receiver, SLOT(onPackages(PackageInfoList)));
+        const PackageInfoList first
+            = runQuery(manager, &receiver, SLOT(onPackages(PackageInfoList)));
         QCOMPARE(first.size(), 15);
         QCOMPARE(DownloadManager::countNew(first), 15);
         const PackageInfoList second = runQuery(manager, &receiver, "onPackagesRef");
         QCOMPARE(second.size(), 15);
         QCOMPARE(DownloadManager::countNew(second), 0);
-        QCOMPARE(started.first().first().toString(), QString("http://127.0.0.1:%1").arg(m_cataloguePort));
+        QCOMPARE(started.first().first().toString(),
+                 QString("http://127.0.0.1:%1").arg(m_cataloguePort));
 
         // Callbacks arrive queued, with the whole list, whichever way the slot spells the type.
         QVERIFY(receiver.byValue.isEmpty() || receiver.byValue.size() == 1);
@@ -155,7 +157,8 @@ private Q_SLOTS:
         DownloadManager manager(catalogueUrl());
         QSignalSpy finished(&manager, &DownloadManager::queryFinished);
         QSignalSpy found(&manager, &DownloadManager::packageFound);
-        manager.queryUpdate("Nothing", "NoSuchProduct", "99.0", "STABLE", QDateTime::currentDateTime(), { "beos" }, { "xx" });
+        manager.queryUpdate("Nothing", "NoSuchProduct", "99.0", "STABLE",
+                            QDateTime::currentDateTime(), {"beos"}, {"xx"});
         QVERIFY(finished.wait());
         QCOMPARE(found.first().first().value<PackageInfoList>().size(), 15);
     }
@@ -167,7 +170,8 @@ private Q_SLOTS:
         QTest::addColumn<bool>("parserComplains");
         QTest::newRow("empty body") << 200 << QByteArray() << true;
         QTest::newRow("junk") << 200 << QByteArray("\x01\x02garbage<<<") << true;
-        QTest::newRow("404 page") << 404 << QByteArray("<html><body>Not here<br></body></html>") << true;
+        QTest::newRow("404 page") << 404 << QByteArray("<html><body>Not here<br></body></html>")
+                                  << true;
         QTest::newRow("500 page") << 500 << QByteArray("<h1>Oops</h1>") << false;
         QTest::newRow("empty catalogue") << 200 << QByteArray("<softwareList/>") << false;
     }
@@ -201,7 +205,8 @@ private Q_SLOTS:
     void oversizedAnswersAreDroppedAtTheLimit()
     {
         QFETCH(qint64, announced);
-        const QByteArray good = "<softwareList><package name='kept' release='1' file-size='1'/></softwareList>";
+        const QByteArray good
+            = "<softwareList><package name='kept' release='1' file-size='1'/></softwareList>";
         const QByteArray huge(33 << 20, ' ');
         bool first = true;
         TestHttpServer server([&](const TestHttpServer::Request &) {
@@ -240,7 +245,8 @@ private Q_SLOTS:
     void managerDeletedByItsReceiver()
     {
         QFETCH(QString, signal);
-        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(100, 'x')); });
+        TestHttpServer server(
+            [](const TestHttpServer::Request &) { return Response::ok(QByteArray(100, 'x')); });
         bindPort80(server);
         QTemporaryDir dir;
         if (signal == "none")
@@ -248,15 +254,19 @@ private Q_SLOTS:
         QPointer<DownloadManager> manager = new DownloadManager(catalogueUrl());
         const auto drop = [&manager] { delete manager.data(); };
         if (signal == "success")
-            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess), this, drop);
+            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess),
+                    this, drop);
         else if (signal == "failure")
-            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure), this, drop);
+            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure),
+                    this, drop);
         else if (signal == "found")
             connect(manager, &DownloadManager::packageFound, this, drop);
         else
             connect(manager, &DownloadManager::noPackageFound, this, drop);
         if (signal == "success" || signal == "failure")
-            manager->startDownload(sizedPackage("http://127.0.0.1/x.zip", signal == "success" ? 100 : 200), dir.filePath("x.zip"));
+            manager->startDownload(
+                sizedPackage("http://127.0.0.1/x.zip", signal == "success" ? 100 : 200),
+                dir.filePath("x.zip"));
         else
             manager->queryUpdate();
         QTRY_VERIFY_WITH_TIMEOUT(!manager, 10000);
@@ -304,12 +314,12 @@ private Q_SLOTS:
             settings.setValue("regular-check", true);
             const QDateTime now = QDateTime::currentDateTime();
             settings.beginWriteArray("hist", 5);
-            const QList<QPair<QString, QDateTime>> entries{
-                { "young", now.addDays(-10) },
-                { "just inside", now.addYears(-2).addSecs(120) },
-                { "too old", now.addYears(-2).addSecs(-120) },
-                { "no time", QDateTime() },
-                { "young", now.addDays(-1) },
+            const QList<QPair<QString, QDateTime>> entries {
+                {"young", now.addDays(-10)},
+                {"just inside", now.addYears(-2).addSecs(120)},
+                {"too old", now.addYears(-2).addSecs(-120)},
+                {"no time", QDateTime()},
+                {"young", now.addDays(-1)},
             };
             for (int i = 0; i < entries.size(); ++i) {
                 settings.setArrayIndex(i);
@@ -341,7 +351,8 @@ private Q_SLOTS:
             settings.setArrayIndex(i);
             versions << settings.value("version").toString();
             if (versions.last() == "young")
-                youngTime = QDateTime::fromString(settings.value("time").toString(), Qt::ISODateWithMs);
+                youngTime
+                    = QDateTime::fromString(settings.value("time").toString(), Qt::ISODateWithMs);
         }
         settings.endArray();
         settings.endGroup();
@@ -381,23 +392,29 @@ private Q_SLOTS:
         settings.endGroup();
         {
             DownloadManager manager(settings, QString());
-            QCOMPARE(manager.queryUrl(), migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
+            QCOMPARE(manager.queryUrl(),
+                     migrated ? DownloadManager::UPDATE_URL
+                              : QString("http://stored.test/mine.xml"));
             QCOMPARE(int(manager.server().proxyPreference), migrated ? 2 : 1);
             manager.storeHistory(settings, QString());
         }
         QCOMPARE(settings.value("Download/ver").toInt(), 3);
         DownloadManager later(settings, QString());
-        QCOMPARE(later.queryUrl(), migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
+        QCOMPARE(later.queryUrl(),
+                 migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
     }
 
     void corruptHistoryFallsBack_data()
     {
         QTest::addColumn<QByteArray>("ini");
-        QTest::newRow("junk values") << QByteArray("[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
-                                                   "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray(\\xff)\n"
-                                                   "hist\\9\\version=b\n");
+        QTest::newRow("junk values") << QByteArray(
+            "[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
+            "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray("
+            "\\xff)\n"
+            "hist\\9\\version=b\n");
         // Read entry by entry, two billion took about 25 minutes.
-        QTest::newRow("two billion entries") << QByteArray("[Download]\nver=3\nhist\\size=2000000000\n");
+        QTest::newRow("two billion entries")
+            << QByteArray("[Download]\nver=3\nhist\\size=2000000000\n");
     }
     void corruptHistoryFallsBack()
     {
@@ -409,7 +426,8 @@ private Q_SLOTS:
         f.close();
         QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
         if (ini.contains("2000000000"))
-            QTest::ignoreMessage(QtWarningMsg, QRegularExpression("ignoring a history of 2000000000 entries"));
+            QTest::ignoreMessage(QtWarningMsg,
+                                 QRegularExpression("ignoring a history of 2000000000 entries"));
         DownloadManager manager(settings, dir.filePath("missing-cache.xml"));
         QVERIFY(manager.lastCheckTime().isNull());
         QVERIFY(!manager.isRegularCheck());
@@ -422,9 +440,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("message");
-        QTest::newRow("FIFO") << "fifo" << "not a regular file";
-        QTest::newRow("600 MB file") << "large" << "larger than 33554432 bytes";
-        QTest::newRow("folder") << "folder" << "not a regular file";
+        QTest::newRow("FIFO") << "fifo"
+                              << "not a regular file";
+        QTest::newRow("600 MB file") << "large"
+                                     << "larger than 33554432 bytes";
+        QTest::newRow("folder") << "folder"
+                                << "not a regular file";
     }
     void unreadableCacheFilesAreIgnored()
     {
@@ -483,10 +504,13 @@ private Q_SLOTS:
         QTest::addColumn<bool>("success");
         QTest::newRow("exact size") << int(Response::Normal) << 200 << 5000 << 5000 << true;
         QTest::newRow("one byte short") << int(Response::Normal) << 200 << 4999 << 5000 << false;
-        QTest::newRow("longer than announced") << int(Response::Normal) << 200 << 5001 << 5000 << true;
+        QTest::newRow("longer than announced")
+            << int(Response::Normal) << 200 << 5001 << 5000 << true;
         QTest::newRow("404 page") << int(Response::Normal) << 404 << 40 << 5000 << false;
-        QTest::newRow("long 500 page still succeeds") << int(Response::Normal) << 500 << 6000 << 5000 << true;
-        QTest::newRow("server goes away mid-body") << int(Response::CutShort) << 200 << 3000 << 5000 << false;
+        QTest::newRow("long 500 page still succeeds")
+            << int(Response::Normal) << 500 << 6000 << 5000 << true;
+        QTest::newRow("server goes away mid-body")
+            << int(Response::CutShort) << 200 << 3000 << 5000 << false;
         QTest::newRow("stall") << int(Response::Stall) << 200 << 5000 << 5000 << false;
         QTest::newRow("drip") << int(Response::Drip) << 200 << 5000 << 5000 << false;
         QTest::newRow("hang-up") << int(Response::HangUp) << 200 << 0 << 5000 << false;
@@ -511,11 +535,14 @@ private Q_SLOTS:
         QTemporaryDir dir;
         DownloadManager manager(catalogueUrl());
         manager.client().setTransferLimits(1000, 1000, 700);
-        const PackageInfo package = sizedPackage("http://127.0.0.1:8080/dl/viewer-2.10.zip", announced);
+        const PackageInfo package
+            = sizedPackage("http://127.0.0.1:8080/dl/viewer-2.10.zip", announced);
         QSignalSpy started(&manager, &DownloadManager::downloadStarted);
-        QSignalSpy ok(&manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess));
+        QSignalSpy ok(&manager,
+                      qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess));
         QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
-        QSignalSpy failed(&manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure));
+        QSignalSpy failed(&manager,
+                          qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure));
         QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
         const QString target = dir.filePath("viewer.zip");
         manager.startDownload(package, target);
@@ -574,7 +601,8 @@ private Q_SLOTS:
     void unwritableTargets()
     {
         QFETCH(QString, target);
-        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(300000, 'z')); });
+        TestHttpServer server(
+            [](const TestHttpServer::Request &) { return Response::ok(QByteArray(300000, 'z')); });
         bindPort80(server);
         DownloadManager manager(catalogueUrl());
         QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
@@ -598,7 +626,8 @@ private Q_SLOTS:
     void targetsThatLeadElsewhereAreRefused()
     {
         QFETCH(QString, target);
-        TestHttpServer server([](const TestHttpServer::Request &) { return Response::ok(QByteArray(3000, 'z')); });
+        TestHttpServer server(
+            [](const TestHttpServer::Request &) { return Response::ok(QByteArray(3000, 'z')); });
         bindPort80(server);
         QTemporaryDir dir;
         QVERIFY(QDir().mkpath(dir.filePath("sub")));
@@ -614,7 +643,8 @@ private Q_SLOTS:
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression("could not write the response"));
         manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 100), target);
         QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
-        QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList({ "outside.txt", "sub" }));
+        QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+                 QStringList({"outside.txt", "sub"}));
         QVERIFY(outside.open(QIODevice::ReadOnly));
         QCOMPARE(outside.readAll(), QByteArray("keep me"));
     }
@@ -632,7 +662,8 @@ private Q_SLOTS:
         QTemporaryDir dir;
         DownloadManager manager(catalogueUrl());
         QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
-        manager.startDownload(sizedPackage("http://127.0.0.1/v.tar.gz", gz.size()), dir.filePath("v.tar.gz"));
+        manager.startDownload(sizedPackage("http://127.0.0.1/v.tar.gz", gz.size()),
+                              dir.filePath("v.tar.gz"));
         QVERIFY(okPlain.wait(10000));
         QFile stored(dir.filePath("v.tar.gz"));
         QVERIFY(stored.open(QIODevice::ReadOnly));
@@ -654,7 +685,8 @@ private Q_SLOTS:
         QSignalSpy aborted(&manager, &DownloadManager::downloadAborted);
         QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
         QSignalSpy progress(&manager, &DownloadManager::downloadProgress);
-        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 100000), dir.filePath("x.zip"));
+        manager.startDownload(sizedPackage("http://127.0.0.1/x.zip", 100000),
+                              dir.filePath("x.zip"));
         QTRY_VERIFY(progress.count() > 0 && progress.last().first().toInt() == 1000);
         QCOMPARE(progress.last().at(1).toInt(), 100000);
         manager.abortDownload();
@@ -713,7 +745,9 @@ private Q_SLOTS:
     void hostProxyApplies()
     {
         // The application proxy is a loopback "proxy" that records what it is asked.
-        TestHttpServer proxy([](const TestHttpServer::Request &) { return Response::ok("<softwareList/>", "text/xml"); });
+        TestHttpServer proxy([](const TestHttpServer::Request &) {
+            return Response::ok("<softwareList/>", "text/xml");
+        });
         QVERIFY(proxy.listen(QHostAddress::LocalHost));
         qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy("127.0.0.1", proxy.serverPort()));
         DownloadManager manager(QUrl("http://updates.example.invalid/list.xml"));
@@ -722,7 +756,8 @@ private Q_SLOTS:
         QVERIFY(finished.wait());
         qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
         QCOMPARE(proxy.requests().size(), 1);
-        QCOMPARE(proxy.requests().first().target, QByteArray("http://updates.example.invalid/list.xml"));
+        QCOMPARE(proxy.requests().first().target,
+                 QByteArray("http://updates.example.invalid/list.xml"));
     }
 };
 

@@ -19,9 +19,9 @@ namespace {
 const QString corpus = QStringLiteral(SUC_CORPUS_DIR);
 
 // Files that escaping entries of the hostile corpus would create.
-const QStringList escapes{ "/tmp/suc-escape-dotdot.txt", "/tmp/suc-escape-absolute.txt",
+const QStringList escapes {"/tmp/suc-escape-dotdot.txt", "/tmp/suc-escape-absolute.txt",
                            "/tmp/suc-escape-link.txt", "/suc-escape-rel.txt",
-                           "/tmp/suc-escape-rel.txt" };
+                           "/tmp/suc-escape-rel.txt"};
 
 void writeFile(const QString &path, qint64 size, bool executable)
 {
@@ -35,8 +35,7 @@ void writeFile(const QString &path, qint64 size, bool executable)
 }
 
 // Answers the next modal message box with Ok and keeps its text.
-class BoxAnswerer : public QObject
-{
+class BoxAnswerer : public QObject {
 public:
     QStringList texts;
     BoxAnswerer()
@@ -65,8 +64,7 @@ QStringList filesBelow(const QString &dir)
 
 } // namespace
 
-class TestInstallation : public QObject
-{
+class TestInstallation : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -75,7 +73,7 @@ private Q_SLOTS:
         QVERIFY2(QFile::exists(corpus + "/good.zip"), "run the corpus fixture first");
         for (const QString &e : escapes)
             QFile::remove(e);
-        qv::ZipReader::setDefaultLimits({ 64 << 20, 1000 });
+        qv::ZipReader::setDefaultLimits({64 << 20, 1000});
     }
 
     void unpacksAndRemovesTheArchive()
@@ -88,7 +86,7 @@ private Q_SLOTS:
         manager.unzipPackage(archive);
         QVERIFY(done.wait(10000));
         const QString folder = done.first().first().toString();
-        QCOMPARE(filesBelow(folder), QStringList({ "bin", "bin/app", "share", "share/readme.txt" }));
+        QCOMPARE(filesBelow(folder), QStringList({"bin", "bin/app", "share", "share/readme.txt"}));
         QVERIFY(QFileInfo(folder + "/bin/app").isExecutable());
         QVERIFY(!QFile::exists(archive));
         QCOMPARE(manager.findDefaultExecutable(QDir(folder)), QString("bin/app"));
@@ -100,13 +98,19 @@ private Q_SLOTS:
         QTemporaryDir dir;
         QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("a.zip")));
         QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("b.zip")));
-        const QStringList tempBefore = QDir::temp().entryList({ "softwareupdate-*" });
+        const QStringList tempBefore = QDir::temp().entryList({"softwareupdate-*"});
         DownloadManager manager;
         QSignalSpy done(&manager, &DownloadManager::unzippingDone);
         qv::LogQt::setLevel(qv::Log::Debug);
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("DownloadManager::installPackage\\(\\) -> trying to extract .*a.zip to "));
+        QTest::ignoreMessage(
+            QtDebugMsg,
+            QRegularExpression(
+                "DownloadManager::installPackage\\(\\) -> trying to extract .*a.zip to "));
         manager.unzipPackage(dir.filePath("a.zip"));
-        QTest::ignoreMessage(QtDebugMsg, QRegularExpression("DownloadManager::installPackage\\(\\) -> trying to extract .*b.zip to "));
+        QTest::ignoreMessage(
+            QtDebugMsg,
+            QRegularExpression(
+                "DownloadManager::installPackage\\(\\) -> trying to extract .*b.zip to "));
         manager.unzipPackage(dir.filePath("b.zip"));
         qv::LogQt::setLevel(qv::Log::Warning);
         QVERIFY(done.wait(10000));
@@ -114,8 +118,7 @@ private Q_SLOTS:
         QCOMPARE(done.count(), 1);
         QVERIFY(QFile::exists(dir.filePath("b.zip")));
         QDir(done.first().first().toString()).removeRecursively();
-        QCOMPARE(QDir::temp().entryList({ "softwareupdate-*" }), tempBefore); // no folder for b.zip
-
+        QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}), tempBefore); // no folder for b.zip
     }
 
     // An archive path that names a folder ("<download folder>/..") is not read, and neither it
@@ -130,39 +133,62 @@ private Q_SLOTS:
         BoxAnswerer answerer;
         manager.unzipPackage(dir.filePath("dl/.."));
         QTRY_VERIFY_WITH_TIMEOUT(!answerer.texts.isEmpty(), 10000);
-        QVERIFY2(answerer.texts.first().contains("not a regular file"), qPrintable(answerer.texts.first()));
+        QVERIFY2(answerer.texts.first().contains("not a regular file"),
+                 qPrintable(answerer.texts.first()));
         QCOMPARE(done.count(), 0);
-        QCOMPARE(filesBelow(dir.path()), QStringList({ "dl", "other.zip" }));
+        QCOMPARE(filesBelow(dir.path()), QStringList({"dl", "other.zip"}));
     }
 
     void hostileArchivesAreRefusedOrContained_data()
     {
         QTest::addColumn<QString>("archive");
         QTest::addColumn<QString>("failure"); // a pattern of the message; empty: unpacks, contained
-        QTest::newRow("dot-dot entry") << "dotdot.zip" << "Path contains '\\.\\.'";
-        QTest::newRow("absolute path") << "absolute.zip" << "Path is absolute";
-        QTest::newRow("write through a link") << "symlink-through.zip" << "links outside the target";
-        QTest::newRow("link out of the target") << "symlink-outside.zip" << "links outside the target";
-        QTest::newRow("relative link out") << "symlink-relative.zip" << "links outside the target";
-        QTest::newRow("decompression bomb") << "bomb.zip" << "unpacks to more than 67108864 bytes";
-        QTest::newRow("too many entries") << "many-entries.zip" << "more than 1000 entries";
-        QTest::newRow("duplicate names: the first stays") << "duplicate.zip" << "";
-        QTest::newRow("truncated") << "truncated.zip" << "damaged archive|decompression failed";
-        QTest::newRow("corrupt") << "corrupt.zip" << "";
-        QTest::newRow("name not UTF-8") << "not-utf8.zip" << "";
-        QTest::newRow("data fails its CRC") << "bad-crc.zip" << "CRC";
-        QTest::newRow("empty file") << "empty.zip" << "the file is empty";
-        for (const char *format : { "tar", "targz", "cpio", "7zip", "iso9660", "ar", "xar", "warc", "mtree" })
+        QTest::newRow("dot-dot entry") << "dotdot.zip"
+                                       << "Path contains '\\.\\.'";
+        QTest::newRow("absolute path") << "absolute.zip"
+                                       << "Path is absolute";
+        QTest::newRow("write through a link") << "symlink-through.zip"
+                                              << "links outside the target";
+        QTest::newRow("link out of the target") << "symlink-outside.zip"
+                                                << "links outside the target";
+        QTest::newRow("relative link out") << "symlink-relative.zip"
+                                           << "links outside the target";
+        QTest::newRow("decompression bomb") << "bomb.zip"
+                                            << "unpacks to more than 67108864 bytes";
+        QTest::newRow("too many entries") << "many-entries.zip"
+                                          << "more than 1000 entries";
+        QTest::newRow("duplicate names: the first stays") << "duplicate.zip"
+                                                          << "";
+        QTest::newRow("truncated") << "truncated.zip"
+                                   << "damaged archive|decompression failed";
+        QTest::newRow("corrupt") << "corrupt.zip"
+                                 << "";
+        QTest::newRow("name not UTF-8") << "not-utf8.zip"
+                                        << "";
+        QTest::newRow("data fails its CRC") << "bad-crc.zip"
+                                            << "CRC";
+        QTest::newRow("empty file") << "empty.zip"
+                                    << "the file is empty";
+        for (const char *format :
+             {"tar", "targz", "cpio", "7zip", "iso9660", "ar", "xar", "warc", "mtree"})
             QTest::newRow(qPrintable(QStringLiteral("%1 renamed .zip").arg(format)))
-                    << QStringLiteral("format-%1.zip").arg(format) << "not a readable archive";
-        QTest::newRow("FIFO entry: a plain file") << "fifo.zip" << "";
-        QTest::newRow("device entry") << "device.zip" << "special file";
-        QTest::newRow("setuid program: bits dropped") << "setuid.zip" << "";
-        QTest::newRow("link through a link to .") << "link-chain.zip" << "l1 links outside the target";
-        QTest::newRow("link through a later link") << "link-chain-late.zip" << "l1 links outside the target";
-        QTest::newRow("file, then folder of that name") << "file-then-folder.zip" << "both a folder and a file";
-        QTest::newRow("folder, then file of that name") << "folder-then-file.zip" << "both a folder and a file";
-        QTest::newRow("file below a file") << "file-under-file.zip" << "both a folder and a file";
+                << QStringLiteral("format-%1.zip").arg(format) << "not a readable archive";
+        QTest::newRow("FIFO entry: a plain file") << "fifo.zip"
+                                                  << "";
+        QTest::newRow("device entry") << "device.zip"
+                                      << "special file";
+        QTest::newRow("setuid program: bits dropped") << "setuid.zip"
+                                                      << "";
+        QTest::newRow("link through a link to .") << "link-chain.zip"
+                                                  << "l1 links outside the target";
+        QTest::newRow("link through a later link") << "link-chain-late.zip"
+                                                   << "l1 links outside the target";
+        QTest::newRow("file, then folder of that name") << "file-then-folder.zip"
+                                                        << "both a folder and a file";
+        QTest::newRow("folder, then file of that name") << "folder-then-file.zip"
+                                                        << "both a folder and a file";
+        QTest::newRow("file below a file") << "file-under-file.zip"
+                                           << "both a folder and a file";
     }
     void hostileArchivesAreRefusedOrContained()
     {
@@ -173,7 +199,7 @@ private Q_SLOTS:
         if (!QFile::exists(corpus + "/" + archive))
             QSKIP("bsdtar could not write this format here");
         QVERIFY(QFile::copy(corpus + "/" + archive, copy));
-        const QStringList tempBefore = QDir::temp().entryList({ "softwareupdate-*" });
+        const QStringList tempBefore = QDir::temp().entryList({"softwareupdate-*"});
         DownloadManager manager;
         QSignalSpy done(&manager, &DownloadManager::unzippingDone);
         BoxAnswerer answerer;
@@ -183,11 +209,13 @@ private Q_SLOTS:
             QVERIFY2(!QFile::exists(e), qPrintable(e + " was written"));
         if (!failure.isEmpty()) {
             QCOMPARE(done.count(), 0);
-            QVERIFY2(answerer.texts.first().contains("Downloaded file could not be unpacked:<br>"), qPrintable(answerer.texts.first()));
-            QVERIFY2(answerer.texts.first().contains(QRegularExpression(failure)), qPrintable(answerer.texts.first()));
+            QVERIFY2(answerer.texts.first().contains("Downloaded file could not be unpacked:<br>"),
+                     qPrintable(answerer.texts.first()));
+            QVERIFY2(answerer.texts.first().contains(QRegularExpression(failure)),
+                     qPrintable(answerer.texts.first()));
             QVERIFY(QFile::exists(copy)); // the archive stays after a failure
             // and what was unpacked before the failure goes
-            QCOMPARE(QDir::temp().entryList({ "softwareupdate-*" }), tempBefore);
+            QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}), tempBefore);
         } else if (done.count()) {
             const QString folder = done.first().first().toString();
             for (const QString &f : filesBelow(folder))
@@ -195,7 +223,8 @@ private Q_SLOTS:
             if (archive == "fifo.zip") // ZIP readers know no FIFOs: an empty file, never a pipe
                 QVERIFY(QFileInfo(folder + "/pipe").isFile());
             if (archive == "setuid.zip")
-                QCOMPARE(QFileInfo(folder + "/tool").permissions() & 0x7777, QFile::Permissions(0x7755));
+                QCOMPARE(QFileInfo(folder + "/tool").permissions() & 0x7777,
+                         QFile::Permissions(0x7755));
             if (archive == "duplicate.zip") {
                 QFile same(folder + "/same.txt");
                 QVERIFY(same.open(QIODevice::ReadOnly));
@@ -209,7 +238,7 @@ private Q_SLOTS:
     {
         QTemporaryDir dir;
         qv::ZipReader reader(corpus + "/many-entries.zip");
-        reader.setLimits({ 1 << 30, 100000 });
+        reader.setLimits({1 << 30, 100000});
         reader.open(QIODevice::ReadOnly);
         const QStringList names = reader.fileList(QRegularExpression("^e/0000"));
         QCOMPARE(names.size(), 10);
@@ -231,10 +260,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QStringList>("files"); // "name:size:x" with x for executable
         QTest::addColumn<QString>("expected");
-        QTest::newRow("program in bin") << QStringList{ "readme.txt:10:", "bin/viewer:100:x" } << "bin/viewer";
-        QTest::newRow("larger program wins") << QStringList{ "small:10:x", "large:500:x", "bin/other:900:x" } << "large";
-        QTest::newRow("no program") << QStringList{ "readme.txt:10:", "lib/data:5:" } << "";
-        QTest::newRow("empty folder") << QStringList{} << "";
+        QTest::newRow("program in bin")
+            << QStringList {"readme.txt:10:", "bin/viewer:100:x"} << "bin/viewer";
+        QTest::newRow("larger program wins")
+            << QStringList {"small:10:x", "large:500:x", "bin/other:900:x"} << "large";
+        QTest::newRow("no program") << QStringList {"readme.txt:10:", "lib/data:5:"} << "";
+        QTest::newRow("empty folder") << QStringList {} << "";
     }
     void defaultExecutable()
     {
@@ -276,7 +307,7 @@ private Q_SLOTS:
         QCOMPARE(manager.installPackage().name, QString("Viewer"));
         manager.installLater(dir.filePath("other.zip"), "/opt/UpdateInstaller", "/opt/viewer");
         QCOMPARE(manager.installPackage().localFile, dir.filePath("other.zip"));
-        QCOMPARE(manager.installPaths(), QStringList({ "/opt/UpdateInstaller", "/opt/viewer", "" }));
+        QCOMPARE(manager.installPaths(), QStringList({"/opt/UpdateInstaller", "/opt/viewer", ""}));
         QVERIFY(!manager.hasInstallPackage());
     }
 
@@ -305,8 +336,10 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("oldDir");
         QTest::addColumn<QString>("exe");
-        QTest::newRow("plain") << "/opt/viewer" << "Viewer";
-        QTest::newRow("non-ASCII and spaces") << "/opt/Kamera Prüfung/ä" << "Ansicht ü";
+        QTest::newRow("plain") << "/opt/viewer"
+                               << "Viewer";
+        QTest::newRow("non-ASCII and spaces") << "/opt/Kamera Prüfung/ä"
+                                              << "Ansicht ü";
     }
     void startUpdatePassesItsArguments()
     {
@@ -317,16 +350,19 @@ private Q_SLOTS:
         const QString argvFile = dir.filePath("argv.txt");
         writeRecorder(recorder, argvFile);
         QProcess helper;
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "startUpdate", recorder, oldDir, "/tmp/new ß", exe });
+        helper.start(QStringLiteral(SUC_EXEC_HELPER),
+                     {"startUpdate", recorder, oldDir, "/tmp/new ß", exe});
         QVERIFY(helper.waitForFinished(20000));
         QCOMPARE(helper.exitCode(), 0); // the recorder replaced the helper
-        QCOMPARE(readArgv(argvFile), QStringList({ recorder, "-oldDir", oldDir, "-newDir", "/tmp/new ß", "-exe", exe }));
+        QCOMPARE(readArgv(argvFile),
+                 QStringList({recorder, "-oldDir", oldDir, "-newDir", "/tmp/new ß", "-exe", exe}));
     }
 
     void startUpdateReturnsWhenTheUpdaterIsMissing()
     {
         QProcess helper;
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "startUpdate", "/nonexistent/UpdateInstaller", "/a", "/b", "c" });
+        helper.start(QStringLiteral(SUC_EXEC_HELPER),
+                     {"startUpdate", "/nonexistent/UpdateInstaller", "/a", "/b", "c"});
         QVERIFY(helper.waitForFinished(20000));
         QCOMPARE(helper.exitCode(), 3);
     }
@@ -345,16 +381,17 @@ private Q_SLOTS:
         const QStringList argv = readArgv(argvFile);
         QCOMPARE(argv.size(), 10);
         QCOMPARE(argv.at(0), QString("sh"));
-        QCOMPARE(argv.mid(1, 2), QStringList({ "cp", "-fr" }));
+        QCOMPARE(argv.mid(1, 2), QStringList({"cp", "-fr"}));
         QVERIFY(argv.at(3).startsWith(dir.path() + "/softwareupdate-"));
         // The chosen folder travels as 16-bit character data: an ASCII path reads as its first
         // character.
         QCOMPARE(argv.at(4), QString("/"));
-        QCOMPARE(argv.mid(5, 2), QStringList({ "&&rm", "-fr" }));
+        QCOMPARE(argv.mid(5, 2), QStringList({"&&rm", "-fr"}));
         QCOMPARE(argv.at(7), argv.at(3));
         QCOMPARE(argv.at(8), QString("&&"));
         QCOMPARE(argv.at(9), chosen + "/bin/app");
-        QCOMPARE(filesBelow(argv.at(3)), QStringList({ "bin", "bin/app", "share", "share/readme.txt" }));
+        QCOMPARE(filesBelow(argv.at(3)),
+                 QStringList({"bin", "bin/app", "share", "share/readme.txt"}));
     }
 
     void zipInstallerReportsAndRethrowsArchiveErrors_data()
@@ -379,15 +416,15 @@ private Q_SLOTS:
 private:
     // Runs runZipInstaller in the helper, in `folder` (its working and temporary folder),
     // answering the folder chooser with `choice`.
-    static void runZipInstallerHelper(QProcess &helper, const QString &folder, const QString &archive,
-                                      const QString &choice)
+    static void runZipInstallerHelper(QProcess &helper, const QString &folder,
+                                      const QString &archive, const QString &choice)
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("QT_QPA_PLATFORM", "offscreen");
         env.insert("TMPDIR", folder);
         helper.setProcessEnvironment(env);
         helper.setWorkingDirectory(folder);
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), { "runZipInstaller", archive, choice });
+        helper.start(QStringLiteral(SUC_EXEC_HELPER), {"runZipInstaller", archive, choice});
         QVERIFY(helper.waitForFinished(30000));
     }
 

@@ -4,8 +4,7 @@
 
 using qv::PackageInfo;
 
-class TestPackageInfo : public QObject
-{
+class TestPackageInfo : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -21,7 +20,8 @@ private Q_SLOTS:
         QTest::newRow("same date and size") << d << qint64(5242880) << d << qint64(5242880) << true;
         QTest::newRow("size differs") << d << qint64(5242880) << d << qint64(5242881) << false;
         QTest::newRow("second differs") << d << qint64(1) << d.addSecs(1) << qint64(1) << false;
-        QTest::newRow("both undated") << QDateTime() << qint64(0) << QDateTime() << qint64(0) << true;
+        QTest::newRow("both undated")
+            << QDateTime() << qint64(0) << QDateTime() << qint64(0) << true;
     }
     void identity()
     {
@@ -58,11 +58,11 @@ private Q_SLOTS:
         QTest::addColumn<QDateTime>("when");
         QTest::addColumn<QString>("text");
         QTest::newRow("midnight gives date only")
-                << QDateTime(QDate(2011, 4, 5), QTime(0, 0)) << "2011-04-05";
+            << QDateTime(QDate(2011, 4, 5), QTime(0, 0)) << "2011-04-05";
         QTest::newRow("one second after")
-                << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 1)) << "2011-04-05T00:00:01";
+            << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 1)) << "2011-04-05T00:00:01";
         QTest::newRow("one millisecond after")
-                << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 0, 1)) << "2011-04-05T00:00:00";
+            << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 0, 1)) << "2011-04-05T00:00:00";
         QTest::newRow("null date") << QDateTime() << "";
     }
     void timeToString()
@@ -78,11 +78,21 @@ private Q_SLOTS:
         QTest::addColumn<QString>("language");
         QTest::addColumn<QString>("fallback");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("full locale key") << "de_CH" << "en_US" << "http://h/ch";
-        QTest::newRow("two-letter language") << "de_DE" << "en_US" << "http://h/de";
-        QTest::newRow("full fallback") << "fr_FR" << "en_US" << "http://h/us";
-        QTest::newRow("two-letter fallback") << "fr_FR" << "en_GB" << "http://h/en-newest";
-        QTest::newRow("nothing matches") << "fr_FR" << "it_IT" << "";
+        QTest::newRow("full locale key") << "de_CH"
+                                         << "en_US"
+                                         << "http://h/ch";
+        QTest::newRow("two-letter language") << "de_DE"
+                                             << "en_US"
+                                             << "http://h/de";
+        QTest::newRow("full fallback") << "fr_FR"
+                                       << "en_US"
+                                       << "http://h/us";
+        QTest::newRow("two-letter fallback") << "fr_FR"
+                                             << "en_GB"
+                                             << "http://h/en-newest";
+        QTest::newRow("nothing matches") << "fr_FR"
+                                         << "it_IT"
+                                         << "";
     }
     void translatedUrl()
     {
@@ -98,8 +108,10 @@ private Q_SLOTS:
         PackageInfo p;
         p.releaseNotes = map;
         p.readme = map;
-        QCOMPARE(p.releaseNotesUrl(language, fallback), PackageInfo::translatedUrl(map, language, fallback));
-        QCOMPARE(p.readmeUrl(language, fallback), PackageInfo::translatedUrl(map, language, fallback));
+        QCOMPARE(p.releaseNotesUrl(language, fallback),
+                 PackageInfo::translatedUrl(map, language, fallback));
+        QCOMPARE(p.readmeUrl(language, fallback),
+                 PackageInfo::translatedUrl(map, language, fallback));
         QVERIFY(PackageInfo::translatedUrl(UrlMap(), language, fallback).isEmpty());
     }
 
@@ -112,11 +124,31 @@ private Q_SLOTS:
         QTest::addColumn<bool>("usePublic");
         QTest::addColumn<QString>("shownName");
         QTest::addColumn<QString>("shownRelease");
-        QTest::newRow("public wanted and present") << "n" << "Pub" << "2.1" << "2.1 SP1" << true << "Pub" << "2.1 SP1";
-        QTest::newRow("public wanted but empty") << "n" << "" << "2.1" << "" << true << "n" << "2.1";
-        QTest::newRow("internal wanted") << "n" << "Pub" << "2.1" << "2.1 SP1" << false << "n" << "2.1";
-        QTest::newRow("no release falls to public") << "n" << "" << "" << "2 SP" << false << "n" << "2 SP";
-        QTest::newRow("unreadable release") << "n" << "" << "beta" << "" << false << "n" << "?";
+        QTest::newRow("public wanted and present") << "n"
+                                                   << "Pub"
+                                                   << "2.1"
+                                                   << "2.1 SP1" << true << "Pub"
+                                                   << "2.1 SP1";
+        QTest::newRow("public wanted but empty") << "n"
+                                                 << ""
+                                                 << "2.1"
+                                                 << "" << true << "n"
+                                                 << "2.1";
+        QTest::newRow("internal wanted") << "n"
+                                         << "Pub"
+                                         << "2.1"
+                                         << "2.1 SP1" << false << "n"
+                                         << "2.1";
+        QTest::newRow("no release falls to public") << "n"
+                                                    << ""
+                                                    << ""
+                                                    << "2 SP" << false << "n"
+                                                    << "2 SP";
+        QTest::newRow("unreadable release") << "n"
+                                            << ""
+                                            << "beta"
+                                            << "" << false << "n"
+                                            << "?";
     }
     void displayTexts()
     {
@@ -139,10 +171,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("a");
         QTest::addColumn<QString>("b");
         QTest::addColumn<int>("versionSign");
-        QTest::newRow("10 sorts before 9") << "10" << "9" << -1;
-        QTest::newRow("2.10 sorts before 2.9") << "2.10" << "2.9" << -1;
-        QTest::newRow("equal") << "2.1" << "2.1" << 0;
-        QTest::newRow("case-sensitive") << "BETA" << "beta" << -1;
+        QTest::newRow("10 sorts before 9") << "10"
+                                           << "9" << -1;
+        QTest::newRow("2.10 sorts before 2.9") << "2.10"
+                                               << "2.9" << -1;
+        QTest::newRow("equal") << "2.1"
+                               << "2.1" << 0;
+        QTest::newRow("case-sensitive") << "BETA"
+                                        << "beta" << -1;
     }
     void textOrderVersusStatusOrder()
     {
@@ -155,10 +191,6 @@ private Q_SLOTS:
         QVERIFY(PackageInfo::compareRelease("BETA", "STABLE") > 0);
     }
 
-
-
-
-
     void metaTypesRegisteredAtLoad()
     {
         QVERIFY(QMetaType::fromName("qv::PackageInfo").isValid());
@@ -168,7 +200,7 @@ private Q_SLOTS:
         // A queued call carries a copy through the event queue.
         PackageInfo p;
         p.name = "queued";
-        const QVariant v = QVariant::fromValue(qv::PackageInfoList{ p });
+        const QVariant v = QVariant::fromValue(qv::PackageInfoList {p});
         QCOMPARE(v.value<qv::PackageInfoList>().first().name, QString("queued"));
     }
 };

@@ -26,8 +26,7 @@ void capture(QtMsgType type, const QMessageLogContext &ctx, const QString &msg)
 }
 } // namespace
 
-class Receiver : public QObject
-{
+class Receiver : public QObject {
     Q_OBJECT
 public:
     QStringList calls;
@@ -35,8 +34,7 @@ public Q_SLOTS:
     void done(const QString &text) { calls << text; }
 };
 
-class TestPlatform : public QObject
-{
+class TestPlatform : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -45,16 +43,26 @@ private Q_SLOTS:
         QTest::addColumn<QString>("a");
         QTest::addColumn<QString>("b");
         QTest::addColumn<int>("order");
-        QTest::newRow("2.10 after 2.9") << "2.10" << "2.9" << 1;
-        QTest::newRow("2.9.1 after 2.9") << "2.9.1" << "2.9" << 1;
-        QTest::newRow("missing parts are zero") << "2.1" << "2.1.0" << 0;
-        QTest::newRow("leading zeros") << "02.01" << "2.1" << 0;
-        QTest::newRow("suffix text ignored") << "2.9-beta" << "2.9" << 0;
-        QTest::newRow("letters end a part") << "3.10b" << "3.9" << 1;
-        QTest::newRow("junk equals zero") << "junk" << "0" << 0;
-        QTest::newRow("empty equals zero") << "" << "0.0" << 0;
-        QTest::newRow("huge part saturates") << "99999999999999999999999" << "18446744073709551615" << 0;
-        QTest::newRow("older major") << "1.99.99" << "2" << -1;
+        QTest::newRow("2.10 after 2.9") << "2.10"
+                                        << "2.9" << 1;
+        QTest::newRow("2.9.1 after 2.9") << "2.9.1"
+                                         << "2.9" << 1;
+        QTest::newRow("missing parts are zero") << "2.1"
+                                                << "2.1.0" << 0;
+        QTest::newRow("leading zeros") << "02.01"
+                                       << "2.1" << 0;
+        QTest::newRow("suffix text ignored") << "2.9-beta"
+                                             << "2.9" << 0;
+        QTest::newRow("letters end a part") << "3.10b"
+                                            << "3.9" << 1;
+        QTest::newRow("junk equals zero") << "junk"
+                                          << "0" << 0;
+        QTest::newRow("empty equals zero") << ""
+                                           << "0.0" << 0;
+        QTest::newRow("huge part saturates") << "99999999999999999999999"
+                                             << "18446744073709551615" << 0;
+        QTest::newRow("older major") << "1.99.99"
+                                     << "2" << -1;
     }
     void versionCompare()
     {
@@ -74,11 +82,21 @@ private Q_SLOTS:
         QTest::addColumn<QString>("input");
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("shortText");
-        QTest::newRow("four parts") << "3.2.0.0" << "3.2.0.0" << "3.2";
-        QTest::newRow("keeps non-zero tail") << "3.2.1.0" << "3.2.1.0" << "3.2.1";
-        QTest::newRow("two parts stay") << "3.0" << "3.0" << "3.0";
-        QTest::newRow("default prints zero") << "" << "0" << "0";
-        QTest::newRow("normalised") << "007.08x.9" << "7.8.9" << "7.8.9";
+        QTest::newRow("four parts") << "3.2.0.0"
+                                    << "3.2.0.0"
+                                    << "3.2";
+        QTest::newRow("keeps non-zero tail") << "3.2.1.0"
+                                             << "3.2.1.0"
+                                             << "3.2.1";
+        QTest::newRow("two parts stay") << "3.0"
+                                        << "3.0"
+                                        << "3.0";
+        QTest::newRow("default prints zero") << ""
+                                             << "0"
+                                             << "0";
+        QTest::newRow("normalised") << "007.08x.9"
+                                    << "7.8.9"
+                                    << "7.8.9";
     }
     void versionText()
     {
@@ -89,20 +107,22 @@ private Q_SLOTS:
         QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
     }
 
-
-
     void intersections_data()
     {
         QTest::addColumn<QStringList>("a");
         QTest::addColumn<QStringList>("b");
         QTest::addColumn<bool>("onBeginning");
         QTest::addColumn<bool>("shared");
-        QTest::newRow("equal word") << QStringList{ "linux" } << QStringList{ "linux" } << true << true;
-        QTest::newRow("filter is prefix") << QStringList{ "linux" } << QStringList{ "linux-x86_64" } << true << false;
-        QTest::newRow("package is prefix") << QStringList{ "win32-x64" } << QStringList{ "win32" } << true << false;
-        QTest::newRow("disjoint") << QStringList{ "mac" } << QStringList{ "linux" } << false << false;
-        QTest::newRow("case matters") << QStringList{ "Linux" } << QStringList{ "linux" } << false << false;
-        QTest::newRow("empty side") << QStringList{} << QStringList{ "linux" } << false << false;
+        QTest::newRow("equal word")
+            << QStringList {"linux"} << QStringList {"linux"} << true << true;
+        QTest::newRow("filter is prefix")
+            << QStringList {"linux"} << QStringList {"linux-x86_64"} << true << false;
+        QTest::newRow("package is prefix")
+            << QStringList {"win32-x64"} << QStringList {"win32"} << true << false;
+        QTest::newRow("disjoint") << QStringList {"mac"} << QStringList {"linux"} << false << false;
+        QTest::newRow("case matters")
+            << QStringList {"Linux"} << QStringList {"linux"} << false << false;
+        QTest::newRow("empty side") << QStringList {} << QStringList {"linux"} << false << false;
     }
     void intersections()
     {
@@ -147,7 +167,6 @@ private Q_SLOTS:
         QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback, dateValid);
     }
 
-
     void logThreshold_data()
     {
         QTest::addColumn<int>("threshold");
@@ -155,10 +174,10 @@ private Q_SLOTS:
         const QString d = QString::number(QtDebugMsg) + ":A::f() -> one";
         const QString w = QString::number(QtWarningMsg) + ":A::f() -> two";
         const QString c = QString::number(QtCriticalMsg) + ":A::f() -> three";
-        QTest::newRow("everything") << 1 << QStringList{ d, w, c };
-        QTest::newRow("warnings and errors") << 2 << QStringList{ w, c };
-        QTest::newRow("errors only") << 3 << QStringList{ c };
-        QTest::newRow("silent") << 4 << QStringList{};
+        QTest::newRow("everything") << 1 << QStringList {d, w, c};
+        QTest::newRow("warnings and errors") << 2 << QStringList {w, c};
+        QTest::newRow("errors only") << 3 << QStringList {c};
+        QTest::newRow("silent") << 4 << QStringList {};
     }
     void logThreshold()
     {
@@ -197,9 +216,9 @@ private Q_SLOTS:
         qv::LogQt::setLevel(before);
         QCOMPARE(s_captured.size(), 800);
         for (const QString &line : s_captured)
-            QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(), qPrintable(line));
+            QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(),
+                     qPrintable(line));
     }
-
 
     void invokeQueued_data()
     {
@@ -217,33 +236,43 @@ private Q_SLOTS:
         Receiver r;
         const QString text = QStringLiteral("hello");
         if (!found)
-            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("no method missing with 1 arguments"));
+            QTest::ignoreMessage(QtCriticalMsg,
+                                 QRegularExpression("no method missing with 1 arguments"));
         QCOMPARE(qv::invokeQueued(&r, slot.constData(), Q_ARG(QString, text)), found);
         QVERIFY(r.calls.isEmpty()); // queued: nothing happens before the event loop runs
         QCoreApplication::processEvents();
-        QCOMPARE(r.calls, found ? QStringList{ text } : QStringList{});
+        QCOMPARE(r.calls, found ? QStringList {text} : QStringList {});
     }
-
 
     // Removal never leaves the place it was given: a path that does not say plainly where it
     // leads, one outside `within`, or one through a link below it removes nothing.
     void eraseStaysWhereItWasSent_data()
     {
-        QTest::addColumn<QString>("path");   // "@" is the test folder, which holds dl/pkg.zip,
+        QTest::addColumn<QString>("path"); // "@" is the test folder, which holds dl/pkg.zip,
         QTest::addColumn<QString>("within"); // keep.txt, and dl/link -> the test folder
         QTest::addColumn<bool>("erased");
         QTest::addColumn<QStringList>("left");
-        const QStringList all{ "dl", "dl/link", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt" };
-        QTest::newRow("a file") << "@/dl/pkg.zip" << "" << true << QStringList{ "dl", "dl/link", "dl/ro", "dl/ro/f", "keep.txt" };
-        QTest::newRow("a folder, read-only parts too") << "@/dl" << "" << true << QStringList{ "keep.txt" };
-        QTest::newRow("ends in /..") << "@/dl/.." << "" << false << all;
-        QTest::newRow("ends in /.") << "@/dl/." << "" << false << all;
-        QTest::newRow("inside, ends in /..") << "@/dl/.." << "@/dl" << false << all;
-        QTest::newRow("outside the folder") << "@/keep.txt" << "@/dl" << false << all;
-        QTest::newRow("through a link") << "@/dl/link/keep.txt" << "@/dl" << false << all;
-        QTest::newRow("a link: removed, not followed") << "@/dl/link" << "@/dl" << true
-                                                        << QStringList{ "dl", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt" };
-        QTest::newRow("the folder itself") << "@/dl/" << "@/dl" << true << QStringList{ "keep.txt" };
+        const QStringList all {"dl", "dl/link", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt"};
+        QTest::newRow("a file") << "@/dl/pkg.zip"
+                                << "" << true
+                                << QStringList {"dl", "dl/link", "dl/ro", "dl/ro/f", "keep.txt"};
+        QTest::newRow("a folder, read-only parts too") << "@/dl"
+                                                       << "" << true << QStringList {"keep.txt"};
+        QTest::newRow("ends in /..") << "@/dl/.."
+                                     << "" << false << all;
+        QTest::newRow("ends in /.") << "@/dl/."
+                                    << "" << false << all;
+        QTest::newRow("inside, ends in /..") << "@/dl/.."
+                                             << "@/dl" << false << all;
+        QTest::newRow("outside the folder") << "@/keep.txt"
+                                            << "@/dl" << false << all;
+        QTest::newRow("through a link") << "@/dl/link/keep.txt"
+                                        << "@/dl" << false << all;
+        QTest::newRow("a link: removed, not followed")
+            << "@/dl/link"
+            << "@/dl" << true << QStringList {"dl", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt"};
+        QTest::newRow("the folder itself") << "@/dl/"
+                                           << "@/dl" << true << QStringList {"keep.txt"};
     }
     void eraseStaysWhereItWasSent()
     {
@@ -253,7 +282,7 @@ private Q_SLOTS:
         QFETCH(QStringList, left);
         QTemporaryDir dir;
         QVERIFY(QDir().mkpath(dir.filePath("dl/ro")));
-        for (const char *name : { "dl/pkg.zip", "keep.txt", "dl/ro/f" }) {
+        for (const char *name : {"dl/pkg.zip", "keep.txt", "dl/ro/f"}) {
             QFile f(dir.filePath(name));
             QVERIFY(f.open(QIODevice::WriteOnly));
         }
@@ -263,12 +292,14 @@ private Q_SLOTS:
         within.replace("@", dir.path());
         QCOMPARE(qv::FileUtils::erase(path, within), erased);
         QStringList found;
-        QDirIterator it(dir.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System, QDirIterator::Subdirectories);
+        QDirIterator it(dir.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System,
+                        QDirIterator::Subdirectories);
         while (it.hasNext())
             found << QDir(dir.path()).relativeFilePath(it.next());
         found.sort();
         QCOMPARE(found, left);
-        QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QFile::setPermissions(dir.filePath("dl/ro"),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
 
     // Reading never blocks on a FIFO and never takes more than it was allowed.

@@ -7,8 +7,7 @@
 #include <QTranslator>
 #include <QtTest>
 
-class TestTranslations : public QObject
-{
+class TestTranslations : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
@@ -35,19 +34,40 @@ private Q_SLOTS:
         QTest::addColumn<QString>("context");
         QTest::addColumn<QString>("source");
         QTest::addColumn<QString>("translation");
-        QTest::newRow("de dialog") << "de_DE" << "SoftwareUpdateDialogGui" << "Check Now" << "Jetzt suchen";
-        QTest::newRow("de client") << "de_DE" << "SoftwareUpdateClient" << "Error downloading! Http status code %1"
+        QTest::newRow("de dialog") << "de_DE"
+                                   << "SoftwareUpdateDialogGui"
+                                   << "Check Now"
+                                   << "Jetzt suchen";
+        QTest::newRow("de client") << "de_DE"
+                                   << "SoftwareUpdateClient"
+                                   << "Error downloading! Http status code %1"
                                    << "Fehler beim Herunterladen! HTTP-Statuscode %1";
-        QTest::newRow("de kept wording") << "de_DE" << "SoftwareUpdateClient"
-                << "After downloading the package, the installer will automatically exit and restart your application!"
-                << "Nach der Installation des Pakets wird die Anwendung automatisch beendet und neu gestartet!";
-        QTest::newRow("de manager") << "de_DE" << "DownloadManager" << "Unpacking '%1'" << "'%1' wird entpackt";
-        QTest::newRow("fr list") << "fr_FR" << "SoftwareUpdateAvailableGui" << "Show all languages" << "Afficher tous les langues";
-        QTest::newRow("fr no-break space") << "fr_FR" << "SoftwareUpdateClient" << "No update available!"
-                                           << QString("Aucune mise à jour disponible\u00A0!");
-        QTest::newRow("fr manager") << "fr_FR" << "DownloadManager" << "Select Installation Path for '%1'"
+        QTest::newRow("de kept wording") << "de_DE"
+                                         << "SoftwareUpdateClient"
+                                         << "After downloading the package, the installer will "
+                                            "automatically exit and restart your application!"
+                                         << "Nach der Installation des Pakets wird die Anwendung "
+                                            "automatisch beendet und neu gestartet!";
+        QTest::newRow("de manager") << "de_DE"
+                                    << "DownloadManager"
+                                    << "Unpacking '%1'"
+                                    << "'%1' wird entpackt";
+        QTest::newRow("fr list") << "fr_FR"
+                                 << "SoftwareUpdateAvailableGui"
+                                 << "Show all languages"
+                                 << "Afficher tous les langues";
+        QTest::newRow("fr no-break space")
+            << "fr_FR"
+            << "SoftwareUpdateClient"
+            << "No update available!" << QString("Aucune mise à jour disponible\u00A0!");
+        QTest::newRow("fr manager") << "fr_FR"
+                                    << "DownloadManager"
+                                    << "Select Installation Path for '%1'"
                                     << "Sélectionner le dossier d'installation pour '%1'";
-        QTest::newRow("not translated") << "de_DE" << "DownloadManager" << "Unpacking failed" << "Unpacking failed";
+        QTest::newRow("not translated") << "de_DE"
+                                        << "DownloadManager"
+                                        << "Unpacking failed"
+                                        << "Unpacking failed";
     }
     void renderings()
     {
@@ -57,7 +77,8 @@ private Q_SLOTS:
         QTranslator translator;
         QVERIFY(translator.load(":/translations/SoftwareUpdateClient_" + language + ".qm"));
         QCoreApplication::installTranslator(&translator);
-        const QString got = QCoreApplication::translate(context.toUtf8().constData(), source.toUtf8().constData());
+        const QString got = QCoreApplication::translate(context.toUtf8().constData(),
+                                                        source.toUtf8().constData());
         QCoreApplication::removeTranslator(&translator);
         QTEST(got, "translation");
     }
@@ -74,7 +95,8 @@ private Q_SLOTS:
         qv::SoftwareUpdateDialog german(nullptr, {});
         QCoreApplication::removeTranslator(&translator);
         QCOMPARE(german.windowTitle(), QString("Nach Updates suchen"));
-        QCOMPARE(german.findChild<QPushButton *>("updatePushButton")->text(), QString("Jetzt suchen"));
+        QCOMPARE(german.findChild<QPushButton *>("updatePushButton")->text(),
+                 QString("Jetzt suchen"));
     }
 };
 

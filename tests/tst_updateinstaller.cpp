@@ -8,8 +8,7 @@
 
 // Runs the UpdateInstaller program on application folders made here. Each fake application's
 // program appends its version to a marker file when it starts.
-class TestUpdateInstaller : public QObject
-{
+class TestUpdateInstaller : public QObject {
     Q_OBJECT
 
     QTemporaryDir m_dir;
@@ -29,7 +28,8 @@ class TestUpdateInstaller : public QObject
         QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
         QFile app(folder + "/app");
         app.open(QIODevice::WriteOnly);
-        app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n");
+        app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> "
+                  "\"$SUC_MARKER\"\n");
         app.close();
         if (executable)
             app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
@@ -40,17 +40,20 @@ class TestUpdateInstaller : public QObject
     {
         QFile v(folder + "/version.txt");
         QFile data(folder + "/lib/data.bin");
-        if (!v.open(QIODevice::ReadOnly) || !data.open(QIODevice::ReadOnly) || !QFileInfo(folder + "/app").isExecutable())
+        if (!v.open(QIODevice::ReadOnly) || !data.open(QIODevice::ReadOnly)
+            || !QFileInfo(folder + "/app").isExecutable())
             return QString();
         const QString version = QString::fromUtf8(v.readAll());
         QByteArray link(256, 0);
-        const ssize_t n = readlink(QFile::encodeName(folder + "/lib/current").constData(), link.data(), link.size());
+        const ssize_t n = readlink(QFile::encodeName(folder + "/lib/current").constData(),
+                                   link.data(), link.size());
         if (n != 8 || link.left(n) != "data.bin")
             return QString();
         return data.readAll() == QByteArray(4096, version.at(1).toLatin1()) ? version : QString();
     }
 
-    void startInstaller(QProcess &p, const QStringList &args, const QByteArray &stopAfter = QByteArray())
+    void startInstaller(QProcess &p, const QStringList &args,
+                        const QByteArray &stopAfter = QByteArray())
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("SUC_MARKER", m_marker);
@@ -91,9 +94,10 @@ class TestUpdateInstaller : public QObject
     static QString otherFileSystem(const QString &near)
     {
         const QStorageInfo here(near);
-        for (const QString &candidate : { QStringLiteral("/dev/shm"), QStringLiteral("/run") }) {
+        for (const QString &candidate : {QStringLiteral("/dev/shm"), QStringLiteral("/run")}) {
             const QStorageInfo there(candidate);
-            if (there.isValid() && there.device() != here.device() && QFileInfo(candidate).isWritable())
+            if (there.isValid() && there.device() != here.device()
+                && QFileInfo(candidate).isWritable())
                 return candidate;
         }
         return QString();
@@ -129,21 +133,48 @@ private Q_SLOTS:
         QTest::addColumn<QString>("newDir"); // "@" is replaced by the test folder
         QTest::addColumn<QString>("exe");
         QTest::addColumn<QString>("message");
-        QTest::newRow("empty new folder") << "" << "app" << "-newDir is empty";
-        QTest::newRow("missing new folder") << "@/nothing" << "app" << "does not exist";
-        QTest::newRow("same folder") << "@/Viewer" << "app" << "are the same";
-        QTest::newRow("new folder holds the old one") << "@" << "app" << "lies inside the other";
-        QTest::newRow("new folder inside the old one") << "@/Viewer/lib" << "app" << "lies inside the other";
-        QTest::newRow("program missing in new folder") << "@/unpacked" << "viewer" << "has no program viewer";
-        QTest::newRow("program outside the folder") << "@/unpacked" << "../../../../bin/true" << "not a plain file name";
-        QTest::newRow("program ..") << "@/unpacked" << ".." << "not a plain file name";
-        QTest::newRow("new folder is the backup path") << "@/Viewer.update-backup" << "app" << "a path the updater uses itself";
-        QTest::newRow("new folder inside the staging path") << "@/Viewer.update-incoming/x" << "app" << "a path the updater uses itself";
-        QTest::newRow("new folder is a link") << "@/link-to-unpacked" << "app" << "is a symbolic link";
-        QTest::newRow("application folder is a link") << "@/unpacked" << "app" << "is a symbolic link; name the folder itself";
+        QTest::newRow("empty new folder") << ""
+                                          << "app"
+                                          << "-newDir is empty";
+        QTest::newRow("missing new folder") << "@/nothing"
+                                            << "app"
+                                            << "does not exist";
+        QTest::newRow("same folder") << "@/Viewer"
+                                     << "app"
+                                     << "are the same";
+        QTest::newRow("new folder holds the old one") << "@"
+                                                      << "app"
+                                                      << "lies inside the other";
+        QTest::newRow("new folder inside the old one") << "@/Viewer/lib"
+                                                       << "app"
+                                                       << "lies inside the other";
+        QTest::newRow("program missing in new folder") << "@/unpacked"
+                                                       << "viewer"
+                                                       << "has no program viewer";
+        QTest::newRow("program outside the folder") << "@/unpacked"
+                                                    << "../../../../bin/true"
+                                                    << "not a plain file name";
+        QTest::newRow("program ..") << "@/unpacked"
+                                    << ".."
+                                    << "not a plain file name";
+        QTest::newRow("new folder is the backup path") << "@/Viewer.update-backup"
+                                                       << "app"
+                                                       << "a path the updater uses itself";
+        QTest::newRow("new folder inside the staging path") << "@/Viewer.update-incoming/x"
+                                                            << "app"
+                                                            << "a path the updater uses itself";
+        QTest::newRow("new folder is a link") << "@/link-to-unpacked"
+                                              << "app"
+                                              << "is a symbolic link";
+        QTest::newRow("application folder is a link")
+            << "@/unpacked"
+            << "app"
+            << "is a symbolic link; name the folder itself";
         // A FIFO in the new version once hung the cross-file-system copy forever, with the
         // application moved aside.
-        QTest::newRow("new folder holds a FIFO") << "@/unpacked" << "app" << "not a file, folder or link";
+        QTest::newRow("new folder holds a FIFO") << "@/unpacked"
+                                                 << "app"
+                                                 << "not a file, folder or link";
     }
     void refusesAndRestartsTheOldVersion()
     {
@@ -153,7 +184,7 @@ private Q_SLOTS:
         QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2");
-        for (const char *own : { "Viewer.update-backup", "Viewer.update-incoming/x" })
+        for (const char *own : {"Viewer.update-backup", "Viewer.update-incoming/x"})
             makeApp(m_dir.filePath(own), "v2");
         QVERIFY(QFile::link(m_dir.filePath("unpacked"), m_dir.filePath("link-to-unpacked")));
         if (QString(QTest::currentDataTag()).startsWith("application folder is a link")) {
@@ -161,19 +192,22 @@ private Q_SLOTS:
             app = m_dir.filePath("ViewerLink");
         }
         if (QString(QTest::currentDataTag()).contains("FIFO"))
-            QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("unpacked/lib/pipe")).constData(), 0600), 0);
+            QCOMPARE(
+                mkfifo(QFile::encodeName(m_dir.filePath("unpacked/lib/pipe")).constData(), 0600),
+                0);
         newDir.replace("@", m_dir.path());
-        QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", newDir, "-exe", exe }), 1);
+        QCOMPARE(runInstaller({"-oldDir", app, "-newDir", newDir, "-exe", exe}), 1);
         QCOMPARE(completeVersion(app), QString("v1"));
         QCOMPARE(completeVersion(m_dir.filePath("Viewer")), QString("v1"));
         QVERIFY2(log().contains(message), qPrintable(log()));
         if (exe == "app") // otherwise the old folder has no such program to start again
-            QTRY_COMPARE(started(), QStringList{ "v1" });
+            QTRY_COMPARE(started(), QStringList {"v1"});
         else
             QCOMPARE(started(), QStringList());
         QVERIFY(!QFileInfo::exists(m_dir.filePath("Viewer.update-journal")));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2"));
-        QCOMPARE(completeVersion(m_dir.filePath("Viewer.update-backup")), QString("v2")); // not the updater's to drop here
+        QCOMPARE(completeVersion(m_dir.filePath("Viewer.update-backup")),
+                 QString("v2")); // not the updater's to drop here
     }
 
     void newProgramThatCannotStartRollsBack()
@@ -181,10 +215,13 @@ private Q_SLOTS:
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2", false);
-        QCOMPARE(runInstaller({ "-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app" }), 1);
+        QCOMPARE(
+            runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app"}),
+            1);
         QCOMPARE(completeVersion(app), QString("v1"));
-        QTRY_COMPARE(started(), QStringList{ "v1" });
-        QVERIFY(QFileInfo::exists(m_dir.filePath("unpacked/version.txt"))); // the new version is kept
+        QTRY_COMPARE(started(), QStringList {"v1"});
+        QVERIFY(
+            QFileInfo::exists(m_dir.filePath("unpacked/version.txt"))); // the new version is kept
         QVERIFY(!QFileInfo::exists(app + ".update-backup"));
     }
 
@@ -197,16 +234,21 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("step"); // empty: not interrupted
         QTest::addColumn<bool>("acrossFileSystems");
         QTest::addColumn<QString>("stale");
-        for (const char *stale : { "clean", "stale backup", "stale journal of other arguments",
-                                   "backup linked outside", "concurrent run" }) {
-            for (bool across : { false, true }) {
-                for (const char *step : { "", "journal", "backup", "copy", "move", "start", "discard", "cleanup" }) {
+        for (const char *stale : {"clean", "stale backup", "stale journal of other arguments",
+                                  "backup linked outside", "concurrent run"}) {
+            for (bool across : {false, true}) {
+                for (const char *step :
+                     {"", "journal", "backup", "copy", "move", "start", "discard", "cleanup"}) {
                     if (QByteArray(step) == "copy" && !across)
                         continue;
-                    QTest::newRow(qPrintable(QStringLiteral("%1, %2, %3").arg(stale,
-                            across ? QStringLiteral("across file systems") : QStringLiteral("same file system"),
-                            *step ? QStringLiteral("killed after %1").arg(step) : QStringLiteral("run through"))))
-                            << QByteArray(step) << across << QString(stale);
+                    QTest::newRow(
+                        qPrintable(QStringLiteral("%1, %2, %3")
+                                       .arg(stale,
+                                            across ? QStringLiteral("across file systems")
+                                                   : QStringLiteral("same file system"),
+                                            *step ? QStringLiteral("killed after %1").arg(step)
+                                                  : QStringLiteral("run through"))))
+                        << QByteArray(step) << across << QString(stale);
                 }
             }
         }
@@ -238,7 +280,7 @@ private Q_SLOTS:
         } else if (stale == "backup linked outside") {
             QVERIFY(QFile::link(outside, app + ".update-backup"));
         }
-        const QStringList args{ "-oldDir", app, "-newDir", newDir, "-exe", "app" };
+        const QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
 
         if (stale == "concurrent run") {
             QProcess first, second;
@@ -246,7 +288,8 @@ private Q_SLOTS:
             startInstaller(second, args);
             const int a = result(first);
             const int b = result(second);
-            QVERIFY2(QList<int>({ 0, 1, -1 }).contains(a) && QList<int>({ 0, 1 }).contains(b), qPrintable(log()));
+            QVERIFY2(QList<int>({0, 1, -1}).contains(a) && QList<int>({0, 1}).contains(b),
+                     qPrintable(log()));
         } else if (!step.isEmpty()) {
             const int killed = runInstaller(args, step);
             if (killed != -1) // the step was not reached in this state
@@ -260,14 +303,18 @@ private Q_SLOTS:
             QCOMPARE(runInstaller(args), 0);
 
         QVERIFY2(completeVersion(app) == "v2", qPrintable(log()));
-        for (const char *leftover : { ".update-backup", ".update-journal", ".update-incoming", ".update-discard" })
-            QVERIFY2(!QFileInfo::exists(app + leftover) && !QFileInfo(app + leftover).isSymLink(), leftover);
+        for (const char *leftover :
+             {".update-backup", ".update-journal", ".update-incoming", ".update-discard"})
+            QVERIFY2(!QFileInfo::exists(app + leftover) && !QFileInfo(app + leftover).isSymLink(),
+                     leftover);
         QVERIFY(!QFileInfo::exists(newDir));
         QCOMPARE(completeVersion(outside), QString("v9"));
         if (stale == "stale journal of other arguments")
             QCOMPARE(completeVersion(earlierNew), QString("v8"));
         QTRY_VERIFY(started().contains("v2"));
-        QVERIFY2(!started().contains("v0") && !started().contains("v8") && !started().contains("v9"), qPrintable(started().join(',')));
+        QVERIFY2(!started().contains("v0") && !started().contains("v8")
+                     && !started().contains("v9"),
+                 qPrintable(started().join(',')));
         // Started once, not again by the second run; a concurrent run that comes after the first
         // has finished restarts the application it finds, which is v2 then.
         if (stale != "concurrent run")

@@ -38,25 +38,34 @@ const QByteArray kPackage = QByteArray("#!/bin/sh\necho 'Viewer 2.10'\n").repeat
 
 QByteArray catalogue(quint16 packagePort)
 {
-    const QByteArray base = "http://127.0.0.1" + (packagePort == 80 ? QByteArray() : ":" + QByteArray::number(packagePort))
-            + "/software/";
+    const QByteArray base = "http://127.0.0.1"
+        + (packagePort == 80 ? QByteArray() : ":" + QByteArray::number(packagePort)) + "/software/";
     return "<?xml version='1.0' encoding='UTF-8'?>\n"
-           "<softwareList base-url='" + base + "'>\n"
-           " <package-set type='Application' name='Viewer' public-name='Camera Viewer' platform='linux-x86_64'>\n"
-           "  <package status='STABLE' release='2.10' public-release='2.10'>\n"
-           "   <file url='viewer-2.10-linux.tar.gz' file-size='" + QByteArray::number(kPackage.size())
-            + "' release-date='2026-11-02 09:00:00'/>\n"
-           "   <release-notes language='en' url='" + base + "notes/viewer-2.10.html'/>\n"
-           "  </package>\n"
-           "  <package status='BETA' release='2.11' public-release='2.11 Beta 1'>\n"
-           "   <file url='viewer-2.11-linux.tar.gz' file-size='1MB' release-date='2026-11-15'/>\n"
-           "  </package>\n"
-           " </package-set>\n"
-           " <package-set type='Camera Firmware' status='STABLE' platform='M1004' name='M1004 Firmware'>\n"
-           "  <package language='de en' release='5.3'><file url='fw/M1004-5.3-de_en.bin' file-size='9MB' release-date='2026-10-01'/></package>\n"
-           "  <package language='fr' release='5.3'><file url='fw/M1004-5.3-fr.bin' file-size='9MB' release-date='2026-10-02'/></package>\n"
-           " </package-set>\n"
-           "</softwareList>\n";
+           "<softwareList base-url='"
+        + base
+        + "'>\n"
+          " <package-set type='Application' name='Viewer' public-name='Camera Viewer' "
+          "platform='linux-x86_64'>\n"
+          "  <package status='STABLE' release='2.10' public-release='2.10'>\n"
+          "   <file url='viewer-2.10-linux.tar.gz' file-size='"
+        + QByteArray::number(kPackage.size())
+        + "' release-date='2026-11-02 09:00:00'/>\n"
+          "   <release-notes language='en' url='"
+        + base
+        + "notes/viewer-2.10.html'/>\n"
+          "  </package>\n"
+          "  <package status='BETA' release='2.11' public-release='2.11 Beta 1'>\n"
+          "   <file url='viewer-2.11-linux.tar.gz' file-size='1MB' release-date='2026-11-15'/>\n"
+          "  </package>\n"
+          " </package-set>\n"
+          " <package-set type='Camera Firmware' status='STABLE' platform='M1004' name='M1004 "
+          "Firmware'>\n"
+          "  <package language='de en' release='5.3'><file url='fw/M1004-5.3-de_en.bin' "
+          "file-size='9MB' release-date='2026-10-01'/></package>\n"
+          "  <package language='fr' release='5.3'><file url='fw/M1004-5.3-fr.bin' file-size='9MB' "
+          "release-date='2026-10-02'/></package>\n"
+          " </package-set>\n"
+          "</softwareList>\n";
 }
 
 void say(const QString &line)
@@ -65,8 +74,7 @@ void say(const QString &line)
     std::fflush(stdout);
 }
 
-template<typename T>
-T *visible()
+template<typename T> T *visible()
 {
     for (QWidget *w : QApplication::topLevelWidgets()) {
         if (auto *t = qobject_cast<T *>(w); t && t->isVisible())
@@ -107,7 +115,8 @@ void answerBoxes(QObject *owner, const QString &choice)
     timer->start(50);
 }
 
-int runAuto(qv::SoftwareUpdateClient &client, QMainWindow &window, const QDir &out, bool canDownload)
+int runAuto(qv::SoftwareUpdateClient &client, QMainWindow &window, const QDir &out,
+            bool canDownload)
 {
     const auto shot = [&out](QWidget *w, const QString &name) {
         const QString path = out.filePath(name);
@@ -124,34 +133,43 @@ int runAuto(qv::SoftwareUpdateClient &client, QMainWindow &window, const QDir &o
     say(QStringLiteral("2. ... and presses Check Now."));
     Q_EMIT settings->checkForUpdate();
     if (!waitFor([] { return visible<qv::SoftwareUpdateAvailableDialog>() != nullptr; })) {
-        say(QStringLiteral("  no packages were offered: ") + settings->findChild<QLabel *>(QStringLiteral("updateNotificationLabel"))->text());
+        say(QStringLiteral("  no packages were offered: ")
+            + settings->findChild<QLabel *>(QStringLiteral("updateNotificationLabel"))->text());
         return 1;
     }
     auto *list = visible<qv::SoftwareUpdateAvailableDialog>();
     auto *table = list->findChild<QTableWidget *>(QStringLiteral("tableWidget"));
-    say(QStringLiteral("3. The update server offers %1 packages newer than what is installed:").arg(table->rowCount()));
+    say(QStringLiteral("3. The update server offers %1 packages newer than what is installed:")
+            .arg(table->rowCount()));
     for (int r = 0; r < table->rowCount(); ++r) {
         QStringList cells;
         for (int c = 0; c < table->columnCount(); ++c)
             cells << table->item(r, c)->text();
-        say(QStringLiteral("   %1%2").arg(cells.join(QStringLiteral(" | ")), table->isRowHidden(r) ? QStringLiteral("   (hidden: another language)") : QString()));
+        say(QStringLiteral("   %1%2").arg(
+            cells.join(QStringLiteral(" | ")),
+            table->isRowHidden(r) ? QStringLiteral("   (hidden: another language)") : QString()));
     }
     table->selectRow(0);
     QTest::qWait(50);
     say(QStringLiteral("4. The user selects the first row: ")
-        + list->findChild<QTextBrowser *>(QStringLiteral("commentText"))->toPlainText().simplified());
+        + list->findChild<QTextBrowser *>(QStringLiteral("commentText"))
+              ->toPlainText()
+              .simplified());
     shot(list, QStringLiteral("2-update-available.png"));
 
     if (!canDownload) {
-        say(QStringLiteral("5. (127.0.0.1:80 cannot be bound here, and packages always download from port 80: skipped)"));
+        say(QStringLiteral("5. (127.0.0.1:80 cannot be bound here, and packages always download "
+                           "from port 80: skipped)"));
         return 0;
     }
     say(QStringLiteral("5. ... and asks to install it (the host's own Install path)."));
     answerBoxes(&window, QStringLiteral("Proceed"));
     Q_EMIT list->installPackage(0);
-    const bool downloaded = waitFor([] { return visible<qv::SoftwareUpdateAvailableDialog>() == nullptr; });
-    say(downloaded ? QStringLiteral("6. The package was downloaded; a .tar.gz is handed to the log on this platform "
-                                    "(see the qv.softwareupdate.client lines above).")
+    const bool downloaded
+        = waitFor([] { return visible<qv::SoftwareUpdateAvailableDialog>() == nullptr; });
+    say(downloaded ? QStringLiteral(
+            "6. The package was downloaded; a .tar.gz is handed to the log on this platform "
+            "(see the qv.softwareupdate.client lines above).")
                    : QStringLiteral("6. The download did not finish."));
     return downloaded ? 0 : 1;
 }
@@ -173,12 +191,15 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationName(QStringLiteral("Viewer"));
     QCommandLineParser parser;
     parser.addHelpOption();
-    QCommandLineOption autoOption(QStringLiteral("auto"), QStringLiteral("Take every step automatically."));
-    QCommandLineOption outputOption(QStringLiteral("output"), QStringLiteral("Folder for the pictures."),
+    QCommandLineOption autoOption(QStringLiteral("auto"),
+                                  QStringLiteral("Take every step automatically."));
+    QCommandLineOption outputOption(QStringLiteral("output"),
+                                    QStringLiteral("Folder for the pictures."),
                                     QStringLiteral("folder"), QStringLiteral("demo-output"));
-    parser.addOptions({ autoOption, outputOption });
+    parser.addOptions({autoOption, outputOption});
     parser.process(app);
-    const bool automatic = parser.isSet(autoOption) || QGuiApplication::platformName() == u"offscreen";
+    const bool automatic
+        = parser.isSet(autoOption) || QGuiApplication::platformName() == u"offscreen";
     if (QGuiApplication::platformName() == u"offscreen")
         s_standardHandler = qInstallMessageHandler(quietHandler);
 
@@ -196,23 +217,30 @@ int main(int argc, char **argv)
     packages.route(QStringLiteral("/software/notes/<arg>"), [](const QString &) {
         return QHttpServerResponse("text/html", "<h1>Viewer 2.10</h1><p>Faster live view.</p>");
     });
-    const quint16 packagePort = packages.listen(QHostAddress::LocalHost, 80) ? 80 : packages.listen(QHostAddress::LocalHost);
+    const quint16 packagePort = packages.listen(QHostAddress::LocalHost, 80)
+        ? 80
+        : packages.listen(QHostAddress::LocalHost);
 
     QHttpServer updates;
     const QByteArray list = catalogue(packagePort);
-    updates.route(QStringLiteral("/softwareList.xml"), [&list] { return QHttpServerResponse("text/xml", list); });
+    updates.route(QStringLiteral("/softwareList.xml"),
+                  [&list] { return QHttpServerResponse("text/xml", list); });
     const quint16 updatePort = updates.listen(QHostAddress::LocalHost);
-    const QString serverUrl = QStringLiteral("http://127.0.0.1:%1/softwareList.xml").arg(updatePort);
+    const QString serverUrl
+        = QStringLiteral("http://127.0.0.1:%1/softwareList.xml").arg(updatePort);
     say(QStringLiteral("Update server: %1 (packages on port %2)").arg(serverUrl).arg(packagePort));
 
     QMainWindow window;
     window.setWindowTitle(QStringLiteral("Camera Viewer 2.9"));
-    window.setCentralWidget(new QLabel(QStringLiteral("Camera Viewer 2.9\nHelp > Check for Updates..."), &window));
+    window.setCentralWidget(
+        new QLabel(QStringLiteral("Camera Viewer 2.9\nHelp > Check for Updates..."), &window));
     window.resize(480, 320);
-    qv::SoftwareUpdateClient client(QStringLiteral("Viewer"), qv::VersionNumber("2.9"), serverUrl, &window);
-    client.setCurrentCameraVersions({ { QStringLiteral("M1004"), qv::VersionNumber("5.2.1") } });
+    qv::SoftwareUpdateClient client(QStringLiteral("Viewer"), qv::VersionNumber("2.9"), serverUrl,
+                                    &window);
+    client.setCurrentCameraVersions({{QStringLiteral("M1004"), qv::VersionNumber("5.2.1")}});
     QMenu *help = window.menuBar()->addMenu(QStringLiteral("&Help"));
-    help->addAction(QStringLiteral("Check for Updates..."), &client, [&client] { client.queryForUpdate(); });
+    help->addAction(QStringLiteral("Check for Updates..."), &client,
+                    [&client] { client.queryForUpdate(); });
     window.show();
     client.doInitialCheck(2000);
 

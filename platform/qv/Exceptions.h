@@ -9,8 +9,7 @@
 namespace qv {
 
 /// Base of the exceptions the platform services throw; carries a readable message.
-class QV_PLATFORM_EXPORT ExceptionQt : public std::exception
-{
+class QV_PLATFORM_EXPORT ExceptionQt : public std::exception {
 public:
     explicit ExceptionQt(const QString &message);
     ~ExceptionQt() override;
@@ -24,15 +23,13 @@ private:
 };
 
 /// A file, archive or device operation failed.
-class QV_PLATFORM_EXPORT IOException : public ExceptionQt
-{
+class QV_PLATFORM_EXPORT IOException : public ExceptionQt {
 public:
     using ExceptionQt::ExceptionQt;
 };
 
 /// A document could not be read (malformed or refused XML).
-class QV_PLATFORM_EXPORT ParseException : public ExceptionQt
-{
+class QV_PLATFORM_EXPORT ParseException : public ExceptionQt {
 public:
     using ExceptionQt::ExceptionQt;
 };

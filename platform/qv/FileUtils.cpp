@@ -68,9 +68,10 @@ bool removeTree(const QString &path)
     const QFileInfo info(path);
     if (info.isSymLink() || !info.isDir())
         return QFile::remove(path) || !(info.exists() || info.isSymLink());
-    QFile::setPermissions(path, info.permissions() | QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    const QFileInfoList entries = QDir(path).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System
-                                                           | QDir::NoDotAndDotDot);
+    QFile::setPermissions(
+        path, info.permissions() | QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QFileInfoList entries = QDir(path).entryInfoList(QDir::AllEntries | QDir::Hidden
+                                                           | QDir::System | QDir::NoDotAndDotDot);
     bool ok = true;
     for (const QFileInfo &entry : entries)
         ok = removeTree(entry.filePath()) && ok;
@@ -124,7 +125,8 @@ QByteArray FileUtils::readBytes(const QString &path, qint64 maxBytes)
     // Opened without blocking and checked before reading: a FIFO or a device never blocks here.
     const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
-        throw IOException(QStringLiteral("cannot read %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno))));
+        throw IOException(QStringLiteral("cannot read %1: %2")
+                              .arg(path, QString::fromLocal8Bit(strerror(errno))));
     struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         ::close(fd);
@@ -132,7 +134,8 @@ QByteArray FileUtils::readBytes(const QString &path, qint64 maxBytes)
     }
     if (maxBytes >= 0 && st.st_size > maxBytes) {
         ::close(fd);
-        throw IOException(QStringLiteral("cannot read %1: larger than %2 bytes").arg(path).arg(maxBytes));
+        throw IOException(
+            QStringLiteral("cannot read %1: larger than %2 bytes").arg(path).arg(maxBytes));
     }
     QFile file;
     if (!file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
@@ -141,7 +144,8 @@ QByteArray FileUtils::readBytes(const QString &path, qint64 maxBytes)
     }
     QByteArray data = maxBytes >= 0 ? file.read(maxBytes + 1) : file.readAll();
     if (maxBytes >= 0 && data.size() > maxBytes)
-        throw IOException(QStringLiteral("cannot read %1: larger than %2 bytes").arg(path).arg(maxBytes));
+        throw IOException(
+            QStringLiteral("cannot read %1: larger than %2 bytes").arg(path).arg(maxBytes));
     return data;
 }
 

@@ -9,8 +9,7 @@ class QWidget;
 
 namespace qv {
 
-class QV_PLATFORM_EXPORT FileUtils
-{
+class QV_PLATFORM_EXPORT FileUtils {
 public:
     /// A new, empty, uniquely named folder in the system's temporary folder; it is kept (the
     /// caller removes it). An empty text when none could be made.

@@ -59,7 +59,8 @@ QString RequestData::getResponseText() const
     return QString::fromUtf8(m_body);
 }
 
-HttpClient::HttpClient() : m_manager(new QNetworkAccessManager(this)), m_speedTimer(new QTimer(this))
+HttpClient::HttpClient()
+    : m_manager(new QNetworkAccessManager(this)), m_speedTimer(new QTimer(this))
 {
     m_manager->setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
     connect(m_speedTimer, &QTimer::timeout, this, &HttpClient::checkSpeed);
@@ -89,7 +90,8 @@ void HttpClient::setTransferLimits(int stallTimeoutMs, qint64 minimumBytes, int 
 
 QString HttpClient::encodedUrlPath(const QUrl &url)
 {
-    return QString::fromLatin1(url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment));
+    return QString::fromLatin1(
+        url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment));
 }
 
 QString HttpClient::encodedUrlPath(const QString &url)
@@ -116,7 +118,7 @@ void HttpClient::execute(RequestPtr request)
     if (!request)
         return;
     // The request is aimed at the host current when it is executed.
-    request->m_urls = { QUrl(m_host.makeURL(request->m_path, request->m_parameters, true)) };
+    request->m_urls = {QUrl(m_host.makeURL(request->m_path, request->m_parameters, true))};
     m_queue.enqueue(request);
     if (!m_current)
         startNext();
@@ -173,7 +175,7 @@ void HttpClient::startNext()
 bool HttpClient::bodyTooLarge(qint64 announced) const
 {
     return !m_current->m_output && m_maxMemoryBody >= 0
-            && (m_current->m_received > m_maxMemoryBody || announced > m_maxMemoryBody);
+        && (m_current->m_received > m_maxMemoryBody || announced > m_maxMemoryBody);
 }
 
 void HttpClient::onReadyRead()
@@ -229,7 +231,9 @@ void HttpClient::checkSpeed()
         return;
     const qint64 now = m_current->m_received;
     if (now - m_windowStartBytes < m_minimumBytes) {
-        fail(QStringLiteral("transfer too slow: %1 bytes in %2 ms").arg(now - m_windowStartBytes).arg(m_speedWindow));
+        fail(QStringLiteral("transfer too slow: %1 bytes in %2 ms")
+                 .arg(now - m_windowStartBytes)
+                 .arg(m_speedWindow));
         return;
     }
     m_windowStartBytes = now;

@@ -21,14 +21,12 @@ class QNetworkReply;
 class QTimer;
 
 /// One HTTP request of the HttpClient and, once it has run, its response.
-class QV_PLATFORM_EXPORT RequestData
-{
+class QV_PLATFORM_EXPORT RequestData {
 public:
     using Header = QList<QPair<QByteArray, QByteArray>>;
 
     /// Response header lookups; names compare case-insensitively, the last occurrence wins.
-    class QV_PLATFORM_EXPORT ResponseHeader
-    {
+    class QV_PLATFORM_EXPORT ResponseHeader {
     public:
         bool hasKey(const QString &name) const;
         QString value(const QString &name) const;
@@ -94,8 +92,7 @@ Q_DECLARE_METATYPE(RequestPtr)
 /// (60 s) from the start of the request. A write error on the output device (a full disk) ends
 /// the request too. Every request asks for the body as it is stored ("Accept-Encoding:
 /// identity"); nothing is inflated on the way.
-class QV_PLATFORM_EXPORT HttpClient : public QObject
-{
+class QV_PLATFORM_EXPORT HttpClient : public QObject {
     Q_OBJECT
 
 public:

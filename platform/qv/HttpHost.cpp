@@ -34,7 +34,8 @@ void HttpAccess::setAddress(const QString &host, int port, bool secure)
 void HttpAccess::parseAddress(const QString &address, int defaultPort)
 {
     const QString text = address.trimmed();
-    const QUrl url = QUrl::fromUserInput(text.contains(u"://") ? text : QStringLiteral("http://") + text);
+    const QUrl url
+        = QUrl::fromUserInput(text.contains(u"://") ? text : QStringLiteral("http://") + text);
     m_host = text.isEmpty() || !url.isValid() ? QString() : url.host();
     m_port = url.port(defaultPort);
     if (!url.userName().isEmpty()) {
@@ -58,7 +59,7 @@ HttpAccess::operator QString() const
 bool HttpAccess::operator==(const HttpAccess &other) const
 {
     return m_host == other.m_host && m_port == other.m_port && m_user == other.m_user
-            && m_password == other.m_password && m_secure == other.m_secure;
+        && m_password == other.m_password && m_secure == other.m_secure;
 }
 
 void HttpAccessHistory::add(const HttpAccess &access)
@@ -70,7 +71,10 @@ void HttpAccessHistory::add(const HttpAccess &access)
 }
 
 HttpHost::HttpHost(const HttpAccess &server, const HttpAccess &proxy, const QString &path)
-    : server(server), proxyPreference(proxy.isEmpty() ? NoProxy : OwnProxy), proxy(proxy), path(path)
+    : server(server),
+      proxyPreference(proxy.isEmpty() ? NoProxy : OwnProxy),
+      proxy(proxy),
+      path(path)
 {
 }
 
@@ -90,7 +94,8 @@ QString HttpHost::makeURL(const QString &relativePath, const QMap<QString, QVari
         QUrlQuery query;
         for (auto it = parameters.cbegin(); it != parameters.cend(); ++it)
             query.addQueryItem(it.key(), it.value().toString());
-        pathAndQuery += (pathAndQuery.contains(u'?') ? u'&' : u'?') + query.toString(QUrl::FullyEncoded);
+        pathAndQuery
+            += (pathAndQuery.contains(u'?') ? u'&' : u'?') + query.toString(QUrl::FullyEncoded);
     }
     if (!full)
         return pathAndQuery;
@@ -107,16 +112,16 @@ void HttpHost::updateProxy(const QUrl &)
     switch (proxyPreference) {
     case OwnProxy:
         m_effectiveProxy = proxy.isEmpty()
-                ? QNetworkProxy(QNetworkProxy::NoProxy)
-                : QNetworkProxy(QNetworkProxy::HttpProxy, proxy.host(), quint16(proxy.port()),
-                                proxy.user(), proxy.password());
+            ? QNetworkProxy(QNetworkProxy::NoProxy)
+            : QNetworkProxy(QNetworkProxy::HttpProxy, proxy.host(), quint16(proxy.port()),
+                            proxy.user(), proxy.password());
         break;
     case ApplicationProxy: {
         const NetworkProxy global = NodeDB::getDB().globalProxy();
         m_effectiveProxy = global.useProxy()
-                ? QNetworkProxy(QNetworkProxy::HttpProxy, global.proxyAddress(), global.proxyPort(),
-                                global.proxyUser(), global.proxyPassword())
-                : QNetworkProxy(QNetworkProxy::NoProxy);
+            ? QNetworkProxy(QNetworkProxy::HttpProxy, global.proxyAddress(), global.proxyPort(),
+                            global.proxyUser(), global.proxyPassword())
+            : QNetworkProxy(QNetworkProxy::NoProxy);
         break;
     }
     case NoProxy:
@@ -127,18 +132,23 @@ void HttpHost::updateProxy(const QUrl &)
 
 void HttpHost::load(const QSettings &settings)
 {
-    const QString serverText = Preferences::stringValue(settings, QStringLiteral("server"), QString());
+    const QString serverText
+        = Preferences::stringValue(settings, QStringLiteral("server"), QString());
     if (!serverText.isEmpty())
         server.setUrl(QUrl(serverText));
     path = Preferences::stringValue(settings, QStringLiteral("path"), path);
-    const int preference = Preferences::intValue(settings, QStringLiteral("proxy-pref"), proxyPreference);
+    const int preference
+        = Preferences::intValue(settings, QStringLiteral("proxy-pref"), proxyPreference);
     if (preference >= NoProxy && preference <= ApplicationProxy)
         proxyPreference = ProxyPreference(preference);
-    const QString proxyText = Preferences::stringValue(settings, QStringLiteral("proxy"), QString());
+    const QString proxyText
+        = Preferences::stringValue(settings, QStringLiteral("proxy"), QString());
     if (!proxyText.isEmpty())
         proxy.parseAddress(proxyText, 80);
-    const QString user = Preferences::stringValue(settings, QStringLiteral("proxy-user"), proxy.user());
-    const QString password = Preferences::stringValue(settings, QStringLiteral("proxy-password"), proxy.password());
+    const QString user
+        = Preferences::stringValue(settings, QStringLiteral("proxy-user"), proxy.user());
+    const QString password
+        = Preferences::stringValue(settings, QStringLiteral("proxy-password"), proxy.password());
     proxy = HttpAccess(proxy.host(), proxy.port(), user, password);
 }
 
@@ -148,7 +158,8 @@ void HttpHost::store(QSettings &settings, bool withPassword) const
     settings.setValue(QStringLiteral("path"), path);
     settings.setValue(QStringLiteral("proxy-pref"), int(proxyPreference));
     settings.setValue(QStringLiteral("proxy"),
-                      proxy.isEmpty() ? QString() : proxy.host() + u':' + QString::number(proxy.port()));
+                      proxy.isEmpty() ? QString()
+                                      : proxy.host() + u':' + QString::number(proxy.port()));
     settings.setValue(QStringLiteral("proxy-user"), proxy.user());
     if (withPassword)
         settings.setValue(QStringLiteral("proxy-password"), proxy.password());

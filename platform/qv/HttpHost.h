@@ -14,8 +14,7 @@ class QSettings;
 namespace qv {
 
 /// Where to reach a server or a proxy: host, port and optional credentials.
-class QV_PLATFORM_EXPORT HttpAccess
-{
+class QV_PLATFORM_EXPORT HttpAccess {
 public:
     HttpAccess() = default;
     HttpAccess(const QString &host, int port, const QString &user = QString(),
@@ -48,8 +47,7 @@ private:
 };
 
 /// The proxies used so far, most recent first, without duplicates, at most ten.
-class QV_PLATFORM_EXPORT HttpAccessHistory
-{
+class QV_PLATFORM_EXPORT HttpAccessHistory {
 public:
     static HttpAccessHistory proxies;
 
@@ -62,12 +60,11 @@ private:
 
 /// A server together with the way to reach it: the server access, the path on the server, and
 /// the proxy preference with a proxy of its own.
-class QV_PLATFORM_EXPORT HttpHost
-{
+class QV_PLATFORM_EXPORT HttpHost {
 public:
     enum ProxyPreference {
-        NoProxy = 0,          ///< connect directly
-        OwnProxy = 1,         ///< use this host's proxy access
+        NoProxy = 0, ///< connect directly
+        OwnProxy = 1, ///< use this host's proxy access
         ApplicationProxy = 2, ///< use the host application's global proxy (qv::NodeDB)
     };
 
@@ -97,7 +94,7 @@ public:
     void store(QSettings &settings, bool withPassword) const;
 
 private:
-    QNetworkProxy m_effectiveProxy{ QNetworkProxy::NoProxy };
+    QNetworkProxy m_effectiveProxy {QNetworkProxy::NoProxy};
 };
 
 } // namespace qv

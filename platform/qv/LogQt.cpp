@@ -37,8 +37,8 @@ void LogQt::write(const QLoggingCategory &category, int level, const QString &li
         return;
     MutexLocker lock(mutex());
     const QtMsgType type = level >= Log::Error ? QtCriticalMsg
-            : level == Log::Warning              ? QtWarningMsg
-                                                 : QtDebugMsg;
+        : level == Log::Warning                ? QtWarningMsg
+                                               : QtDebugMsg;
     if (!category.isEnabled(type))
         return;
     QMessageLogger logger(nullptr, 0, nullptr, category.categoryName());

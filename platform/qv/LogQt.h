@@ -11,11 +11,10 @@ namespace qv {
 namespace Log {
 /// Levels of a diagnostic line: 1 progress, 2 problems worth a warning, 3 errors.
 enum ELevel { Debug = 1, Warning = 2, Error = 3 };
-}
+} // namespace Log
 
 /// Holds a QMutex for the lifetime of the object.
-class QV_PLATFORM_EXPORT MutexLocker
-{
+class QV_PLATFORM_EXPORT MutexLocker {
 public:
     explicit MutexLocker(QMutex &mutex) : m_mutex(mutex) { m_mutex.lock(); }
     ~MutexLocker() { m_mutex.unlock(); }
@@ -30,8 +29,7 @@ private:
 /// L; each line goes out whole, under the logger's mutex, through the given logging category
 /// (debug, warning and critical messages for levels 1, 2 and 3), so a host's message handler
 /// sees every line.
-class QV_PLATFORM_EXPORT LogQt
-{
+class QV_PLATFORM_EXPORT LogQt {
 public:
     static void setLevel(int threshold);
     static int level();

@@ -6,7 +6,11 @@ namespace qv {
 
 NetworkProxy::NetworkProxy(const QString &address, quint16 port, const QString &user,
                            const QString &password)
-    : m_use(!address.isEmpty()), m_address(address), m_port(port), m_user(user), m_password(password)
+    : m_use(!address.isEmpty()),
+      m_address(address),
+      m_port(port),
+      m_user(user),
+      m_password(password)
 {
 }
 

@@ -8,8 +8,7 @@
 namespace qv {
 
 /// The host's proxy record.
-class QV_PLATFORM_EXPORT NetworkProxy
-{
+class QV_PLATFORM_EXPORT NetworkProxy {
 public:
     NetworkProxy() = default;
     NetworkProxy(const QString &address, quint16 port, const QString &user = QString(),
@@ -21,7 +20,6 @@ public:
     QString proxyUser() const { return m_user; }
     QString proxyPassword() const { return m_password; }
 
-
 private:
     bool m_use = false;
     QString m_address;
@@ -32,8 +30,7 @@ private:
 
 /// The host's process-wide configuration. The host sets its global proxy here; the library reads it
 /// for every request.
-class QV_PLATFORM_EXPORT NodeDB
-{
+class QV_PLATFORM_EXPORT NodeDB {
 public:
     static NodeDB &getDB();
 

@@ -10,10 +10,10 @@ namespace qv {
 
 /// Typed reads of one key of the current settings group, falling back to the default when the key
 /// is missing or its value cannot be read as that type.
-class QV_PLATFORM_EXPORT Preferences
-{
+class QV_PLATFORM_EXPORT Preferences {
 public:
-    /// Accepts a stored bool, the texts true/false/yes/no/on/off (any case) and the numbers 0 and 1.
+    /// Accepts a stored bool, the texts true/false/yes/no/on/off (any case) and the numbers 0
+    /// and 1.
     static bool boolValue(const QSettings &settings, const QString &key, bool defaultValue);
     static int intValue(const QSettings &settings, const QString &key, int defaultValue);
     /// A stored string list (an unquoted "a,b" in an INI file) is joined with ",".

@@ -43,7 +43,9 @@ bool invokeQueued(QObject *receiver, const char *slot, QGenericArgument a0, QGen
     }
     LogQt::write(lcPlatform(), Log::Error,
                  QStringLiteral("qv::invokeQueued() -> no method %1 with %2 arguments in %3")
-                         .arg(QString::fromLatin1(name)).arg(argc).arg(QLatin1String(mo->className())));
+                     .arg(QString::fromLatin1(name))
+                     .arg(argc)
+                     .arg(QLatin1String(mo->className())));
     return false;
 }
 

@@ -11,8 +11,7 @@ namespace qv {
 
 /// QObject::connect with SIGNAL()/SLOT() texts; a failed connection is logged and returns false.
 QV_PLATFORM_EXPORT bool connect(const QObject *sender, const char *signal, const QObject *receiver,
-                                const char *method,
-                                Qt::ConnectionType type = Qt::AutoConnection);
+                                const char *method, Qt::ConnectionType type = Qt::AutoConnection);
 
 /// Calls `slot` on `receiver` through its event queue. `slot` is a bare method name, a signature
 /// ("done(qv::PackageInfoList)") or a SLOT() text. Returns false when there is no such method.
@@ -24,7 +23,8 @@ QV_PLATFORM_EXPORT bool invokeQueued(QObject *receiver, const char *slot,
 /// makes the window a sheet (attached to its parent on macOS; elsewhere a plain dialog).
 QV_PLATFORM_EXPORT Qt::WindowFlags dialogFlags(bool sheet);
 
-/// dialogFlags(true) when `parent` is a visible window to attach a sheet to, else dialogFlags(false).
+/// dialogFlags(true) when `parent` is a visible window to attach a sheet to, else
+/// dialogFlags(false).
 QV_PLATFORM_EXPORT Qt::WindowFlags sheetDialogFlags(QWidget *parent);
 
 } // namespace qv

@@ -10,8 +10,7 @@ using QStringSet = QSet<QString>;
 
 namespace qv {
 
-class QV_PLATFORM_EXPORT StringUtils
-{
+class QV_PLATFORM_EXPORT StringUtils {
 public:
     /// Word separators of word-list values: white space, commas and semicolons.
     static const QRegularExpression splitWords;

@@ -25,14 +25,17 @@ Unzipper::Unzipper(const QString &archive, const QString &targetFolder, bool ove
         if (reader->wasCanceled())
             return;
         // Delivered on the thread that owns the unzipper, if it still exists then.
-        QMetaObject::invokeMethod(receiver, [self, failure, targetFolder] {
-            if (!self)
-                return;
-            if (failure.isEmpty())
-                Q_EMIT self->unzippingDone(targetFolder);
-            else
-                Q_EMIT self->unzippingFailed(failure);
-        }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            receiver,
+            [self, failure, targetFolder] {
+                if (!self)
+                    return;
+                if (failure.isEmpty())
+                    Q_EMIT self->unzippingDone(targetFolder);
+                else
+                    Q_EMIT self->unzippingFailed(failure);
+            },
+            Qt::QueuedConnection);
     });
     m_worker->start();
 }

@@ -16,8 +16,7 @@ class ZipReader;
 /// Unpacks an archive in the background. Work starts at once on a worker thread; the outcome
 /// arrives on the creating thread as unzippingDone() with the target folder, or
 /// unzippingFailed() with a message. Connecting right after construction is safe.
-class QV_PLATFORM_EXPORT Unzipper : public QObject
-{
+class QV_PLATFORM_EXPORT Unzipper : public QObject {
     Q_OBJECT
 
 public:

@@ -70,8 +70,8 @@ int VersionNumber::compare(const VersionNumber &a, const VersionNumber &b)
     return 0;
 }
 
-QString QuorvelSoftwareVersion::applicationVersion(const QString &version, const QString &unknownText,
-                                                   short)
+QString QuorvelSoftwareVersion::applicationVersion(const QString &version,
+                                                   const QString &unknownText, short)
 {
     const QString trimmed = version.trimmed();
     for (const QChar c : trimmed) {

@@ -14,8 +14,7 @@ namespace qv {
 /// Parsing reads ASCII text: each dot-separated component contributes its leading decimal digits,
 /// and parsing stops at the first component that does not start with a digit ("2.9-beta" is 2.9,
 /// "junk" has no components). Components saturate at the largest 64-bit value.
-class QV_PLATFORM_EXPORT VersionNumber
-{
+class QV_PLATFORM_EXPORT VersionNumber {
 public:
     VersionNumber() = default;
     explicit VersionNumber(const std::string &text);
@@ -28,12 +27,30 @@ public:
 
     static int compare(const VersionNumber &a, const VersionNumber &b);
 
-    friend bool operator==(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) == 0; }
-    friend bool operator!=(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) != 0; }
-    friend bool operator<(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) < 0; }
-    friend bool operator<=(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) <= 0; }
-    friend bool operator>(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) > 0; }
-    friend bool operator>=(const VersionNumber &a, const VersionNumber &b) { return compare(a, b) >= 0; }
+    friend bool operator==(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) == 0;
+    }
+    friend bool operator!=(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) != 0;
+    }
+    friend bool operator<(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) < 0;
+    }
+    friend bool operator<=(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) <= 0;
+    }
+    friend bool operator>(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) > 0;
+    }
+    friend bool operator>=(const VersionNumber &a, const VersionNumber &b)
+    {
+        return compare(a, b) >= 0;
+    }
 
 private:
     void parse(const char *text, size_t length);
@@ -42,11 +59,11 @@ private:
 };
 
 /// Formats internal version strings for display.
-class QV_PLATFORM_EXPORT QuorvelSoftwareVersion
-{
+class QV_PLATFORM_EXPORT QuorvelSoftwareVersion {
 public:
     /// The version text as it stands (trimmed), or `unknownText` when it holds no digit.
-    static QString applicationVersion(const QString &version, const QString &unknownText, short flags);
+    static QString applicationVersion(const QString &version, const QString &unknownText,
+                                      short flags);
 };
 
 } // namespace qv

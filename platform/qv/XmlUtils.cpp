@@ -21,7 +21,8 @@ QByteArray readLimited(QIODevice *device, qint64 maxBytes)
         throw ParseException(QStringLiteral("document larger than %1 bytes").arg(maxBytes));
     // A buffer's bytes are shared, not copied.
     if (auto *buffer = qobject_cast<QBuffer *>(device); buffer && !buffer->isWritable()) {
-        const QByteArray data = buffer->pos() == 0 ? buffer->data() : buffer->data().mid(buffer->pos());
+        const QByteArray data
+            = buffer->pos() == 0 ? buffer->data() : buffer->data().mid(buffer->pos());
         buffer->seek(buffer->size());
         return data;
     }
@@ -192,7 +193,8 @@ QDomDocument *XmlUtils::parseXml(QIODevice *device, QDomDocument *document, cons
     int line = 0;
     int column = 0;
     if (!document->setContent(data, false, &error, &line, &column))
-        throw ParseException(QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(error));
+        throw ParseException(
+            QStringLiteral("line %1, column %2: %3").arg(line).arg(column).arg(error));
     owned.release();
     return document;
 }

@@ -9,17 +9,15 @@ class QIODevice;
 namespace qv {
 
 /// Limits checked in one streaming pass before the DOM is built.
-struct XmlLimits
-{
+struct XmlLimits {
     qint64 maxBytes = 32 * 1024 * 1024; ///< size of the whole document
-    int maxDepth = 64;                  ///< element nesting
+    int maxDepth = 64; ///< element nesting
     qsizetype maxValueLength = 1 << 20; ///< characters of one text run or attribute value
-    qint64 maxElements = 1000000;       ///< elements in the whole document
+    qint64 maxElements = 1000000; ///< elements in the whole document
 };
 
 /// Reads XML documents into a DOM, refusing what could exhaust time or memory.
-class QV_PLATFORM_EXPORT XmlUtils
-{
+class QV_PLATFORM_EXPORT XmlUtils {
 public:
     using Limits = XmlLimits;
 

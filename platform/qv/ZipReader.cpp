@@ -26,23 +26,24 @@ namespace qv {
 namespace {
 
 QMutex s_limitsMutex;
-ZipReader::Limits s_defaultLimits{ qint64(8) << 30, 100000 };
+ZipReader::Limits s_defaultLimits {qint64(8) << 30, 100000};
 
 // A ZIP archive open for reading. Only ZIP is read (a package names its type, and nothing else
 // hides behind a ".zip"), and a warning of libarchive (a bad CRC, for one) is a failure.
-struct ReadArchive
-{
+struct ReadArchive {
     explicit ReadArchive(const QString &file) : a(archive_read_new())
     {
         const QFileInfo info(file);
         if (!info.isFile() || info.size() == 0) {
             archive_read_free(a);
             throw IOException(QStringLiteral("%1 is not a readable archive: %2")
-                                      .arg(file, info.isFile() ? QStringLiteral("the file is empty")
-                                                               : QStringLiteral("not a regular file")));
+                                  .arg(file,
+                                       info.isFile() ? QStringLiteral("the file is empty")
+                                                     : QStringLiteral("not a regular file")));
         }
         archive_read_support_format_zip(a);
-        if (archive_read_open_filename(a, QFile::encodeName(file).constData(), 64 * 1024) != ARCHIVE_OK) {
+        if (archive_read_open_filename(a, QFile::encodeName(file).constData(), 64 * 1024)
+            != ARCHIVE_OK) {
             const QString why = error();
             archive_read_free(a);
             throw IOException(QStringLiteral("%1 is not a readable archive: %2").arg(file, why));
@@ -96,7 +97,7 @@ bool linkStaysInside(const QByteArray &entryPath, const QByteArray &link)
             resolved.removeLast();
             continue;
         }
-        const QByteArray here = (resolved + QList<QByteArray>{ part }).join('/');
+        const QByteArray here = (resolved + QList<QByteArray> {part}).join('/');
         struct stat st;
         if (lstat(here.constData(), &st) == 0 && S_ISLNK(st.st_mode)) {
             if (++expansions > 40)
@@ -129,8 +130,7 @@ QByteArray normalisedPath(QByteArray path)
 // target. A thread with a filesystem context of its own (unshare(CLONE_FS)) changes folder
 // without touching the rest of the process; where that is not allowed (some sandboxes filter
 // the call) the process-wide folder is changed under a lock and restored afterwards.
-class WorkingFolder
-{
+class WorkingFolder {
 public:
     explicit WorkingFolder(const QString &target)
     {
@@ -169,9 +169,10 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
     try {
         const WorkingFolder inside(target);
         ReadArchive in(archiveFile);
-        std::unique_ptr<archive, int (*)(archive *)> out(archive_write_disk_new(), archive_write_free);
+        std::unique_ptr<archive, int (*)(archive *)> out(archive_write_disk_new(),
+                                                         archive_write_free);
         int flags = ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_SECURE_NODOTDOT
-                | ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
+            | ARCHIVE_EXTRACT_SECURE_SYMLINKS | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS;
         if (!overwrite)
             flags |= ARCHIVE_EXTRACT_NO_OVERWRITE;
         archive_write_disk_set_options(out.get(), flags);
@@ -197,7 +198,8 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
             const QByteArray path = normalisedPath(archive_entry_pathname(entry));
             const mode_t type = archive_entry_filetype(entry);
             if (type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK)
-                throw IOException(QStringLiteral("%1 is a special file (FIFO or device)").arg(name));
+                throw IOException(
+                    QStringLiteral("%1 is a special file (FIFO or device)").arg(name));
             // One name is one thing: a folder and a file of the same name is a damaged package.
             const bool folder = type == AE_IFDIR;
             if (const auto seen = isFolder.constFind(path); seen != isFolder.cend()) {
@@ -208,27 +210,33 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
                     continue;
                 }
             }
-            for (qsizetype slash = path.indexOf('/'); slash > 0; slash = path.indexOf('/', slash + 1)) {
+            for (qsizetype slash = path.indexOf('/'); slash > 0;
+                 slash = path.indexOf('/', slash + 1)) {
                 if (!isFolder.value(path.left(slash), true))
-                    throw IOException(QStringLiteral("%1 is both a folder and a file").arg(QString::fromUtf8(path.left(slash))));
+                    throw IOException(QStringLiteral("%1 is both a folder and a file")
+                                          .arg(QString::fromUtf8(path.left(slash))));
                 isFolder.insert(path.left(slash), true);
             }
             isFolder.insert(path, folder);
 
-            if (const char *link = archive_entry_symlink(entry); link && !linkStaysInside(path, link))
+            if (const char *link = archive_entry_symlink(entry);
+                link && !linkStaysInside(path, link))
                 throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
-            if (const char *link = archive_entry_hardlink(entry); link && !linkStaysInside(QByteArray(), link))
+            if (const char *link = archive_entry_hardlink(entry);
+                link && !linkStaysInside(QByteArray(), link))
                 throw IOException(QStringLiteral("%1 links outside the target folder").arg(name));
             // Nothing unpacked runs with another user's rights or can be changed by other users.
-            archive_entry_set_perm(entry, archive_entry_perm(entry)
-                                   & ~mode_t(S_ISUID | S_ISGID | S_ISVTX | S_IWGRP | S_IWOTH));
+            archive_entry_set_perm(entry,
+                                   archive_entry_perm(entry)
+                                       & ~mode_t(S_ISUID | S_ISGID | S_ISVTX | S_IWGRP | S_IWOTH));
             if (archive_write_header(out.get(), entry) != ARCHIVE_OK)
                 throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
             // An entry counts by the extent it covers, so a sparse entry counts by its full size.
             qint64 extent = archive_entry_size_is_set(entry) ? archive_entry_size(entry) : 0;
             const auto checkSize = [&] {
                 if (written + extent > limits.maxTotalBytes)
-                    throw IOException(QStringLiteral("unpacks to more than %1 bytes").arg(limits.maxTotalBytes));
+                    throw IOException(
+                        QStringLiteral("unpacks to more than %1 bytes").arg(limits.maxTotalBytes));
             };
             checkSize();
             const void *block = nullptr;
@@ -260,7 +268,8 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
             QByteArray target(4096, Qt::Uninitialized);
             const ssize_t n = readlink(link.constData(), target.data(), size_t(target.size()));
             if (n <= 0 || !linkStaysInside(link, target.left(n)))
-                throw IOException(QStringLiteral("%1 links outside the target folder").arg(QFile::decodeName(link)));
+                throw IOException(QStringLiteral("%1 links outside the target folder")
+                                      .arg(QFile::decodeName(link)));
         }
     } catch (const IOException &e) {
         error = e.message();
@@ -331,7 +340,8 @@ void ZipReader::extractAll(const QString &targetFolder, bool overwrite)
     extract(nullptr, 0, targetFolder, overwrite);
 }
 
-void ZipReader::extract(const QStringList *files, qint64 expected, const QString &targetFolder, bool overwrite)
+void ZipReader::extract(const QStringList *files, qint64 expected, const QString &targetFolder,
+                        bool overwrite)
 {
     if (!m_open)
         throw IOException(QStringLiteral("%1 is not open").arg(m_file));
@@ -341,13 +351,14 @@ void ZipReader::extract(const QStringList *files, qint64 expected, const QString
     if (files)
         wanted = QSet<QString>(files->cbegin(), files->cend());
     const QString target = QDir(targetFolder).absolutePath();
-    std::atomic<qint64> done{ 0 };
-    std::atomic<bool> finished{ false };
+    std::atomic<qint64> done {0};
+    std::atomic<bool> finished {false};
     QString error;
     // An archive given by a relative path is found from the caller's folder.
     const QString archivePath = QFileInfo(m_file).absoluteFilePath();
     std::thread worker([&] {
-        extractIn(archivePath, files ? &wanted : nullptr, target, overwrite, m_limits, m_canceled, done, error);
+        extractIn(archivePath, files ? &wanted : nullptr, target, overwrite, m_limits, m_canceled,
+                  done, error);
         finished = true;
     });
     if (m_progress) {

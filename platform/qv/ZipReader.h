@@ -15,8 +15,7 @@ class QProgressDialog;
 namespace qv {
 
 /// Progress and cancellation shared by the archive readers.
-class QV_PLATFORM_EXPORT ZipDevice : public QObject
-{
+class QV_PLATFORM_EXPORT ZipDevice : public QObject {
     Q_OBJECT
 
 public:
@@ -30,7 +29,7 @@ public:
 
 protected:
     QPointer<QProgressDialog> m_progress;
-    std::atomic<bool> m_canceled{ false };
+    std::atomic<bool> m_canceled {false};
 };
 
 /// Reads ZIP archives and extracts them safely. Nothing but ZIP is read, an empty file is not an
@@ -43,15 +42,13 @@ protected:
 /// sticky and group- or world-write bits are dropped. Sizes declared inside an archive can lie,
 /// so the extent of every entry (a sparse one by its full size) and the number of entries are
 /// capped (limits()). Every failure arrives as qv::IOException.
-class QV_PLATFORM_EXPORT ZipReader : public ZipDevice
-{
+class QV_PLATFORM_EXPORT ZipReader : public ZipDevice {
     Q_OBJECT
 
 public:
-    struct Limits
-    {
+    struct Limits {
         qint64 maxTotalBytes; ///< bytes written by one extraction
-        qint64 maxEntries;    ///< entries in one archive
+        qint64 maxEntries; ///< entries in one archive
     };
     /// 8 GiB and 100,000 entries unless changed.
     static Limits defaultLimits();
@@ -75,7 +72,8 @@ public:
     Limits limits() const { return m_limits; }
 
 private:
-    void extract(const QStringList *files, qint64 expected, const QString &targetFolder, bool overwrite);
+    void extract(const QStringList *files, qint64 expected, const QString &targetFolder,
+                 bool overwrite);
 
     QString m_file;
     bool m_open = false;

@@ -21,8 +21,8 @@ int main(int argc, char **argv)
     client.getCurrentSettings(&settings);
     QSettings(QSettings::IniFormat, QSettings::UserScope, "SucPackageHost", "host").clear();
     const bool ok = settings.product == QLatin1String("Viewer")
-            && settings.versionNumber == qv::VersionNumber("1.2.3")
-            && client.findChild<QTimer *>() != nullptr;
+        && settings.versionNumber == qv::VersionNumber("1.2.3")
+        && client.findChild<QTimer *>() != nullptr;
     std::printf("package host: client created, settings %s\n", ok ? "read back" : "WRONG");
     return ok ? 0 : 1;
 }

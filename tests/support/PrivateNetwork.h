@@ -8,5 +8,5 @@ bool enterPrivateNetwork();
 /// Runs enterPrivateNetwork() before main(), while the process has one thread.
 #define SUC_PRIVATE_NETWORK_BEFORE_MAIN                                                            \
     namespace {                                                                                    \
-    [[maybe_unused]] const bool s_privateNetwork = enterPrivateNetwork();                                        \
+    [[maybe_unused]] const bool s_privateNetwork = enterPrivateNetwork();                          \
     }

@@ -9,16 +9,22 @@ namespace {
 
 QByteArray reasonPhrase(int status)
 {
-    static const QHash<int, QByteArray> reasons{
-        { 200, "OK" }, { 301, "Moved Permanently" }, { 302, "Found" }, { 303, "See Other" },
-        { 307, "Temporary Redirect" }, { 404, "Not Found" }, { 500, "Internal Server Error" },
+    static const QHash<int, QByteArray> reasons {
+        {200, "OK"},
+        {301, "Moved Permanently"},
+        {302, "Found"},
+        {303, "See Other"},
+        {307, "Temporary Redirect"},
+        {404, "Not Found"},
+        {500, "Internal Server Error"},
     };
     return reasons.value(status, "Status");
 }
 
 } // namespace
 
-TestHttpServer::Response TestHttpServer::Response::ok(const QByteArray &body, const QByteArray &type)
+TestHttpServer::Response TestHttpServer::Response::ok(const QByteArray &body,
+                                                      const QByteArray &type)
 {
     Response r;
     r.body = body;
@@ -89,7 +95,8 @@ void TestHttpServer::onReadyRead(QTcpSocket *socket)
     for (qsizetype i = 1; i < lines.size(); ++i) {
         const qsizetype colon = lines.at(i).indexOf(':');
         if (colon > 0)
-            request.headers << qMakePair(lines.at(i).left(colon).trimmed(), lines.at(i).mid(colon + 1).trimmed());
+            request.headers << qMakePair(lines.at(i).left(colon).trimmed(),
+                                         lines.at(i).mid(colon + 1).trimmed());
     }
     m_requests << request;
     respond(socket, request);
@@ -97,7 +104,8 @@ void TestHttpServer::onReadyRead(QTcpSocket *socket)
 
 void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
 {
-    const Response r = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
+    const Response r
+        = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
     if (r.mode == Response::HangUp) {
         socket->disconnectFromHost();
         return;
@@ -105,7 +113,8 @@ void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
     qint64 length = r.announcedLength >= 0 ? r.announcedLength : r.body.size();
     if (r.mode == Response::CutShort)
         length = r.body.size() + r.missing;
-    QByteArray head = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonPhrase(r.status) + "\r\n";
+    QByteArray head
+        = "HTTP/1.1 " + QByteArray::number(r.status) + ' ' + reasonPhrase(r.status) + "\r\n";
     for (const auto &h : r.headers)
         head += h.first + ": " + h.second + "\r\n";
     if (r.announcedLength != -2)

@@ -11,19 +11,17 @@ class QTcpSocket;
 
 /// A loopback HTTP/1.1 server whose every answer is chosen by the test, including broken ones:
 /// a stalled or dripping body, a body cut short or longer than announced, a hang-up, a redirect.
-class TestHttpServer : public QTcpServer
-{
+class TestHttpServer : public QTcpServer {
     Q_OBJECT
 
 public:
-    struct Response
-    {
+    struct Response {
         enum Mode {
-            Normal,   ///< headers and body, then close
+            Normal, ///< headers and body, then close
             CutShort, ///< announce the body's size plus `missing`, send the body, hang up
-            Stall,    ///< headers and the first `sendBeforeStall` bytes, then nothing
-            Drip,     ///< the body one byte every `dripIntervalMs`
-            HangUp,   ///< close without answering
+            Stall, ///< headers and the first `sendBeforeStall` bytes, then nothing
+            Drip, ///< the body one byte every `dripIntervalMs`
+            HangUp, ///< close without answering
         };
         int status = 200;
         QByteArray body;
@@ -34,13 +32,13 @@ public:
         qint64 sendBeforeStall = 0;
         int dripIntervalMs = 50;
 
-        static Response ok(const QByteArray &body, const QByteArray &type = "application/octet-stream");
+        static Response ok(const QByteArray &body,
+                           const QByteArray &type = "application/octet-stream");
         static Response error(int status, const QByteArray &body);
         static Response redirect(int status, const QByteArray &location);
     };
 
-    struct Request
-    {
+    struct Request {
         QByteArray method;
         QByteArray target;
         QList<QPair<QByteArray, QByteArray>> headers;

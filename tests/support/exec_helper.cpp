@@ -22,8 +22,9 @@ int main(int argc, char **argv)
     if (args.value(1) == u"startUpdate" && args.size() == 6) {
         // Called by its slot name, as a host may.
         qv::DownloadManager manager;
-        QMetaObject::invokeMethod(&manager, "startUpdate", Q_ARG(QString, args.at(2)), Q_ARG(QString, args.at(3)),
-                                  Q_ARG(QString, args.at(4)), Q_ARG(QString, args.at(5)));
+        QMetaObject::invokeMethod(&manager, "startUpdate", Q_ARG(QString, args.at(2)),
+                                  Q_ARG(QString, args.at(3)), Q_ARG(QString, args.at(4)),
+                                  Q_ARG(QString, args.at(5)));
         return 3;
     }
     if (args.value(1) == u"runZipInstaller" && args.size() == 4) {
@@ -33,10 +34,12 @@ int main(int argc, char **argv)
         auto *answer = new QTimer(&app);
         QObject::connect(answer, &QTimer::timeout, [choice] {
             if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
-                std::printf("box: %s | %s\n", qPrintable(box->windowTitle()), qPrintable(box->text()));
+                std::printf("box: %s | %s\n", qPrintable(box->windowTitle()),
+                            qPrintable(box->text()));
                 std::fflush(stdout);
                 box->button(QMessageBox::Ok)->click();
-            } else if (auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
+            } else if (auto *dialog
+                       = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
                 dialog->setDirectory(choice);
                 dialog->selectFile(choice);
                 QMetaObject::invokeMethod(dialog, "accept");

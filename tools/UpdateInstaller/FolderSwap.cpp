@@ -89,7 +89,8 @@ bool copyTree(const QString &from, const QString &to)
         switch (typeAt(source)) {
         case S_IFLNK: {
             QByteArray link(4096, Qt::Uninitialized);
-            const ssize_t n = readlink(encoded(source).constData(), link.data(), size_t(link.size()));
+            const ssize_t n
+                = readlink(encoded(source).constData(), link.data(), size_t(link.size()));
             if (n <= 0 || symlink(link.left(n).constData(), encoded(target).constData()) != 0)
                 return false;
             break;
@@ -156,7 +157,9 @@ bool FolderSwap::validateArguments(QString *why) const
         return false;
     }
     if (typeAt(m_options.oldDir) == S_IFLNK) {
-        *why = QStringLiteral("the application folder %1 is a symbolic link; name the folder itself").arg(m_options.oldDir);
+        *why
+            = QStringLiteral("the application folder %1 is a symbolic link; name the folder itself")
+                  .arg(m_options.oldDir);
         return false;
     }
     return true;
@@ -184,16 +187,19 @@ bool FolderSwap::validateNew(QString *why) const
         return false;
     }
     // Either inside the other would be moved into itself, or removed with it.
-    for (const auto &[a, b] : { std::pair(newPath, oldPath), std::pair(newDir, m_options.oldDir) }) {
+    for (const auto &[a, b] : {std::pair(newPath, oldPath), std::pair(newDir, m_options.oldDir)}) {
         if (!a.isEmpty() && !b.isEmpty() && (sameOrInside(a, b) || sameOrInside(b, a))) {
             *why = QStringLiteral("one of the application folders lies inside the other");
             return false;
         }
     }
-    for (const QString &own : { m_backup, m_incoming, m_journal, m_lock, m_discard }) {
+    for (const QString &own : {m_backup, m_incoming, m_journal, m_lock, m_discard}) {
         if (sameOrInside(newDir, own) || sameOrInside(own, newDir)
-            || (!newPath.isEmpty() && sameOrInside(newPath, absoluteClean(QFileInfo(own).absoluteFilePath())))) {
-            *why = QStringLiteral("the new application folder %1 is a path the updater uses itself (%2)").arg(newDir, own);
+            || (!newPath.isEmpty()
+                && sameOrInside(newPath, absoluteClean(QFileInfo(own).absoluteFilePath())))) {
+            *why = QStringLiteral(
+                       "the new application folder %1 is a path the updater uses itself (%2)")
+                       .arg(newDir, own);
             return false;
         }
     }
@@ -203,7 +209,9 @@ bool FolderSwap::validateNew(QString *why) const
     }
     const QString special = findSpecialFile(newDir);
     if (!special.isEmpty()) {
-        *why = QStringLiteral("the new application folder holds %1, which is not a file, folder or link").arg(special);
+        *why = QStringLiteral(
+                   "the new application folder holds %1, which is not a file, folder or link")
+                   .arg(special);
         return false;
     }
     return true;
@@ -223,16 +231,20 @@ FolderSwap::Journal FolderSwap::readJournal() const
         return journal;
     const QStringList lines = QString::fromUtf8(f.read(64 * 1024)).split(QLatin1Char('\n'));
     const QString state = lines.value(0).trimmed();
-    journal.state = state == u"launched" ? State::Launched : state == u"moved" ? State::Moved : State::Started;
-    journal.options = { lines.value(1), lines.value(2), lines.value(3) };
+    journal.state = state == u"launched" ? State::Launched
+        : state == u"moved"              ? State::Moved
+                                         : State::Started;
+    journal.options = {lines.value(1), lines.value(2), lines.value(3)};
     return journal;
 }
 
 bool FolderSwap::writeJournal(State state)
 {
-    const char *text = state == State::Launched ? "launched" : state == State::Moved ? "moved" : "started";
+    const char *text = state == State::Launched ? "launched"
+        : state == State::Moved                 ? "moved"
+                                                : "started";
     const QByteArray content = QByteArray(text) + '\n' + m_options.oldDir.toUtf8() + '\n'
-            + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n';
+        + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n';
     QSaveFile f(m_journal);
     return f.open(QIODevice::WriteOnly) && f.write(content) == content.size() && f.commit();
 }
@@ -260,7 +272,8 @@ bool FolderSwap::startProgram(const QString &folder)
 {
     const QString program = folder + QLatin1Char('/') + m_options.exe;
     const bool ok = m_starter(program, folder);
-    say(QStringLiteral("%1 %2").arg(ok ? QStringLiteral("started") : QStringLiteral("could not start"), program));
+    say(QStringLiteral("%1 %2").arg(
+        ok ? QStringLiteral("started") : QStringLiteral("could not start"), program));
     return ok;
 }
 
@@ -298,7 +311,8 @@ void FolderSwap::rollBack(const QString &why)
                 discard(m_options.oldDir);
         }
         if (rename(encoded(m_backup).constData(), encoded(m_options.oldDir).constData()) != 0) {
-            say(QStringLiteral("could not put %1 back; the old version stays in %2").arg(m_options.oldDir, m_backup));
+            say(QStringLiteral("could not put %1 back; the old version stays in %2")
+                    .arg(m_options.oldDir, m_backup));
             return;
         }
         step("restore");
@@ -311,7 +325,8 @@ void FolderSwap::rollBack(const QString &why)
 // otherwise rolled back. Nothing of its new folder is touched.
 void FolderSwap::settleEarlierUpdate(const Journal &earlier)
 {
-    say(QStringLiteral("settling an earlier update that did not finish (new folder %1)").arg(earlier.options.newDir));
+    say(QStringLiteral("settling an earlier update that did not finish (new folder %1)")
+            .arg(earlier.options.newDir));
     discard(m_incoming);
     if (earlier.state != State::Launched && isThere(m_backup)) {
         if (isThere(m_options.oldDir) && !discard(m_options.oldDir))
@@ -326,7 +341,8 @@ void FolderSwap::settleEarlierUpdate(const Journal &earlier)
 
 int FolderSwap::run()
 {
-    say(QStringLiteral("update: old %1, new %2, program %3").arg(m_options.oldDir, m_options.newDir, m_options.exe));
+    say(QStringLiteral("update: old %1, new %2, program %3")
+            .arg(m_options.oldDir, m_options.newDir, m_options.exe));
     QString why;
     if (!validateArguments(&why)) {
         refuse(why);
@@ -343,7 +359,8 @@ int FolderSwap::run()
             || journal.options.exe != m_options.exe)) {
         settleEarlierUpdate(journal);
         if (isThere(m_journal))
-            return refuse(QStringLiteral("an earlier update of %1 could not be settled; see %2").arg(m_options.oldDir, m_journal));
+            return refuse(QStringLiteral("an earlier update of %1 could not be settled; see %2")
+                              .arg(m_options.oldDir, m_journal));
         journal = Journal();
     }
     switch (journal.state) {
@@ -358,7 +375,8 @@ int FolderSwap::run()
         if (isThere(m_backup)) {
             say(QStringLiteral("resuming an interrupted update: the old version is set aside"));
             if (!isThere(m_options.oldDir) && (!validateNew(&why) || !moveNewIntoPlace())) {
-                rollBack(why.isEmpty() ? QStringLiteral("cannot move the new version into place") : why);
+                rollBack(why.isEmpty() ? QStringLiteral("cannot move the new version into place")
+                                       : why);
                 return 1;
             }
             return startNewVersion();
@@ -375,7 +393,8 @@ int FolderSwap::swap()
 {
     QString why;
     if (!QFileInfo(m_options.oldDir).isDir())
-        return refuse(QStringLiteral("the application folder %1 does not exist").arg(m_options.oldDir));
+        return refuse(
+            QStringLiteral("the application folder %1 does not exist").arg(m_options.oldDir));
     if (!validateNew(&why)) {
         refuse(why);
         startProgram(m_options.oldDir);
@@ -385,7 +404,8 @@ int FolderSwap::swap()
     // a version to restore.
     removeTree(m_discard);
     if (!discard(m_backup) || !discard(m_incoming)) {
-        refuse(QStringLiteral("cannot clear what an earlier run left beside %1").arg(m_options.oldDir));
+        refuse(QStringLiteral("cannot clear what an earlier run left beside %1")
+                   .arg(m_options.oldDir));
         startProgram(m_options.oldDir);
         return 1;
     }

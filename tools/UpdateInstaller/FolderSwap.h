@@ -20,11 +20,9 @@
 /// named folders and these paths of the updater's own is touched: removals never follow a
 /// symbolic link, and a folder that is to go is first renamed to "<old>.update-discard", so that
 /// a removal cut short never leaves a partial copy under a name that a later run would restore.
-class FolderSwap
-{
+class FolderSwap {
 public:
-    struct Options
-    {
+    struct Options {
         QString oldDir;
         QString newDir;
         QString exe;
@@ -43,8 +41,7 @@ public:
 
 private:
     enum class State { None, Started, Moved, Launched };
-    struct Journal
-    {
+    struct Journal {
         State state = State::None;
         Options options;
     };

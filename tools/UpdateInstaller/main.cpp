@@ -36,7 +36,8 @@ int main(int argc, char **argv)
     QTextStream log(&logFile);
 
     if (options.oldDir.isEmpty()) {
-        std::fprintf(stderr, "usage: UpdateInstaller -oldDir <folder> -newDir <folder> -exe <program>\n");
+        std::fprintf(stderr,
+                     "usage: UpdateInstaller -oldDir <folder> -newDir <folder> -exe <program>\n");
         log << "refused: no application folder (-oldDir) given" << Qt::endl;
         return 2;
     }
@@ -55,6 +56,7 @@ int main(int argc, char **argv)
     FolderSwap swap(options, log, starter, hook);
     const int result = swap.run();
     if (result != 0)
-        std::fprintf(stderr, "UpdateInstaller: the update was not installed; see %s\n", qPrintable(logPath));
+        std::fprintf(stderr, "UpdateInstaller: the update was not installed; see %s\n",
+                     qPrintable(logPath));
     return result;
 }

@@ -58,19 +58,19 @@ int main(int argc, char **argv)
 
     qv::SoftwareUpdateAvailableDialog available(nullptr, qv::dialogFlags(false));
     available.setTableEntries({
-            { "Viewer 2.10", "41.0 MB", "zip", "Multilingual", "linux-x86_64" },
-            { "Viewer 2.11 Beta 1 BETA", "42.0 MB", "tar.gz", "Multilingual", "linux-x86_64" },
-            { "M1004 Firmware 5.3", "9.0 MB", "bin", "de, en", "M1004" },
-            { "M1004 Firmware 5.3", "9.0 MB", "bin", "fr", "M1004" },
-            { "P3301 Firmware 4.11 BETA", "7.0 MB", "bin", "de, en", "P3301" },
+        {"Viewer 2.10", "41.0 MB", "zip", "Multilingual", "linux-x86_64"},
+        {"Viewer 2.11 Beta 1 BETA", "42.0 MB", "tar.gz", "Multilingual", "linux-x86_64"},
+        {"M1004 Firmware 5.3", "9.0 MB", "bin", "de, en", "M1004"},
+        {"M1004 Firmware 5.3", "9.0 MB", "bin", "fr", "M1004"},
+        {"P3301 Firmware 4.11 BETA", "7.0 MB", "bin", "de, en", "P3301"},
     });
-    available.setTableHeaders({ "Name", "File Size", "File Type", "Languages", "Platforms" });
-    available.setHiddenEntries({ 3 });
+    available.setTableHeaders({"Name", "File Size", "File Type", "Languages", "Platforms"});
+    available.setHiddenEntries({3});
     available.findChild<QTableWidget *>(QStringLiteral("tableWidget"))->selectRow(0);
-    available.setCommentText(QStringLiteral(
-            "<b>Viewer 2.10, Application</b><br />Published on Sunday, 2 June 2013"
-            "<a href=\"http://dl.example.com/software/viewer/2.10/Viewer-linux.zip\">"
-            "http://dl.example.com/software/viewer/2.10/Viewer-linux.zip</a><br />"));
+    available.setCommentText(
+        QStringLiteral("<b>Viewer 2.10, Application</b><br />Published on Sunday, 2 June 2013"
+                       "<a href=\"http://dl.example.com/software/viewer/2.10/Viewer-linux.zip\">"
+                       "http://dl.example.com/software/viewer/2.10/Viewer-linux.zip</a><br />"));
     available.setRealeaseNotesButtonState(true);
     ok &= save(&available, out.filePath(QStringLiteral("update-available-dialog.png")));
     return ok ? 0 : 1;
