@@ -13,16 +13,16 @@
 #include <QPointer>
 #include <QSettings>
 
-#include <memory>
-
 namespace qv {
 
 int DownloadManager::qMetaTypes = qRegisterMetaType<PackageInfoList>("qv::PackageInfoList");
 const QString DownloadManager::UPDATE_URL = QStringLiteral(SUC_UPDATE_URL);
 
 namespace {
-// SLOT(downloadResult(RequestPtr)), spelled out so that requests can be told apart by it.
-const char kDownloadResultSlot[] = "1downloadResult(RequestPtr)";
+const QString kVersionKey = QStringLiteral("ver");
+// Settings of this version or older move to the built-in update server.
+const int kLastMigratedVersion = 2;
+const int kStoredVersion = 3;
 } // namespace
 
 DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
@@ -107,7 +107,7 @@ void DownloadManager::queryUpdate(PackageInfo filter, QObject *callbackReceiver,
     RequestPtr request
         = httpClient.prepareGet(QString(), QMap<QString, QVariant>(), this,
                                 SLOT(queryResult(RequestPtr)), nullptr, qvb::smart<QIODevice>());
-    request->setUserData(new RequestData {filter, callbackReceiver, callbackSlot});
+    request->adoptUserData(new RequestData {filter, callbackReceiver, callbackSlot});
     Q_EMIT queryStarted(QString(host.server));
     httpClient.execute(request);
 }
@@ -126,8 +126,7 @@ void DownloadManager::queryResult(RequestPtr resp)
     buffer->seek(0);
     if (resp->responseHeader().hasKey(QStringLiteral("set-cookie")))
         cookie = resp->responseHeader().value(QStringLiteral("set-cookie"));
-    std::unique_ptr<RequestData> context(static_cast<RequestData *>(resp->userData()));
-    resp->setUserData(nullptr);
+    RequestData *context = resp->userDataAs<RequestData>();
     // An answer over the catalogue limit was dropped unread: it counts as malformed, and the
     // copy of the last answer stays as it was.
     if (!resp->bodyTooLarge())
@@ -135,7 +134,7 @@ void DownloadManager::queryResult(RequestPtr resp)
     RequestData empty;
     // The receivers of the signals below may delete the manager.
     const QPointer<DownloadManager> self(this);
-    queryResult(buffer, context ? context.get() : &empty);
+    queryResult(buffer, context ? context : &empty);
     if (self)
         Q_EMIT queryFinished();
 }
@@ -154,7 +153,7 @@ void DownloadManager::queryResult(QIODevice *input, RequestData *data)
     // The best matches are worked out and dropped: callback and signals get the whole list.
     PackageInfoList best = findBestMatches(list, data->filter);
     for (PackageInfo &p : best)
-        p.flags &= ~2;
+        p.flags &= ~PackageInfo::BestMatchMark;
     if (data->callbackSlot)
         invokeQueued(data->callbackReceiver, data->callbackSlot, Q_ARG(qv::PackageInfoList, list));
     // Deliberately the last use of the manager: a receiver may delete it.
@@ -182,9 +181,10 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
     lastCheck = Preferences::dateTimeValue(settings, QStringLiteral("last-check"), QDateTime());
     regularCheck = Preferences::boolValue(settings, QStringLiteral("reg-check"), false);
     host.load(settings);
-    if (Preferences::intValue(settings, QStringLiteral("ver"), 0) <= 2)
+    const int version = Preferences::intValue(settings, kVersionKey, 0);
+    if (version <= kLastMigratedVersion)
         host.proxyPreference = HttpHost::ApplicationProxy;
-    if (Preferences::intValue(settings, QStringLiteral("ver"), 0) <= 2) {
+    if (version <= kLastMigratedVersion) {
         // Settings written by versions 0 to 2 always switch to the built-in update server.
         host.server.setUrl(QUrl(UPDATE_URL));
         host.path = HttpClient::encodedUrlPath(UPDATE_URL);
@@ -227,7 +227,7 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
     Preferences::setDateTimeValue(settings, QStringLiteral("last-check"), lastCheck);
     settings.setValue(QStringLiteral("reg-check"), QVariant(regularCheck));
     settings.remove(QStringLiteral("regular-check"));
-    settings.setValue(QStringLiteral("ver"), 3);
+    settings.setValue(kVersionKey, kStoredVersion);
     host.store(settings, false);
     settings.beginWriteArray(QStringLiteral("hist"), int(history.size()));
     int i = 0;
@@ -244,9 +244,10 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
 
 void DownloadManager::startDownload(const PackageInfo &package, const QString &filePath)
 {
-    // Owned by the manager until the download reports its outcome; a failed open shows up as a
-    // short file. A target that could lead elsewhere than it reads is never opened.
-    auto *file = new QFile(filePath, this);
+    // Owned by the request, as the package copy is; a failed open shows up as a short file. A
+    // target that could lead elsewhere than it reads is never opened.
+    qvb::smart<QIODevice> handle(new QFile(filePath));
+    auto *file = static_cast<QFile *>(handle.data());
     if (FileUtils::isPlainFilePath(filePath) && !QFileInfo(filePath).isSymLink())
         file->open(QIODevice::WriteOnly | QIODevice::Truncate);
     else
@@ -260,16 +261,14 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
     httpClient.setHost(target);
     RequestPtr request
         = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url), QMap<QString, QVariant>(),
-                                this, kDownloadResultSlot, file, qvb::smart<QIODevice>());
-    request->setUserData(new PackageInfo(package));
+                                this, SLOT(downloadResult(RequestPtr)), file, handle);
+    request->adoptUserData(new PackageInfo(package));
     httpClient.execute(request);
 }
 
 void DownloadManager::downloadStarting(RequestPtr request)
 {
-    if (request->completionSlot() != kDownloadResultSlot)
-        return;
-    const auto *package = static_cast<const PackageInfo *>(request->userData());
+    const PackageInfo *package = request->userDataAs<PackageInfo>();
     auto *file = qobject_cast<QFile *>(request->outputDevice());
     if (package && package->fileSize != 0 && file)
         Q_EMIT downloadStarted(*package, file->fileName());
@@ -277,16 +276,12 @@ void DownloadManager::downloadStarting(RequestPtr request)
 
 void DownloadManager::downloadResult(RequestPtr request)
 {
-    std::unique_ptr<PackageInfo> package(static_cast<PackageInfo *>(request->userData()));
-    if (!package)
+    // The request owns the package copy and the file, and outlives this call.
+    PackageInfo *package = request->userDataAs<PackageInfo>();
+    // A package without an announced size never reports an outcome; its file stays as it is.
+    if (!package || package->fileSize == 0)
         return;
-    request->setUserData(nullptr);
-    // A package without an announced size never reports an outcome; its file stays as it is,
-    // open, until the manager goes.
-    if (package->fileSize == 0)
-        return;
-    std::unique_ptr<QFile> file(qobject_cast<QFile *>(request->outputDevice()));
-    request->setOutputDevice(nullptr);
+    auto *file = qobject_cast<QFile *>(request->outputDevice());
     const QString fileName = file ? file->fileName() : QString();
     qint64 size = 0;
     // Only what this download wrote counts: a refused target was never opened.
@@ -294,10 +289,8 @@ void DownloadManager::downloadResult(RequestPtr request)
         file->close();
         size = file->size();
     }
-    file.reset();
 
-    // Everything is released before the signals: a receiver may delete the manager, so each
-    // emission checks that it is still there.
+    // A receiver may delete the manager, so each emission checks that it is still there.
     const QPointer<DownloadManager> self(this);
     if (quint64(size) < quint64(package->fileSize)) {
         Q_EMIT downloadFailure(*package, fileName);
@@ -313,15 +306,7 @@ void DownloadManager::downloadResult(RequestPtr request)
 
 void DownloadManager::abortDownload()
 {
-    // The dropped request never reaches downloadResult(): release what it carries here. The
-    // partial file stays on disk.
-    const RequestPtr running = httpClient.currentRequest();
-    if (running && running->completionSlot() == kDownloadResultSlot) {
-        delete static_cast<PackageInfo *>(running->userData());
-        delete running->outputDevice();
-        running->setUserData(nullptr);
-        running->setOutputDevice(nullptr);
-    }
+    // The dropped request takes its package copy and file along; the partial file stays on disk.
     httpClient.reset();
     Q_EMIT downloadAborted();
 }

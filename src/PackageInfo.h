@@ -23,8 +23,10 @@ namespace qv {
 /// and empty fields do not filter.
 class SOFTWAREUPDATECLIENT_EXPORT PackageInfo {
 public:
-    /// Bit 0 of `flags`: the package was listed by an earlier query.
-    enum Flag { PackageKnown = 1 };
+    enum Flag {
+        PackageKnown = 1, ///< listed by an earlier query
+        BestMatchMark = 2, ///< cleared on the best-match copies of a query; no other meaning
+    };
 
     PackageInfo() = default;
     /// `name` also sets `publicName`, `release` also sets `publicRelease`.

@@ -15,11 +15,6 @@ namespace qv {
 
 namespace {
 
-VersionNumber asciiVersion(const QString &text)
-{
-    return VersionNumber(text.toLatin1().toStdString());
-}
-
 } // namespace
 
 bool PackageInfo::filterPackageCandidate(const PackageInfo &filter,
@@ -27,7 +22,8 @@ bool PackageInfo::filterPackageCandidate(const PackageInfo &filter,
 {
     if (!filter.name.isEmpty() && name != filter.name)
         return false;
-    if (!filter.release.isEmpty() && asciiVersion(release) <= asciiVersion(filter.release))
+    if (!filter.release.isEmpty()
+        && VersionNumber::fromText(release) <= VersionNumber::fromText(filter.release))
         return false;
     if (!filter.status.isEmpty() && status != filter.status)
         return false;
@@ -71,9 +67,9 @@ PackageInfoList DownloadManager::findPackageCandidates(PackageInfoList &packages
         }
     }
     QString highest = QStringLiteral("0");
-    VersionNumber highestVersion = asciiVersion(highest);
+    VersionNumber highestVersion = VersionNumber::fromText(highest);
     for (const PackageInfo &p : std::as_const(result)) {
-        const VersionNumber v = asciiVersion(p.release);
+        const VersionNumber v = VersionNumber::fromText(p.release);
         if (v > highestVersion) {
             highest = p.release;
             highestVersion = v;

@@ -39,11 +39,6 @@ QStringList splitList(const QVariant &value)
                                             Qt::CaseSensitive);
 }
 
-VersionNumber versionFromText(const QString &text)
-{
-    return VersionNumber(text.toLatin1().toStdString());
-}
-
 } // namespace
 
 QSettings::Format SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::Format(0);
@@ -125,8 +120,8 @@ void SoftwareUpdateClient::getCurrentSettings(SoftwareUpdateSettings *s) const
     s->updateInterval = Preferences::intValue(*store, kUpdateInterval, 0);
     s->serverURL = textOf(kServerURL);
     const QVariant version = store->value(kVersionNumber);
-    s->versionNumber
-        = version.isNull() ? VersionNumber("0") : versionFromText(Preferences::toText(version));
+    s->versionNumber = version.isNull() ? VersionNumber("0")
+                                        : VersionNumber::fromText(Preferences::toText(version));
     s->product = textOf(kProduct);
     s->lastCheck = store->value(kLastCheck).toDateTime();
     s->supportedPlatforms = splitList(store->value(kSupportedPlatforms));
@@ -139,7 +134,7 @@ void SoftwareUpdateClient::getCurrentSettings(SoftwareUpdateSettings *s) const
         // empty sections.
         const QString model = camera.section(QLatin1Char(':'), 0, 0);
         const QString version = camera.section(QLatin1Char(':'), 1, 1, QString::SectionSkipEmpty);
-        s->currentCameraVersions.append(qMakePair(model, versionFromText(version)));
+        s->currentCameraVersions.append(qMakePair(model, VersionNumber::fromText(version)));
     }
 }
 
@@ -179,12 +174,7 @@ QString SoftwareUpdateClient::transformReleaseStatus(bool beta) const
 
 QNetworkProxy SoftwareUpdateClient::networkProxy() const
 {
-    const NetworkProxy proxy = NodeDB::getDB().globalProxy();
-    if (proxy.useProxy()) {
-        return QNetworkProxy(QNetworkProxy::HttpProxy, proxy.proxyAddress(), proxy.proxyPort(),
-                             proxy.proxyUser(), proxy.proxyPassword());
-    }
-    return QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString());
+    return NodeDB::getDB().globalProxy().toQNetworkProxy();
 }
 
 void SoftwareUpdateClient::enableSoftwareUpdate()

@@ -17,6 +17,10 @@ using SoftUpIndexList = QList<int>;
 
 namespace qv {
 
+/// The choices of the update interval, in the order of the settings dialog's list; stored as
+/// these numbers in "updateInterval".
+enum UpdateInterval { AtApplicationStart = 0, Daily = 1, Weekly = 2, Monthly = 3 };
+
 /// The client's stored settings. The store is the single source of truth: every operation reads
 /// a fresh record, changes it and writes it back.
 struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings {
@@ -26,7 +30,7 @@ struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings {
     QString serverURL;
     bool doUpdateCheck = true;
     bool checkForBeta = false;
-    int updateInterval = 0;
+    int updateInterval = AtApplicationStart; ///< an UpdateInterval
     QDateTime lastCheck;
     QStringList supportedPlatforms;
     QStringList supportedPackageTypes;
@@ -39,8 +43,7 @@ struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateSettings {
 struct SOFTWAREUPDATECLIENT_EXPORT SoftwareUpdateDialogSettings {
     bool doUpdateCheck = false;
     bool checkForBeta = false;
-    /// 0 at application start, 1 daily, 2 weekly, 3 monthly.
-    int updateInterval = 0;
+    int updateInterval = AtApplicationStart; ///< an UpdateInterval
     QString serverURL;
     QString currentVersion;
     QString lastCheck;

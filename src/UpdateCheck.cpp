@@ -43,7 +43,7 @@ void SoftwareUpdateClient::doInitialCheck(int msDelay)
 {
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
-    if (settings.doUpdateCheck && settings.updateInterval == 0)
+    if (settings.doUpdateCheck && settings.updateInterval == AtApplicationStart)
         checkForUpdate(msDelay);
 }
 
@@ -89,23 +89,23 @@ void SoftwareUpdateClient::queryLastUpdate(int delay)
 {
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
-    if (m_updateDialog || settings.updateInterval == 0)
+    if (m_updateDialog || settings.updateInterval == AtApplicationStart)
         return;
     const QDateTime last = settings.lastCheck;
     const QDateTime now = QDateTime::currentDateTime();
-    if (settings.updateInterval == 2) {
+    if (settings.updateInterval == Weekly) {
         if (last.addDays(7) < now) {
             checkForUpdate(delay);
             progressLine(
                 QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> weekly update fired"));
         }
-    } else if (settings.updateInterval == 3) {
+    } else if (settings.updateInterval == Monthly) {
         if (last.addMonths(1) < now) {
             checkForUpdate(delay);
             progressLine(
                 QStringLiteral("SoftwareUpdateClient::queryLastUpdate() -> monthly update fired"));
         }
-    } else if (settings.updateInterval == 1) {
+    } else if (settings.updateInterval == Daily) {
         if (last.addDays(1) < now) {
             checkForUpdate(delay);
             progressLine(

@@ -1,6 +1,7 @@
 #include "HttpClient.h"
 
 #include "LogQt.h"
+#include "QtHelpers.h"
 
 #include <QFileDevice>
 #include <QMetaObject>
@@ -154,8 +155,8 @@ void HttpClient::startNext()
     connect(m_reply, &QNetworkReply::metaDataChanged, this, [this] {
         if (m_reply && m_current
             && bodyTooLarge(m_reply->header(QNetworkRequest::ContentLengthHeader).toLongLong())) {
-            m_current->m_tooLarge = true;
-            fail(QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
+            fail(RequestData::BodyTooLarge,
+                 QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
         }
     });
     connect(m_reply, &QNetworkReply::finished, this, &HttpClient::onFinished);
@@ -195,8 +196,8 @@ void HttpClient::onReadyRead()
             if (bodyTooLarge(0)) {
                 m_current->m_body.clear();
                 m_current->m_body.squeeze();
-                m_current->m_tooLarge = true;
-                fail(QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
+                fail(RequestData::BodyTooLarge,
+                     QStringLiteral("the answer is larger than %1 bytes").arg(m_maxMemoryBody));
                 return;
             }
             m_current->m_body.append(chunk.constData(), n);
@@ -204,7 +205,8 @@ void HttpClient::onReadyRead()
         }
         // Files buffer their writes; flushing each chunk surfaces a full disk at once.
         if (out->write(chunk.constData(), n) != n || (file && !file->flush())) {
-            fail(QStringLiteral("could not write the response: %1").arg(out->errorString()));
+            fail(RequestData::WriteError,
+                 QStringLiteral("could not write the response: %1").arg(out->errorString()));
             return;
         }
     }
@@ -231,7 +233,8 @@ void HttpClient::checkSpeed()
         return;
     const qint64 now = m_current->m_received;
     if (now - m_windowStartBytes < m_minimumBytes) {
-        fail(QStringLiteral("transfer too slow: %1 bytes in %2 ms")
+        fail(RequestData::Stalled,
+             QStringLiteral("transfer too slow: %1 bytes in %2 ms")
                  .arg(now - m_windowStartBytes)
                  .arg(m_speedWindow));
         return;
@@ -246,18 +249,35 @@ void HttpClient::onFinished()
     onReadyRead();
     if (!m_current)
         return; // failed while writing the rest
-    if (m_reply->error() != QNetworkReply::NoError)
+    if (m_reply->error() != QNetworkReply::NoError) {
         m_current->m_error = m_reply->errorString();
+        m_current->m_errorCode = m_reply->error() == QNetworkReply::OperationCanceledError
+                || m_reply->error() == QNetworkReply::TimeoutError
+            ? RequestData::Stalled
+            : RequestData::NetworkError;
+    }
     finish();
 }
 
-void HttpClient::fail(const QString &why)
+void HttpClient::fail(RequestData::Error error, const QString &why)
 {
     if (!m_current)
         return;
     m_current->m_error = why;
+    m_current->m_errorCode = error;
     qv::LogQt::write(lcPlatform(), qv::Log::Warning, QStringLiteral("HttpClient -> ") + why);
     finish();
+}
+
+// Detaches the running reply from this client and lets it go.
+void HttpClient::releaseReply()
+{
+    if (QNetworkReply *reply = m_reply.data()) {
+        m_reply.clear();
+        reply->disconnect(this);
+        reply->abort();
+        reply->deleteLater();
+    }
 }
 
 void HttpClient::finish()
@@ -265,25 +285,19 @@ void HttpClient::finish()
     m_speedTimer->stop();
     RequestPtr done = m_current;
     m_current.reset();
-    if (QNetworkReply *reply = m_reply.data()) {
-        m_reply.clear();
-        done->m_statusCode = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        done->m_header.pairs = reply->rawHeaderPairs();
-        reply->disconnect(this);
-        reply->abort();
-        reply->deleteLater();
+    if (m_reply) {
+        done->m_statusCode = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        done->m_header.pairs = m_reply->rawHeaderPairs();
+        releaseReply();
     }
+    // Whoever hears the outcome may delete this client (its owner).
+    const QPointer<HttpClient> self(this);
+    Q_EMIT done->finished();
+    if (!self)
+        return;
     if (done->m_receiver && !done->m_slot.isEmpty()) {
-        QByteArray method = done->m_slot;
-        if (!method.isEmpty() && method.at(0) >= '0' && method.at(0) <= '9')
-            method.remove(0, 1);
-        const qsizetype paren = method.indexOf('(');
-        if (paren >= 0)
-            method.truncate(paren);
-        // The receiver may delete this client (its owner) in the slot.
-        const QPointer<HttpClient> self(this);
-        QMetaObject::invokeMethod(done->m_receiver, method.constData(), Qt::DirectConnection,
-                                  Q_ARG(RequestPtr, done));
+        QMetaObject::invokeMethod(done->m_receiver, qv::methodName(done->m_slot).constData(),
+                                  Qt::DirectConnection, Q_ARG(RequestPtr, done));
         if (!self)
             return;
     }
@@ -295,10 +309,5 @@ void HttpClient::reset()
     m_queue.clear();
     m_speedTimer->stop();
     m_current.reset();
-    if (QNetworkReply *reply = m_reply.data()) {
-        m_reply.clear();
-        reply->disconnect(this);
-        reply->abort();
-        reply->deleteLater();
-    }
+    releaseReply();
 }

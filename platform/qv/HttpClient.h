@@ -16,13 +16,35 @@
 #include <QUrl>
 #include <QVariant>
 
+#include <memory>
+#include <typeinfo>
+
 class QNetworkAccessManager;
 class QNetworkReply;
 class QTimer;
 
-/// One HTTP request of the HttpClient and, once it has run, its response.
-class QV_PLATFORM_EXPORT RequestData {
+/// One HTTP request of the HttpClient and, once it has run, its response: a job in the manner of
+/// KJob. It says when it is done with finished(), and how it ended with error() and
+/// errorString(); its body is bodyDevice().
+///
+/// Ownership, once for all: the request owns what it is given as a handle (the output device's
+/// smart pointer) and what it adopts (adoptUserData()); both go when the last RequestPtr goes.
+/// An output device given as a bare pointer, and user data set with setUserData(), stay the
+/// caller's.
+class QV_PLATFORM_EXPORT RequestData : public QObject {
+    Q_OBJECT
+
 public:
+    enum Error {
+        NoError,
+        NetworkError, ///< refused, unreachable, cut off, or an HTTP error status from the network
+                      ///< layer
+        Stalled, ///< no byte for the stall timeout, or too few within the speed window
+        WriteError, ///< the output device refused the body (a full disk)
+        BodyTooLarge, ///< a body kept in memory passed the client's limit and was dropped
+    };
+    Q_ENUM(Error)
+
     using Header = QList<QPair<QByteArray, QByteArray>>;
 
     /// Response header lookups; names compare case-insensitively, the last occurrence wins.
@@ -34,7 +56,7 @@ public:
     };
 
     RequestData();
-    ~RequestData();
+    ~RequestData() override;
 
     int statusCode() const { return m_statusCode; }
     /// The device the body streams into, or null when the body is kept in memory.
@@ -46,18 +68,42 @@ public:
     /// The body kept in memory (empty when it streamed into an output device), open for reading.
     QBuffer *getResponseBuffer();
     QString getResponseText() const;
-    /// Why the request failed (network error, stall, write error); empty when it completed.
+    /// The body: the output device, or the buffer of a body kept in memory.
+    QIODevice *bodyDevice() { return m_output ? m_output : getResponseBuffer(); }
+    Error error() const { return m_errorCode; }
+    /// Why the request failed; empty when it completed.
     QString errorString() const { return m_error; }
     qint64 bytesReceived() const { return m_received; }
     /// True when a body kept in memory passed the client's limit and was dropped.
-    bool bodyTooLarge() const { return m_tooLarge; }
+    bool bodyTooLarge() const { return m_errorCode == BodyTooLarge; }
 
-    /// The completion slot given to prepareGet(), as given.
-    QByteArray completionSlot() const { return m_slot; }
-
-    /// One pointer for the caller's own use; the caller owns what it points to.
+    /// One pointer for the caller's own use.
     void *userData() const { return m_userData; }
-    void setUserData(void *data) { m_userData = data; }
+    /// Sets the user data; the caller keeps owning what it points to.
+    void setUserData(void *data)
+    {
+        m_adopted.reset();
+        m_userDataType = nullptr;
+        m_userData = data;
+    }
+    /// Sets the user data and takes it over: it is deleted with the request.
+    template<typename T> void adoptUserData(T *data)
+    {
+        m_adopted = std::shared_ptr<T>(data);
+        m_userDataType = &typeid(T);
+        m_userData = data;
+    }
+    /// The adopted user data when it is a T, else null: requests are told apart by what they
+    /// carry.
+    template<typename T> T *userDataAs() const
+    {
+        return m_userDataType && *m_userDataType == typeid(T) ? static_cast<T *>(m_userData)
+                                                              : nullptr;
+    }
+
+Q_SIGNALS:
+    /// The request has ended, completed or failed (not when it was dropped by reset()).
+    void finished();
 
 private:
     friend class HttpClient;
@@ -74,9 +120,11 @@ private:
     QBuffer m_buffer;
     QByteArray m_body;
     QString m_error;
+    Error m_errorCode = NoError;
     qint64 m_received = 0;
-    bool m_tooLarge = false;
     void *m_userData = nullptr;
+    std::shared_ptr<void> m_adopted;
+    const std::type_info *m_userDataType = nullptr;
 };
 
 using RequestPtr = qvb::smart<RequestData>;
@@ -144,8 +192,9 @@ private:
     void onFinished();
     void checkSpeed();
     void reportProgress();
-    void fail(const QString &why);
+    void fail(RequestData::Error error, const QString &why);
     void finish();
+    void releaseReply();
     bool bodyTooLarge(qint64 announced) const;
 
     qv::HttpHost m_host;

@@ -116,14 +116,9 @@ void HttpHost::updateProxy(const QUrl &)
             : QNetworkProxy(QNetworkProxy::HttpProxy, proxy.host(), quint16(proxy.port()),
                             proxy.user(), proxy.password());
         break;
-    case ApplicationProxy: {
-        const NetworkProxy global = NodeDB::getDB().globalProxy();
-        m_effectiveProxy = global.useProxy()
-            ? QNetworkProxy(QNetworkProxy::HttpProxy, global.proxyAddress(), global.proxyPort(),
-                            global.proxyUser(), global.proxyPassword())
-            : QNetworkProxy(QNetworkProxy::NoProxy);
+    case ApplicationProxy:
+        m_effectiveProxy = NodeDB::getDB().globalProxy().toQNetworkProxy();
         break;
-    }
     case NoProxy:
         m_effectiveProxy = QNetworkProxy(QNetworkProxy::NoProxy);
         break;

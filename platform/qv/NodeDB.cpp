@@ -14,6 +14,13 @@ NetworkProxy::NetworkProxy(const QString &address, quint16 port, const QString &
 {
 }
 
+QNetworkProxy NetworkProxy::toQNetworkProxy() const
+{
+    if (!m_use)
+        return QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString());
+    return QNetworkProxy(QNetworkProxy::HttpProxy, m_address, m_port, m_user, m_password);
+}
+
 NodeDB &NodeDB::getDB()
 {
     static NodeDB db;

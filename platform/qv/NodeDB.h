@@ -3,6 +3,7 @@
 #include "PlatformExport.h"
 
 #include <QMutex>
+#include <QNetworkProxy>
 #include <QString>
 
 namespace qv {
@@ -19,6 +20,8 @@ public:
     quint16 proxyPort() const { return m_port; }
     QString proxyUser() const { return m_user; }
     QString proxyPassword() const { return m_password; }
+    /// An HTTP proxy with address, port, user and password when one is used, else no proxy.
+    QNetworkProxy toQNetworkProxy() const;
 
 private:
     bool m_use = false;

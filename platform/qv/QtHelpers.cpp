@@ -21,17 +21,23 @@ bool connect(const QObject *sender, const char *signal, const QObject *receiver,
     return ok;
 }
 
-bool invokeQueued(QObject *receiver, const char *slot, QGenericArgument a0, QGenericArgument a1)
+QByteArray methodName(const char *slotOrSignature)
 {
-    if (!receiver || !slot)
-        return false;
-    QByteArray name(slot);
+    QByteArray name(slotOrSignature);
     // A SLOT() text starts with a code digit; a signature carries its parameter list.
     if (!name.isEmpty() && name.at(0) >= '0' && name.at(0) <= '9')
         name.remove(0, 1);
     const qsizetype paren = name.indexOf('(');
     if (paren >= 0)
         name.truncate(paren);
+    return name;
+}
+
+bool invokeQueued(QObject *receiver, const char *slot, QGenericArgument a0, QGenericArgument a1)
+{
+    if (!receiver || !slot)
+        return false;
+    const QByteArray name = methodName(slot);
     // Matched by name and argument count, so that a slot may spell its parameter type with or
     // without namespace or typedef (the types themselves must agree).
     const int argc = (a0.name() ? 1 : 0) + (a1.name() ? 1 : 0);

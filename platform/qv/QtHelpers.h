@@ -13,6 +13,9 @@ namespace qv {
 QV_PLATFORM_EXPORT bool connect(const QObject *sender, const char *signal, const QObject *receiver,
                                 const char *method, Qt::ConnectionType type = Qt::AutoConnection);
 
+/// The bare method name of a SLOT() text ("1done(int)") or a signature ("done(int)"): "done".
+QV_PLATFORM_EXPORT QByteArray methodName(const char *slotOrSignature);
+
 /// Calls `slot` on `receiver` through its event queue. `slot` is a bare method name, a signature
 /// ("done(qv::PackageInfoList)") or a SLOT() text. Returns false when there is no such method.
 QV_PLATFORM_EXPORT bool invokeQueued(QObject *receiver, const char *slot,

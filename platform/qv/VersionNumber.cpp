@@ -37,6 +37,11 @@ void VersionNumber::parse(const char *text, size_t length)
     }
 }
 
+VersionNumber VersionNumber::fromText(const QString &text)
+{
+    return VersionNumber(text.toLatin1().toStdString());
+}
+
 QString VersionNumber::toString() const
 {
     if (m_parts.isEmpty())

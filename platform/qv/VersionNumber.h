@@ -19,6 +19,8 @@ public:
     VersionNumber() = default;
     explicit VersionNumber(const std::string &text);
     explicit VersionNumber(const char *text);
+    /// The version parsed from `text` converted to ASCII (Latin-1).
+    static VersionNumber fromText(const QString &text);
 
     /// Components joined with "."; "0" for a version without components.
     QString toString() const;
