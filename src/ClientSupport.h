@@ -13,11 +13,11 @@ namespace qv::client {
 inline const QString kApplicationKind = QStringLiteral("Application");
 inline const QString kCameraKind = QStringLiteral("Camera Firmware");
 
-/// A visible text, translated in the client's context.
-inline QString text(const char *source)
-{
-    return QCoreApplication::translate("SoftwareUpdateClient", source);
-}
+/// The client's visible texts: Text::tr() translates in the context "SoftwareUpdateClient",
+/// where lupdate finds them.
+class Text {
+    Q_DECLARE_TR_FUNCTIONS(SoftwareUpdateClient)
+};
 
 inline void progressLine(const QString &line)
 {

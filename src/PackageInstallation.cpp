@@ -25,7 +25,7 @@ namespace qv {
 
 using client::errorLine;
 using client::progressLine;
-using client::text;
+using client::Text;
 
 namespace {
 
@@ -50,12 +50,12 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
-    QMessageBox confirm(QMessageBox::Warning, text("Install Package"),
-                        text("After downloading the package, the installer will automatically exit "
+    QMessageBox confirm(QMessageBox::Warning, Text::tr("Install Package"),
+                        Text::tr("After downloading the package, the installer will automatically exit "
                              "and restart your application!"),
                         QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
-    QPushButton *cancel = confirm.addButton(text("Cancel Install"), QMessageBox::RejectRole);
-    confirm.addButton(text("Proceed"), QMessageBox::AcceptRole);
+    QPushButton *cancel = confirm.addButton(Text::tr("Cancel Install"), QMessageBox::RejectRole);
+    confirm.addButton(Text::tr("Proceed"), QMessageBox::AcceptRole);
     confirm.exec();
     if (confirm.clickedButton() == cancel) {
         progressLine(
@@ -85,7 +85,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
 
     if (!m_progressDialog) {
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
-        m_progressDialog->setLabelText(text("Downloading package to temporary folder..."));
+        m_progressDialog->setLabelText(Text::tr("Downloading package to temporary folder..."));
         connect(manager, &DownloadManager::downloadProgress, this,
                 &SoftwareUpdateClient::downloadProgress);
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
@@ -131,16 +131,16 @@ void SoftwareUpdateClient::downloadFinished()
     } else if (suffix == u"tar.gz") {
         installTARGZPackage();
     } else {
-        showError(m_parent, m_windowFlags, text("Download Error"),
-                  text("Unknown package type! Installation cannot proceed!"));
+        showError(m_parent, m_windowFlags, Text::tr("Download Error"),
+                  Text::tr("Unknown package type! Installation cannot proceed!"));
         abortDownload();
     }
 }
 
 void SoftwareUpdateClient::downloadError(int httpStatusCode)
 {
-    showError(m_parent, m_windowFlags, text("Download Error"),
-              text("Error downloading! Http status code %1").arg(httpStatusCode));
+    showError(m_parent, m_windowFlags, Text::tr("Download Error"),
+              Text::tr("Error downloading! Http status code %1").arg(httpStatusCode));
     abortDownload();
 }
 
@@ -225,11 +225,11 @@ void SoftwareUpdateClient::installZIPPackage()
     progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ")
                  + m_downloadedFilePath + QStringLiteral(" to ") + m_unpackedFolder);
 
-    QMessageBox ask(QMessageBox::Warning, text("Restart required"),
-                    text("Please restart your application to finish the installation process."),
+    QMessageBox ask(QMessageBox::Warning, Text::tr("Restart required"),
+                    Text::tr("Please restart your application to finish the installation process."),
                     QMessageBox::NoButton, m_parent, m_windowFlags);
-    ask.addButton(text("Restart later"), QMessageBox::RejectRole);
-    QPushButton *now = ask.addButton(text("Restart now"), QMessageBox::AcceptRole);
+    ask.addButton(Text::tr("Restart later"), QMessageBox::RejectRole);
+    QPushButton *now = ask.addButton(Text::tr("Restart now"), QMessageBox::AcceptRole);
     ask.exec();
     if (ask.clickedButton() == now)
         startZipInstall();
@@ -266,8 +266,8 @@ void SoftwareUpdateClient::startZipInstall()
                              "following file/dir is missing: ")
               + folder.absolutePath() + QStringLiteral(" or ")
               + QFileInfo(updaterSource).fileName());
-    showError(m_parent, m_windowFlags, text("Installation failed"),
-              text("Installation process failed. If problem persists try manual install."));
+    showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+              Text::tr("Installation process failed. If problem persists try manual install."));
 }
 
 void SoftwareUpdateClient::installMSIPackage()

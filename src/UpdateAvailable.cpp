@@ -14,7 +14,7 @@
 namespace qv {
 
 using client::kCameraKind;
-using client::text;
+using client::Text;
 
 namespace {
 
@@ -61,12 +61,12 @@ void SoftwareUpdateClient::updateAvailable()
         const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
             + QStringLiteral(" MB");
         const QString languages
-            = p.type == kCameraKind ? joined(p.languages) : text("Multilingual");
+            = p.type == kCameraKind ? joined(p.languages) : Text::tr("Multilingual");
         rows << QStringList {nameAndRelease(p), size, p.suffix, languages, joined(p.platforms)};
     }
     m_updateAvailableDialog->setTableEntries(rows);
     m_updateAvailableDialog->setTableHeaders(
-        {text("Name"), text("File Size"), text("File Type"), text("Languages"), text("Platforms")});
+        {Text::tr("Name"), Text::tr("File Size"), Text::tr("File Type"), Text::tr("Languages"), Text::tr("Platforms")});
     m_updateAvailableDialog->show();
     m_updateAvailableDialog->activateWindow();
 }
@@ -100,7 +100,7 @@ void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList
     d->setRealeaseNotesButtonState(!p.releaseNotes.value(QStringLiteral("en")).isEmpty());
     const QString published = p.releaseDate.isNull()
         ? QString()
-        : text("Published on %1")
+        : Text::tr("Published on %1")
               .arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
     const QString link = p.url.toString();
     d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p) + QStringLiteral(", ") + p.type

@@ -35,7 +35,7 @@ using client::errorLine;
 using client::kApplicationKind;
 using client::kCameraKind;
 using client::progressLine;
-using client::text;
+using client::Text;
 
 // Scheduling.
 
@@ -274,7 +274,7 @@ int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
         errorLine(
             QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
         if (m_updateDialog)
-            m_updateDialog->setNotificationText(text("No update available!"));
+            m_updateDialog->setNotificationText(Text::tr("No update available!"));
         return 1;
     }
     SoftwareUpdateSettings settings;
@@ -319,7 +319,7 @@ void SoftwareUpdateClient::requestTimeout()
 {
     if (m_updateDialog) {
         m_updateDialog->disbaleProgress();
-        m_updateDialog->setNotificationText(text("Timeout error! Update server unreachable!"));
+        m_updateDialog->setNotificationText(Text::tr("Timeout error! Update server unreachable!"));
     }
     deleteNetworkmanager();
     errorLine(QStringLiteral(
@@ -329,7 +329,7 @@ void SoftwareUpdateClient::requestTimeout()
 void SoftwareUpdateClient::productUpToDate()
 {
     if (m_updateDialog)
-        m_updateDialog->setNotificationText(text("Congratulations! Your product is up-to-date!"));
+        m_updateDialog->setNotificationText(Text::tr("Congratulations! Your product is up-to-date!"));
     deleteNetworkmanager();
     progressLine(
         QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));

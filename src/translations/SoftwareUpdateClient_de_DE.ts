@@ -8,12 +8,12 @@
         <translation>Die heruntergeladene Datei konnte nicht entpackt werden:&lt;br&gt;</translation>
     </message>
     <message>
-        <source>Select Installation Path for '%1'</source>
-        <translation>Installationsordner für '%1' auswählen</translation>
+        <source>Select Installation Path for &apos;%1&apos;</source>
+        <translation>Installationsordner für &apos;%1&apos; auswählen</translation>
     </message>
     <message>
-        <source>Unpacking '%1'</source>
-        <translation>'%1' wird entpackt</translation>
+        <source>Unpacking &apos;%1&apos;</source>
+        <translation>&apos;%1&apos; wird entpackt</translation>
     </message>
 </context>
 <context>

@@ -5,15 +5,15 @@
     <name>DownloadManager</name>
     <message>
         <source>Downloaded file could not be unpacked:&lt;br&gt;</source>
-        <translation>Le fichier téléchargé n'a pas pu être décompressé :&lt;br&gt;</translation>
+        <translation>Le fichier téléchargé n&apos;a pas pu être décompressé&#xa0;:&lt;br&gt;</translation>
     </message>
     <message>
-        <source>Select Installation Path for '%1'</source>
-        <translation>Sélectionner le dossier d'installation pour '%1'</translation>
+        <source>Select Installation Path for &apos;%1&apos;</source>
+        <translation>Sélectionner le dossier d&apos;installation pour &apos;%1&apos;</translation>
     </message>
     <message>
-        <source>Unpacking '%1'</source>
-        <translation>Décompresser '%1'</translation>
+        <source>Unpacking &apos;%1&apos;</source>
+        <translation>Décompresser &apos;%1&apos;</translation>
     </message>
 </context>
 <context>
@@ -24,7 +24,7 @@
     </message>
     <message>
         <source>Select Packages from List:</source>
-        <translation>Sélectionnez des paquets dans la liste :</translation>
+        <translation>Sélectionnez des paquets dans la liste&#xa0;:</translation>
     </message>
     <message>
         <source>Show all languages</source>
@@ -48,26 +48,26 @@
     </message>
     <message>
         <source>You can download and install the package manually or start the installation immediately (only available for supported package types).</source>
-        <translation>Vous pouvez télécharger et installer le paquet manuellement ou lancer l'installation immédiatement (uniquement pour les types de paquets pris en charge).</translation>
+        <translation>Vous pouvez télécharger et installer le paquet manuellement ou lancer l&apos;installation immédiatement (uniquement pour les types de paquets pris en charge).</translation>
     </message>
     <message>
         <source>For more information and updates visit &lt;a href=&quot;https://www.quorvel.com/support/downloads/&quot;&gt;www.quorvel.com/support&lt;/a&gt;.</source>
-        <translation>Pour plus d'informations et les mises à jour, consultez &lt;a href=&quot;https://www.quorvel.com/fr/support/downloads/&quot;&gt;www.quorvel.com/fr/support&lt;/a&gt;.</translation>
+        <translation>Pour plus d&apos;informations et les mises à jour, consultez &lt;a href=&quot;https://www.quorvel.com/fr/support/downloads/&quot;&gt;www.quorvel.com/fr/support&lt;/a&gt;.</translation>
     </message>
 </context>
 <context>
     <name>SoftwareUpdateClient</name>
     <message>
         <source>No update available!</source>
-        <translation>Aucune mise à jour disponible !</translation>
+        <translation>Aucune mise à jour disponible&#xa0;!</translation>
     </message>
     <message>
         <source>Congratulations! Your product is up-to-date!</source>
-        <translation>Félicitations ! Votre produit est à jour !</translation>
+        <translation>Félicitations&#xa0;! Votre produit est à jour&#xa0;!</translation>
     </message>
     <message>
         <source>Timeout error! Update server unreachable!</source>
-        <translation>Délai dépassé ! Le serveur de mise à jour est injoignable !</translation>
+        <translation>Délai dépassé&#xa0;! Le serveur de mise à jour est injoignable&#xa0;!</translation>
     </message>
     <message>
         <source>Download Error</source>
@@ -75,7 +75,7 @@
     </message>
     <message>
         <source>Error downloading! Http status code %1</source>
-        <translation>Erreur de téléchargement ! Code d'état HTTP %1</translation>
+        <translation>Erreur de téléchargement&#xa0;! Code d&apos;état HTTP %1</translation>
     </message>
     <message>
         <source>Downloading package to temporary folder...</source>
@@ -83,7 +83,7 @@
     </message>
     <message>
         <source>After downloading the package, the installer will automatically exit and restart your application!</source>
-        <translation>Après le téléchargement du paquet, le programme d'installation fermera et redémarrera automatiquement votre application !</translation>
+        <translation>Après le téléchargement du paquet, le programme d&apos;installation fermera et redémarrera automatiquement votre application&#xa0;!</translation>
     </message>
     <message>
         <source>Install Package</source>
@@ -91,7 +91,7 @@
     </message>
     <message>
         <source>Cancel Install</source>
-        <translation>Annuler l'installation</translation>
+        <translation>Annuler l&apos;installation</translation>
     </message>
     <message>
         <source>Proceed</source>
@@ -99,15 +99,15 @@
     </message>
     <message>
         <source>Installation failed</source>
-        <translation>L'installation a échouée</translation>
+        <translation>L&apos;installation a échouée</translation>
     </message>
     <message>
         <source>Installation process failed. If problem persists try manual install.</source>
-        <translation>L'installation a échoué. Si le problème persiste, essayez une installation manuelle.</translation>
+        <translation>L&apos;installation a échoué. Si le problème persiste, essayez une installation manuelle.</translation>
     </message>
     <message>
         <source>Unknown package type! Installation cannot proceed!</source>
-        <translation>Type de paquet inconnu ! L'installation ne peut pas continuer !</translation>
+        <translation>Type de paquet inconnu&#xa0;! L&apos;installation ne peut pas continuer&#xa0;!</translation>
     </message>
     <message>
         <source>Restart required</source>
@@ -115,7 +115,7 @@
     </message>
     <message>
         <source>Please restart your application to finish the installation process.</source>
-        <translation>Veuillez redémarrer votre application pour terminer l'installation.</translation>
+        <translation>Veuillez redémarrer votre application pour terminer l&apos;installation.</translation>
     </message>
     <message>
         <source>Restart now</source>
@@ -166,7 +166,7 @@
     </message>
     <message>
         <source>Current version:</source>
-        <translation>Version actuelle :</translation>
+        <translation>Version actuelle&#xa0;:</translation>
     </message>
     <message>
         <source>Check Now</source>
@@ -178,7 +178,7 @@
     </message>
     <message>
         <source>Check for updates:</source>
-        <translation>Rechercher des mises à jour :</translation>
+        <translation>Rechercher des mises à jour&#xa0;:</translation>
     </message>
     <message>
         <source>At application start</source>
@@ -202,7 +202,7 @@
     </message>
     <message>
         <source>Update server URL:</source>
-        <translation>URL du serveur de mise à jour :</translation>
+        <translation>URL du serveur de mise à jour&#xa0;:</translation>
     </message>
 </context>
 </TS>

@@ -1,0 +1,26 @@
+# Fails when the committed .ts files are not what lupdate makes of the library's sources and
+# forms: a new or changed visible text must be regenerated (the update_translations target) and
+# translated. Arguments: LUPDATE, SOURCE_DIR (src/), WORK_DIR.
+file(REMOVE_RECURSE "${WORK_DIR}")
+file(MAKE_DIRECTORY "${WORK_DIR}")
+file(GLOB committed "${SOURCE_DIR}/translations/*.ts")
+set(copies)
+foreach(ts ${committed})
+  get_filename_component(name "${ts}" NAME)
+  configure_file("${ts}" "${WORK_DIR}/${name}" COPYONLY)
+  list(APPEND copies "${WORK_DIR}/${name}")
+endforeach()
+execute_process(COMMAND "${LUPDATE}" -locations none -no-obsolete -silent "${SOURCE_DIR}" -ts ${copies}
+                RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "lupdate failed: ${result}")
+endif()
+foreach(ts ${committed})
+  get_filename_component(name "${ts}" NAME)
+  file(READ "${ts}" before)
+  file(READ "${WORK_DIR}/${name}" after)
+  if(NOT before STREQUAL after)
+    message(FATAL_ERROR "${name} is not what lupdate makes of the sources: build the target update_translations and translate")
+  endif()
+endforeach()
+message(STATUS "translations match the sources")
