@@ -4,10 +4,12 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QMutex>
+#include <QPointer>
 #include <QProgressDialog>
 #include <QSet>
 
@@ -18,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <thread>
 
@@ -164,7 +167,7 @@ QMutex WorkingFolder::s_mutex;
 // The extraction proper, on a thread of its own (see WorkingFolder).
 void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QString &target,
                bool overwrite, const ZipReader::Limits &limits, const std::atomic<bool> &canceled,
-               std::atomic<qint64> &done, QString &error)
+               const std::function<void(qint64)> &entryDone, QString &error)
 {
     try {
         const WorkingFolder inside(target);
@@ -182,6 +185,7 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
         };
 
         qint64 entries = 0;
+        qint64 done = 0;
         qint64 written = 0;
         QHash<QByteArray, bool> isFolder; // every path written, and the folders above them
         QList<QByteArray> links;
@@ -260,7 +264,7 @@ void extractIn(const QString &archiveFile, const QSet<QString> *wanted, const QS
                 throw IOException(QStringLiteral("%1: %2").arg(name, outError()));
             if (type == AE_IFLNK)
                 links.append(path);
-            ++done;
+            entryDone(++done);
         }
         // A link written early may lead out through one written later (`l1 -> d/..`, then
         // `d -> .`): every link is judged again against the finished tree.
@@ -351,27 +355,47 @@ void ZipReader::extract(const QStringList *files, qint64 expected, const QString
     if (files)
         wanted = QSet<QString>(files->cbegin(), files->cend());
     const QString target = QDir(targetFolder).absolutePath();
-    std::atomic<qint64> done {0};
-    std::atomic<bool> finished {false};
     QString error;
     // An archive given by a relative path is found from the caller's folder.
     const QString archivePath = QFileInfo(m_file).absoluteFilePath();
+
+    // Without a dialog the caller simply waits. With one, an event loop runs until the worker
+    // ends: progress arrives as queued calls, Cancel is heard, and the dialog is the only window
+    // that takes input meanwhile.
+    QEventLoop loop;
+    QObject inbox; // queued calls from the worker land here, and die with it
+    QPointer<QProgressDialog> progress = m_progress;
+    if (progress) {
+        progress->setRange(0, int(qMin<qint64>(expected, INT_MAX)));
+        progress->setWindowModality(Qt::ApplicationModal);
+        QObject::connect(progress, &QProgressDialog::canceled, &inbox,
+                         [this] { m_canceled = true; });
+        QObject::connect(progress, &QObject::destroyed, &inbox, [this] { m_canceled = true; });
+    }
+    const bool reporting = !progress.isNull();
+    const auto entryDone = [this, &inbox, progress, reporting](qint64 done) {
+        if (reporting) { // on the worker: the dialog itself is only touched on its own thread
+            QMetaObject::invokeMethod(
+                &inbox,
+                [this, progress, done] {
+                    // cancel() called directly sets the flag without a signal
+                    if (!progress || progress->wasCanceled())
+                        m_canceled = true;
+                    else
+                        progress->setValue(int(qMin<qint64>(done, progress->maximum())));
+                },
+                Qt::QueuedConnection);
+        }
+    };
     std::thread worker([&] {
         extractIn(archivePath, files ? &wanted : nullptr, target, overwrite, m_limits, m_canceled,
-                  done, error);
-        finished = true;
+                  entryDone, error);
+        if (reporting)
+            QMetaObject::invokeMethod(
+                &inbox, [&loop] { loop.quit(); }, Qt::QueuedConnection);
     });
-    if (m_progress) {
-        // The caller's thread keeps its dialog alive meanwhile.
-        m_progress->setRange(0, int(qMin<qint64>(expected, INT_MAX)));
-        while (!finished) {
-            m_progress->setValue(int(done));
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-            if (!m_progress || m_progress->wasCanceled())
-                m_canceled = true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-    }
+    if (reporting)
+        loop.exec();
     worker.join();
     if (m_progress && !m_canceled)
         m_progress->setValue(m_progress->maximum());
