@@ -3,6 +3,7 @@
 #include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
 #include <TestHttpServer.h>
+#include <TestSupport.h>
 #include <qv/LogQt.h>
 
 #include <QAbstractButton>
@@ -31,55 +32,12 @@ using qv::SoftwareUpdateClient;
 using qv::SoftwareUpdateDialog;
 using qv::SoftwareUpdateSettings;
 using qv::VersionNumber;
+using namespace suc::test;
 
 // Package downloads always use port 80: this test has a loopback of its own.
 SUC_PRIVATE_NETWORK_BEFORE_MAIN
 
 namespace {
-
-QByteArray testData(const QString &name)
-{
-    QFile f(QFINDTESTDATA("data/" + name));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-template<typename T> T *openDialog()
-{
-    for (QWidget *w : QApplication::topLevelWidgets()) {
-        if (auto *d = qobject_cast<T *>(w); d && d->isVisible())
-            return d;
-    }
-    return nullptr;
-}
-
-// Clicks the button with the given text in every modal message box that opens, and keeps the
-// boxes' titles and texts.
-class BoxAnswerer : public QObject {
-public:
-    explicit BoxAnswerer(const QStringList &choices) : m_choices(choices)
-    {
-        auto *timer = new QTimer(this);
-        connect(timer, &QTimer::timeout, this, [this] {
-            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-            if (!box)
-                return;
-            seen << box->windowTitle() + " | " + box->text();
-            for (QAbstractButton *b : box->buttons()) {
-                if (m_choices.contains(b->text())
-                    || (m_choices.isEmpty() && box->buttonRole(b) == QMessageBox::AcceptRole)) {
-                    b->click();
-                    return;
-                }
-            }
-            box->buttons().first()->click();
-        });
-        timer->start(10);
-    }
-    QStringList seen;
-
-private:
-    QStringList m_choices;
-};
 
 // Records what would have opened in the browser.
 class UrlRecorder : public QObject {
@@ -128,16 +86,13 @@ class TestClient : public QObject {
             return "no dialog";
         auto *line = dialog->findChild<QLabel *>("updateNotificationLabel");
         Q_EMIT dialog->checkForUpdate();
-        QElapsedTimer t;
-        t.start();
-        while (t.elapsed() < 20000) {
-            QTest::qWait(10);
-            if (openDialog<SoftwareUpdateAvailableDialog>())
-                return "<packages>";
-            if (!line->text().isEmpty())
-                return line->text();
-        }
-        return "no outcome";
+        if (!QTest::qWaitFor(
+                [&] {
+                    return openDialog<SoftwareUpdateAvailableDialog>() || !line->text().isEmpty();
+                },
+                20000))
+            return "no outcome";
+        return openDialog<SoftwareUpdateAvailableDialog>() ? "<packages>" : line->text();
     }
     QStringList tableNames()
     {
@@ -191,7 +146,7 @@ private Q_SLOTS:
         m_client.reset();
         for (QWidget *w : QApplication::topLevelWidgets())
             w->deleteLater();
-        QTest::qWait(1);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 
     void checkOutcomes_data()
@@ -315,9 +270,12 @@ private Q_SLOTS:
     void backgroundCheckThatFindsNothingIsSilent()
     {
         makeClient("2.11");
+        LogWatcher log;
+        qv::LogQt::setLevel(qv::Log::Debug);
         m_client->checkForUpdate(0);
-        QTRY_COMPARE(m_requests, 1);
-        QTest::qWait(100);
+        QTRY_VERIFY(log.saw("product is up to date!"));
+        qv::LogQt::setLevel(qv::Log::Warning);
+        QCOMPARE(m_requests, 1);
         QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
         QVERIFY(!openDialog<SoftwareUpdateDialog>());
         QVERIFY(!QApplication::activeModalWidget());
@@ -357,9 +315,15 @@ private Q_SLOTS:
             QTest::ignoreMessage(
                 QtCriticalMsg,
                 "SoftwareUpdateClient::parseServerResponse() -> no update available");
+        LogWatcher log;
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
-        QTRY_COMPARE(m_requests, fires ? 1 : 0);
-        QTest::qWait(200); // the answer is evaluated, or nothing was asked
+        // A check stamps the last check at once; without one the stamp stays.
+        m_client->getCurrentSettings(&s);
+        QCOMPARE(s.lastCheck.isValid() && s.lastCheck.secsTo(QDateTime::currentDateTime()) < 60,
+                 fires);
+        if (fires)
+            QTRY_VERIFY(log.saw("no update available"));
+        QCOMPARE(m_requests, fires ? 1 : 0);
     }
 
     void openSettingsDialogSuppressesTheRhythm()
@@ -369,8 +333,7 @@ private Q_SLOTS:
         m_client->queryForUpdate({}, false);
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
         m_client->checkForUpdate(0);
-        QTest::qWait(200);
-        QCOMPARE(m_requests, 0);
+        QVERIFY(!store().contains("lastCheck")); // a check would have stamped it at once
         m_client->queryForUpdate({}, false); // the same dialog, raised again
         int dialogs = 0;
         for (QWidget *w : QApplication::topLevelWidgets())
@@ -399,10 +362,16 @@ private Q_SLOTS:
             QTest::ignoreMessage(
                 QtCriticalMsg,
                 "SoftwareUpdateClient::parseServerResponse() -> no update available");
+        LogWatcher log;
         m_client->doInitialCheck(300);
-        QTest::qWait(100);
         QCOMPARE(m_requests, 0); // not before the delay
-        QTest::qWait(600);
+        // The delay is a single-shot timer of the client, made only when a check is due.
+        int delays = 0;
+        for (QTimer *t : m_client->findChildren<QTimer *>())
+            delays += t->isSingleShot() && t->isActive() && t->interval() == 300;
+        QTEST(delays, "requests");
+        if (delays)
+            QTRY_VERIFY(log.saw("no update available"));
         QTEST(m_requests, "requests");
     }
 
@@ -574,7 +543,7 @@ private Q_SLOTS:
         Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
         QTRY_COMPARE(packages.requests().size(), downloads);
         QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= answers.size(), 10000);
-        QTest::qWait(100);
+        QTRY_VERIFY(!QApplication::activeModalWidget());
         QVERIFY2(answerer.seen.last().startsWith(box), qPrintable(answerer.seen.join('\n')));
         QVERIFY(!QApplication::activeModalWidget());
         if (downloads)

@@ -179,35 +179,24 @@ private Q_SLOTS:
 
     // Junk never crashes; stored booleans read as Qt reads them (any text but "", "0" and "false"
     // is true, "no" too), and a date is whatever Qt decodes, before 1970 included.
+    // Every file of tests/data/corrupt-settings; its first line says what is read back:
+    // "; expect: <doUpdateCheck> <checkForBeta> [<lastCheck>]".
     void corruptStoreFallsBackToDefaults_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<bool>("doCheck");
         QTest::addColumn<bool>("beta");
         QTest::addColumn<QDateTime>("lastCheck");
-        QTest::newRow("junk text")
-            << QByteArray("[General]\ndoUpdateCheck=junk\ncheckForBeta=maybe\n"
-                          "updateInterval=soon\nlastCheck=yesterday\n"
-                          "versionNumber=abc\n")
-            << true << true << QDateTime();
-        QTest::newRow("no reads as true")
-            << QByteArray("[General]\ndoUpdateCheck=no\ncheckForBeta=no\n") << true << true
-            << QDateTime();
-        QTest::newRow("false and 0")
-            << QByteArray("[General]\ndoUpdateCheck=false\ncheckForBeta=0\n") << false << false
-            << QDateTime();
-        QTest::newRow("wrong types")
-            << QByteArray("[General]\ndoUpdateCheck=@Variant(\\0\\0\\0\\x7f\\0\\0\\0)\n"
-                          "checkForBeta=@ByteArray(\\xff\\xfe)\nupdateInterval=1,2,3\n"
-                          "lastCheck=@Rect(1 2 3 4)\nsupportedPlatforms=@Point(1 2)\n")
-            << true << true << QDateTime();
-        QTest::newRow("before 1970")
-            << QByteArray("[General]\nlastCheck=1969-12-31T00:00:00\n") << true << false
-            << QDateTime(QDate(1969, 12, 31), QTime(0, 0));
-        QTest::newRow("binary garbage")
-            << QByteArray::fromHex("0001fffe5b5b5b3d0a7f3d3d0a") << true << false << QDateTime();
-        QTest::newRow("no section, odd keys")
-            << QByteArray("=\n\\\\=\\\n[\n") << true << false << QDateTime();
+        const QDir corrupt(QStringLiteral(SUC_TEST_DATA_DIR "/corrupt-settings"));
+        for (const QString &name : corrupt.entryList(QDir::Files)) {
+            QFile f(corrupt.filePath(name));
+            QVERIFY(f.open(QIODevice::ReadOnly));
+            const QByteArray content = f.readAll();
+            const QList<QByteArray> expect = content.left(content.indexOf('\n')).split(' ');
+            QTest::newRow(qPrintable(name))
+                << content << (expect.value(2) == "true") << (expect.value(3) == "true")
+                << QDateTime::fromString(QString::fromLatin1(expect.value(4)), Qt::ISODate);
+        }
     }
     void corruptStoreFallsBackToDefaults()
     {

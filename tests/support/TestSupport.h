@@ -1,0 +1,122 @@
+#pragma once
+
+// Helpers that several test programs share: test data, modal boxes, open dialogs, port 80.
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDirIterator>
+#include <QFile>
+#include <QMessageBox>
+#include <QMutex>
+#include <QTcpServer>
+#include <QTimer>
+#include <QtTest>
+
+#include <algorithm>
+
+namespace suc::test {
+
+/// A file of tests/data, whole; empty when it cannot be read.
+inline QByteArray testData(const QString &name)
+{
+    QFile f(QStringLiteral(SUC_TEST_DATA_DIR "/") + name);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+/// The visible top-level dialog of type T, or null.
+template<typename T> T *openDialog()
+{
+    for (QWidget *w : QApplication::topLevelWidgets()) {
+        if (auto *d = qobject_cast<T *>(w); d && d->isVisible())
+            return d;
+    }
+    return nullptr;
+}
+
+/// Answers every modal message box that opens: clicks the button whose text is one of
+/// `choices` (with none given, the accepting one), and keeps each box's "title | text".
+class BoxAnswerer : public QObject {
+public:
+    explicit BoxAnswerer(const QStringList &choices = {}) : m_choices(choices)
+    {
+        auto *timer = new QTimer(this);
+        connect(timer, &QTimer::timeout, this, [this] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box)
+                return;
+            seen << box->windowTitle() + " | " + box->text();
+            const QList<QAbstractButton *> buttons = box->buttons();
+            for (QAbstractButton *b : buttons) {
+                if (m_choices.contains(b->text())
+                    || (m_choices.isEmpty() && box->buttonRole(b) == QMessageBox::AcceptRole)) {
+                    b->click();
+                    return;
+                }
+            }
+            buttons.first()->click();
+        });
+        timer->start(10);
+    }
+    QStringList seen;
+
+private:
+    QStringList m_choices;
+};
+
+/// Keeps every log message while it lives (and passes each on, so QTest::ignoreMessage still
+/// works): a test waits for a line with QTRY_VERIFY(log.saw(...)) instead of sleeping.
+class LogWatcher {
+public:
+    LogWatcher() : m_previous(qInstallMessageHandler(handler)) { s_self = this; }
+    ~LogWatcher()
+    {
+        qInstallMessageHandler(m_previous);
+        s_self = nullptr;
+    }
+    bool saw(const QString &part) const
+    {
+        QMutexLocker lock(&m_mutex);
+        return std::any_of(m_lines.cbegin(), m_lines.cend(),
+                           [&part](const QString &line) { return line.contains(part); });
+    }
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext &context, const QString &message)
+    {
+        if (LogWatcher *self = s_self) {
+            {
+                QMutexLocker lock(&self->m_mutex);
+                self->m_lines << message;
+            }
+            self->m_previous(type, context, message);
+        }
+    }
+    inline static LogWatcher *s_self = nullptr;
+    QtMessageHandler m_previous;
+    mutable QMutex m_mutex;
+    QStringList m_lines;
+};
+
+/// Every entry below `dir`, relative and sorted.
+inline QStringList filesBelow(const QString &dir)
+{
+    QStringList out;
+    QDirIterator it(dir, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System | QDir::Hidden,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        out << QDir(dir).relativeFilePath(it.next());
+    out.sort();
+    return out;
+}
+
+} // namespace suc::test
+
+/// Binds `server` to 127.0.0.1:80, where package downloads always go, or skips the test. The
+/// test programs that use it run in a network namespace of their own (PrivateNetwork.h), so
+/// nothing outside can hold the port.
+#define SUC_LISTEN_ON_PORT_80(server)                                                              \
+    do {                                                                                           \
+        if (!(server).listen(QHostAddress::LocalHost, 80))                                         \
+            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here "   \
+                  "(run as root to get a network namespace of its own)");                          \
+    } while (false)
