@@ -19,7 +19,7 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 cmake --build "$build" -j2 --target catalogue_fuzz
 corpus="$build/corpus"
 mkdir -p "$corpus"
-cp tests/data/*.xml "$corpus/" 2>/dev/null || true
+cp tests/data/*.xml tests/data/hostile-xml/*.xml "$corpus/" 2>/dev/null || true
 export ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 "$build/fuzz/catalogue_fuzz" -max_total_time="$seconds" -max_len=65536 -rss_limit_mb=4096 \
