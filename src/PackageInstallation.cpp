@@ -50,10 +50,11 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
-    QMessageBox confirm(QMessageBox::Warning, Text::tr("Install Package"),
-                        Text::tr("After downloading the package, the installer will automatically exit "
-                             "and restart your application!"),
-                        QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
+    QMessageBox confirm(
+        QMessageBox::Warning, Text::tr("Install Package"),
+        Text::tr("After downloading the package, the installer will automatically exit "
+                 "and restart your application!"),
+        QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
     QPushButton *cancel = confirm.addButton(Text::tr("Cancel Install"), QMessageBox::RejectRole);
     confirm.addButton(Text::tr("Proceed"), QMessageBox::AcceptRole);
     confirm.exec();

@@ -65,8 +65,9 @@ void SoftwareUpdateClient::updateAvailable()
         rows << QStringList {nameAndRelease(p), size, p.suffix, languages, joined(p.platforms)};
     }
     m_updateAvailableDialog->setTableEntries(rows);
-    m_updateAvailableDialog->setTableHeaders(
-        {Text::tr("Name"), Text::tr("File Size"), Text::tr("File Type"), Text::tr("Languages"), Text::tr("Platforms")});
+    m_updateAvailableDialog->setTableHeaders({Text::tr("Name"), Text::tr("File Size"),
+                                              Text::tr("File Type"), Text::tr("Languages"),
+                                              Text::tr("Platforms")});
     m_updateAvailableDialog->show();
     m_updateAvailableDialog->activateWindow();
 }

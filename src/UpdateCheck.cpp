@@ -329,7 +329,8 @@ void SoftwareUpdateClient::requestTimeout()
 void SoftwareUpdateClient::productUpToDate()
 {
     if (m_updateDialog)
-        m_updateDialog->setNotificationText(Text::tr("Congratulations! Your product is up-to-date!"));
+        m_updateDialog->setNotificationText(
+            Text::tr("Congratulations! Your product is up-to-date!"));
     deleteNetworkmanager();
     progressLine(
         QStringLiteral("SoftwareUpdateClient::productUpToDate() -> product is up to date!"));
