@@ -1,6 +1,7 @@
 #include <qv/Exceptions.h>
 #include <qv/FileUtils.h>
 #include <qv/LogQt.h>
+#include <qv/Minisign.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
 #include <qv/StringUtils.h>
@@ -9,6 +10,7 @@
 #include <QLoggingCategory>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <TestSupport.h>
 
 #include <sys/stat.h>
 
@@ -328,6 +330,64 @@ private Q_SLOTS:
             QCOMPARE(qv::FileUtils::readBytes(path).size(), 101);
         }
         QVERIFY_THROWS_EXCEPTION(qv::IOException, qv::FileUtils::readBytes(path, 100));
+    }
+
+    // Signatures written by the minisign tool, in both of its forms, against our verifier.
+    void minisignSignatures_data()
+    {
+        QTest::addColumn<bool>("legacy");
+        QTest::addColumn<QString>("damage"); // what is done to the file or signature first
+        QTest::addColumn<int>("result");
+        for (bool legacy : {false, true}) {
+            const QString form = legacy ? "legacy, " : "pre-hashed, ";
+            QTest::newRow(qPrintable(form + "valid")) << legacy << "" << int(qv::Minisign::Valid);
+            QTest::newRow(qPrintable(form + "second of two keys"))
+                << legacy << "second key" << int(qv::Minisign::Valid);
+            QTest::newRow(qPrintable(form + "one byte changed"))
+                << legacy << "byte" << int(qv::Minisign::BadSignature);
+            QTest::newRow(qPrintable(form + "trusted comment changed"))
+                << legacy << "comment" << int(qv::Minisign::BadSignature);
+            QTest::newRow(qPrintable(form + "wrong key"))
+                << legacy << "wrong key" << int(qv::Minisign::UnknownKey);
+        }
+        QTest::newRow("junk") << false << "junk" << int(qv::Minisign::Malformed);
+        QTest::newRow("huge") << false << "huge" << int(qv::Minisign::Malformed);
+        QTest::newRow("empty") << false << "empty" << int(qv::Minisign::Malformed);
+    }
+    void minisignSignatures()
+    {
+        QFETCH(bool, legacy);
+        QFETCH(QString, damage);
+        QFETCH(int, result);
+        QTemporaryDir dir;
+        suc::test::MinisignTool signer(dir.path()), other(dir.path(), "other");
+        QVERIFY(signer.isValid() && other.isValid());
+        QFile f(dir.filePath("catalogue.xml"));
+        QVERIFY(f.open(QIODevice::WriteOnly));
+        f.write("<softwareList serial='1'/>");
+        f.close();
+        QVERIFY(signer.sign(f.fileName(), legacy));
+        QFile sigFile(f.fileName() + ".minisig");
+        QVERIFY(sigFile.open(QIODevice::ReadOnly));
+        QByteArray signature = sigFile.readAll();
+        QByteArray message = "<softwareList serial='1'/>";
+        QList<qv::MinisignKey> keys {qv::MinisignKey::fromText(signer.publicKey())};
+        if (damage == "second key")
+            keys.prepend(qv::MinisignKey::fromText(other.publicKey()));
+        else if (damage == "wrong key")
+            keys = {qv::MinisignKey::fromText(other.publicKey())};
+        else if (damage == "byte")
+            message[15] = 'X';
+        else if (damage == "comment")
+            signature.replace("signed for the tests", "signed for the tests!");
+        else if (damage == "junk")
+            signature = "untrusted comment: x\nnot base64 at all\ntrusted comment: y\n????\n";
+        else if (damage == "huge")
+            signature += QByteArray(qv::Minisign::maxSignatureSize, '\n');
+        else if (damage == "empty")
+            signature.clear();
+        QVERIFY(keys.last().isValid());
+        QCOMPARE(int(qv::Minisign::verify(message, signature, keys).result), result);
     }
 };
 

@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QMessageBox>
 #include <QMutex>
+#include <QProcess>
 #include <QTcpServer>
 #include <QTimer>
 #include <QtTest>
@@ -95,6 +96,52 @@ private:
     QtMessageHandler m_previous;
     mutable QMutex m_mutex;
     QStringList m_lines;
+};
+
+/// A key pair made by the real minisign tool, which also signs: fixtures are never signed by
+/// our own code alone.
+class MinisignTool {
+public:
+    explicit MinisignTool(const QString &folder, const QString &name = QStringLiteral("key"))
+        : m_pub(folder + "/" + name + ".pub"), m_sec(folder + "/" + name + ".key")
+    {
+        QDir().mkpath(folder);
+        m_ok = run({"-G", "-f", "-W", "-p", m_pub, "-s", m_sec});
+    }
+    bool isValid() const { return m_ok; }
+    /// The base64 line of the public key, as a host configures it.
+    QString publicKey() const
+    {
+        QFile f(m_pub);
+        return f.open(QIODevice::ReadOnly)
+            ? QString::fromLatin1(f.readAll().split('\n').value(1).trimmed())
+            : QString();
+    }
+    QString secretKeyFile() const { return m_sec; }
+    QString publicKeyFile() const { return m_pub; }
+    /// Writes `file`.minisig (or `signature`), pre-hashed or in the legacy form.
+    bool sign(const QString &file, bool legacy = false, const QString &signature = QString()) const
+    {
+        QStringList args {"-S", "-s", m_sec, "-m", file, "-t", "signed for the tests"};
+        if (legacy)
+            args << "-l";
+        if (!signature.isEmpty())
+            args << "-x" << signature;
+        return run(args);
+    }
+
+private:
+    static bool run(const QStringList &args)
+    {
+        QProcess p;
+        p.start("minisign", args);
+        p.closeWriteChannel();
+        return p.waitForFinished(20000) && p.exitStatus() == QProcess::NormalExit
+            && p.exitCode() == 0;
+    }
+    QString m_pub;
+    QString m_sec;
+    bool m_ok = false;
 };
 
 /// Every entry below `dir`, relative and sorted.
