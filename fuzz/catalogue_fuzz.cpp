@@ -62,6 +62,7 @@ void compareWithWalk(const QByteArray &bytes, const PackageInfoList &parsed)
         require(p.status == DownloadManager::findString(e, "status"), "status");
         require(p.release == DownloadManager::findString(e, "release"), "release");
         require(p.comment == DownloadManager::findString(e, "comment"), "comment");
+        require(p.sha256 == DownloadManager::findString(e, "sha256").trimmed().toLower(), "sha256");
         QStringSet platforms, languages;
         DownloadManager::findAllStrings(e, "platform", platforms);
         DownloadManager::findAllStrings(e, "language", languages);

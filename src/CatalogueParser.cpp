@@ -42,6 +42,9 @@ const QString DownloadManager::BASE_URL = QStringLiteral("base-url");
 const QString DownloadManager::FILE_SIZE = QStringLiteral("file-size");
 const QString DownloadManager::PLATFORM = QStringLiteral("platform");
 const QString DownloadManager::COMMENT = QStringLiteral("comment");
+const QString DownloadManager::SHA256 = QStringLiteral("sha256");
+const QString DownloadManager::SERIAL = QStringLiteral("serial");
+const QString DownloadManager::EXPIRES = QStringLiteral("expires");
 
 namespace {
 
@@ -63,6 +66,7 @@ enum Tag {
     TagFileSize,
     TagPlatform,
     TagComment,
+    TagSha256,
     TagCount
 };
 
@@ -85,6 +89,7 @@ int tagId(const QString &name)
         {DownloadManager::FILE_SIZE, TagFileSize},
         {DownloadManager::PLATFORM, TagPlatform},
         {DownloadManager::COMMENT, TagComment},
+        {DownloadManager::SHA256, TagSha256},
     };
     return ids.value(name, -1);
 }
@@ -276,6 +281,7 @@ void fillPackage(const Chain *packageLevel, PackageInfo &info, DateCache &dates)
         info.fileSize = DownloadManager::parseFileSize(chainString(c, TagFileSize));
         info.suffix = DownloadManager::parsePackageSuffix(info.url.toString());
         info.comment = chainString(c, TagComment);
+        info.sha256 = chainString(c, TagSha256).trimmed().toLower();
         return 0;
     });
 }

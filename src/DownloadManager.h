@@ -62,6 +62,10 @@ public:
     static const QString FILE_SIZE;
     static const QString PLATFORM;
     static const QString COMMENT;
+    // Trust values: a package's hash, and the document element's publication number and expiry.
+    static const QString SHA256;
+    static const QString SERIAL;
+    static const QString EXPIRES;
 
     /// Meta-type id of qv::PackageInfoList, registered when the library loads.
     static int qMetaTypes;

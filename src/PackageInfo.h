@@ -52,6 +52,9 @@ public:
     bool spareFlag = false;
     QString suffix;
     QString comment;
+    /// SHA-256 of the package file (64 lower-case hex digits) from the catalogue's "sha256";
+    /// empty when it names none. Checked when trusted keys are configured.
+    QString sha256;
 
     QString displayName(bool usePublic) const;
     QString displayReleaseVersion(bool usePublic) const;

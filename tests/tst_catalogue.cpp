@@ -73,6 +73,8 @@ QString field(const PackageInfo &p, const QString &name)
         return p.suffix;
     if (name == "comment")
         return p.comment;
+    if (name == "sha256")
+        return p.sha256;
     if (name == "releaseNotes(de)")
         return p.releaseNotesUrl("de_DE", "en").toString();
     qFatal("unknown field %s", qPrintable(name));
@@ -156,6 +158,9 @@ private Q_SLOTS:
                                                      << "";
         QTest::newRow("empty element is a definition") << inh << 3 << "status"
                                                        << "";
+        QTest::newRow("hash inherited from the set") << inh << 1 << "sha256" << QString(64, 'a');
+        QTest::newRow("hash element, trimmed and lower case")
+            << inh << 2 << "sha256" << QString("b0").repeated(32);
         QTest::newRow("text kept as it stands") << inh << 3 << "comment"
                                                 << "  spaced comment  ";
         QTest::newRow("no url gives the base url") << inh << 3 << "url"
@@ -232,6 +237,7 @@ private Q_SLOTS:
                 {"status", &PackageInfo::status},
                 {"comment", &PackageInfo::comment},
             };
+            QCOMPARE(p.sha256, DownloadManager::findString(e, "sha256").trimmed().toLower());
             for (const auto &[tag, member] : singles)
                 QCOMPARE(p.*member, DownloadManager::findString(e, tag));
             QStringSet platforms, languages;
