@@ -1,5 +1,6 @@
 #include "DownloadManager.h"
 
+#include "CatalogueTrust.h"
 #include "Logging.h"
 
 #include <qv/Exceptions.h>
@@ -23,6 +24,14 @@ const QString kVersionKey = QStringLiteral("ver");
 // Settings of this version or older move to the built-in update server.
 const int kLastMigratedVersion = 2;
 const int kStoredVersion = 3;
+const QString kSerialGroup = QStringLiteral("catalogue-serial");
+
+// A query whose catalogue waits for its signature.
+struct SignedQuery {
+    DownloadManager::RequestData query;
+    QByteArray catalogue;
+    QString server;
+};
 } // namespace
 
 DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
@@ -30,6 +39,7 @@ DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
 {
     this->host.path = path;
     connectRelays();
+    setTrustedKeys(CatalogueTrust::builtInKeys());
 }
 
 DownloadManager::DownloadManager(const QUrl &server) : regularCheck(true)
@@ -37,16 +47,27 @@ DownloadManager::DownloadManager(const QUrl &server) : regularCheck(true)
     setServer(server);
     httpClient.setHost(host);
     connectRelays();
+    setTrustedKeys(CatalogueTrust::builtInKeys());
 }
 
 DownloadManager::DownloadManager(QSettings &settings, const QString &cacheFile)
     : regularCheck(false)
 {
+    setTrustedKeys(CatalogueTrust::builtInKeys());
     loadHistory(settings, cacheFile);
     connectRelays();
 }
 
-DownloadManager::DownloadManager() = default;
+DownloadManager::DownloadManager()
+{
+    setTrustedKeys(CatalogueTrust::builtInKeys());
+}
+
+void DownloadManager::setTrustedKeys(const QStringList &publicKeys)
+{
+    trustedKeyTexts = publicKeys;
+    keys = CatalogueTrust::readKeys(publicKeys, "DownloadManager::setTrustedKeys()");
+}
 
 DownloadManager::~DownloadManager() = default;
 
@@ -127,11 +148,28 @@ void DownloadManager::queryResult(RequestPtr resp)
     if (resp->responseHeader().hasKey(QStringLiteral("set-cookie")))
         cookie = resp->responseHeader().value(QStringLiteral("set-cookie"));
     RequestData *context = resp->userDataAs<RequestData>();
+    RequestData empty;
+    if (!trustedKeyTexts.isEmpty() && !resp->bodyTooLarge()) {
+        // Nothing is parsed before the signature beside it verifies.
+        const QUrl catalogueUrl = resp->urls().value(0);
+        const QUrl signatureUrl(resp->urls().last().toString() + QStringLiteral(".minisig"));
+        HttpHost target = host;
+        target.server.setUrl(signatureUrl);
+        target.path = HttpClient::encodedUrlPath(signatureUrl);
+        httpClient.setHost(target);
+        RequestPtr request = httpClient.prepareGet(QString(), QMap<QString, QVariant>(), this,
+                                                   SLOT(signatureResult(RequestPtr)), nullptr,
+                                                   qvb::smart<QIODevice>());
+        request->setMaximumMemoryBody(Minisign::maxSignatureSize);
+        request->adoptUserData(
+            new SignedQuery {context ? *context : empty, buffer->data(), catalogueUrl.toString()});
+        httpClient.execute(request);
+        return;
+    }
     // An answer over the catalogue limit was dropped unread: it counts as malformed, and the
     // copy of the last answer stays as it was.
     if (!resp->bodyTooLarge())
         lastAnswer = buffer->data();
-    RequestData empty;
     // The receivers of the signals below may delete the manager.
     const QPointer<DownloadManager> self(this);
     queryResult(buffer, context ? context : &empty);
@@ -139,9 +177,54 @@ void DownloadManager::queryResult(RequestPtr resp)
         Q_EMIT queryFinished();
 }
 
+void DownloadManager::signatureResult(RequestPtr request)
+{
+    SignedQuery *signedQuery = request->userDataAs<SignedQuery>();
+    if (!signedQuery)
+        return;
+    const QByteArray signature
+        = request->error() == ::RequestData::NoError && request->statusCode() == 200
+        ? request->getResponseBuffer()->data()
+        : QByteArray();
+    const CatalogueTrust::Outcome outcome
+        = CatalogueTrust::check(signedQuery->catalogue, signature, keys,
+                                acceptedSerials.value(signedQuery->server, -1));
+    if (outcome.verdict != CatalogueTrust::Trusted) {
+        LogQt::write(
+            lcDownload(), Log::Error,
+            QStringLiteral("DownloadManager::queryResult() -> refusing the catalogue of %1: %2")
+                .arg(signedQuery->server, outcome.reason));
+        finishRefusedQuery(signedQuery->query);
+        return;
+    }
+    acceptedSerials.insert(signedQuery->server, outcome.serial);
+    lastAnswer = signedQuery->catalogue;
+    QBuffer verified(&signedQuery->catalogue);
+    verified.open(QIODevice::ReadOnly);
+    const QPointer<DownloadManager> self(this);
+    queryResult(&verified, &signedQuery->query);
+    if (self)
+        Q_EMIT queryFinished();
+}
+
+// A refused catalogue delivers what a malformed one does: nothing. The last accepted answer and
+// the history stay as they were.
+void DownloadManager::finishRefusedQuery(RequestData &query)
+{
+    if (query.callbackSlot)
+        invokeQueued(query.callbackReceiver, query.callbackSlot,
+                     Q_ARG(qv::PackageInfoList, PackageInfoList()));
+    const QPointer<DownloadManager> self(this);
+    Q_EMIT noPackageFound();
+    if (self)
+        Q_EMIT queryFinished();
+}
+
 void DownloadManager::queryResult(QIODevice *input, RequestData *data)
 {
     PackageInfoList list = parseXML(input);
+    if (!trustedKeyTexts.isEmpty())
+        CatalogueTrust::dropUnhashed(list, "DownloadManager::queryResult()");
     lastCheck = QDateTime::currentDateTime();
     for (PackageInfo &p : list) {
         const QString id = p.stringID();
@@ -210,6 +293,11 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
         history.insert(version, time);
     }
     settings.endArray();
+    settings.beginGroup(kSerialGroup);
+    for (const QString &key : settings.childKeys())
+        acceptedSerials.insert(QUrl::fromPercentEncoding(key.toLatin1()),
+                               settings.value(key).toLongLong());
+    settings.endGroup();
     settings.endGroup();
 }
 
@@ -237,6 +325,11 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
         Preferences::setDateTimeValue(settings, QStringLiteral("time"), it.value());
     }
     settings.endArray();
+    // The highest publication accepted from each server: only while catalogues are verified.
+    if (!trustedKeyTexts.isEmpty()) {
+        for (auto it = acceptedSerials.cbegin(); it != acceptedSerials.cend(); ++it)
+            settings.setValue(CatalogueTrust::serialKey(it.key()), it.value());
+    }
     settings.endGroup();
 }
 
@@ -263,6 +356,8 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
         = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url), QMap<QString, QVariant>(),
                                 this, SLOT(downloadResult(RequestPtr)), file, handle);
     request->adoptUserData(new PackageInfo(package));
+    if (!trustedKeyTexts.isEmpty())
+        request->setBodyHash(QCryptographicHash::Sha256);
     httpClient.execute(request);
 }
 
@@ -296,6 +391,20 @@ void DownloadManager::downloadResult(RequestPtr request)
         Q_EMIT downloadFailure(*package, fileName);
         if (self)
             Q_EMIT downloadFailure(request->statusCode());
+    } else if (!trustedKeyTexts.isEmpty()
+               && (package->sha256.isEmpty()
+                   || QString::fromLatin1(request->bodyHash().toHex()) != package->sha256)) {
+        // Not the published package: it never stays where anything could start it.
+        LogQt::write(
+            lcDownload(), Log::Error,
+            QStringLiteral("DownloadManager::downloadResult() -> %1 is not the published package "
+                           "(SHA-256 %2, expected %3); erased")
+                .arg(fileName, QString::fromLatin1(request->bodyHash().toHex()),
+                     package->sha256.isEmpty() ? QStringLiteral("none") : package->sha256));
+        FileUtils::erase(fileName);
+        Q_EMIT downloadFailure(*package, fileName);
+        if (self)
+            Q_EMIT downloadVerificationFailed(*package);
     } else {
         package->localFile = fileName;
         Q_EMIT downloadSuccess(*package, fileName);

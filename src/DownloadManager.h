@@ -5,6 +5,7 @@
 
 #include <qv/HttpClient.h>
 #include <qv/HttpHost.h>
+#include <qv/Minisign.h>
 
 #include <QByteArray>
 #include <QDateTime>
@@ -98,6 +99,17 @@ public:
     QString lastCookie() const { return cookie; }
     /// The HTTP client, for its transfer limits.
     HttpClient &client() { return httpClient; }
+
+    /// The minisign public keys (base64 lines of minisign.pub files) that catalogues must be
+    /// signed with; an empty list turns verification off (the default unless the build names
+    /// keys, SUC_TRUSTED_KEYS). With keys, a query also fetches "<catalogue URL>.minisig" and
+    /// delivers nothing unless it verifies, its serial is not lower than one accepted before from
+    /// that server, and it has not expired; packages without a sha256 are not delivered; and a
+    /// download succeeds only when its SHA-256 is the published one (else the file is erased and
+    /// downloadVerificationFailed() follows downloadFailure()). A key that cannot be read is
+    /// refused with a log line; trust stays on.
+    void setTrustedKeys(const QStringList &publicKeys);
+    QStringList trustedKeys() const { return trustedKeyTexts; }
 
     /// Writes the history to the group "Download" and the last answer to `cacheFile`.
     void storeHistory(QSettings &settings, const QString &cacheFile);
@@ -222,12 +234,15 @@ Q_SIGNALS:
     void downloadAborted();
     void releaseNotesDownloaded(QUrl url, QString text);
     void unzippingDone(QString folder);
+    /// The downloaded file was not the published package (its hash differs); it was erased.
+    void downloadVerificationFailed(qv::PackageInfo pack);
 
 private Q_SLOTS:
     void queryResult(RequestPtr resp);
     void queryResult(QIODevice *input, qv::DownloadManager::RequestData *data);
     void downloadStarting(RequestPtr request);
     void downloadResult(RequestPtr request);
+    void signatureResult(RequestPtr request);
     void releaseNotesResult(RequestPtr request);
     void unzippingFinished(const QString &folder);
     void unzippingFailed(const QString &message);
@@ -243,6 +258,11 @@ private:
     QByteArray lastAnswer;
     QHash<QString, QDateTime> history;
     QString cookie;
+    void finishRefusedQuery(RequestData &query);
+
+    QStringList trustedKeyTexts;
+    QList<MinisignKey> keys;
+    QHash<QString, qint64> acceptedSerials; ///< by catalogue URL, kept while keys are set
     Unzipper *unzipper = nullptr;
     QString unpackFolder;
     PackageInfo installPackageInfo;

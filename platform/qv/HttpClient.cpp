@@ -175,8 +175,9 @@ void HttpClient::startNext()
 
 bool HttpClient::bodyTooLarge(qint64 announced) const
 {
-    return !m_current->m_output && m_maxMemoryBody >= 0
-        && (m_current->m_received > m_maxMemoryBody || announced > m_maxMemoryBody);
+    const qint64 limit = m_current->m_maxBody >= 0 ? m_current->m_maxBody : m_maxMemoryBody;
+    return !m_current->m_output && limit >= 0
+        && (m_current->m_received > limit || announced > limit);
 }
 
 void HttpClient::onReadyRead()
@@ -209,6 +210,8 @@ void HttpClient::onReadyRead()
                  QStringLiteral("could not write the response: %1").arg(out->errorString()));
             return;
         }
+        if (m_current->m_hash)
+            m_current->m_hash->addData(QByteArrayView(chunk.constData(), n));
     }
     reportProgress();
 }

@@ -6,6 +6,7 @@
 
 #include <QBuffer>
 #include <QByteArray>
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QList>
 #include <QMap>
@@ -74,6 +75,15 @@ public:
     /// Why the request failed; empty when it completed.
     QString errorString() const { return m_error; }
     qint64 bytesReceived() const { return m_received; }
+    /// A limit of this request's body kept in memory, below the client's (-1: the client's).
+    void setMaximumMemoryBody(qint64 bytes) { m_maxBody = bytes; }
+    /// Hashes the body as it streams into the output device (no second pass over the file).
+    void setBodyHash(QCryptographicHash::Algorithm algorithm)
+    {
+        m_hash = std::make_shared<QCryptographicHash>(algorithm);
+    }
+    /// The hash of what was written; empty unless setBodyHash() was called.
+    QByteArray bodyHash() const { return m_hash ? m_hash->result() : QByteArray(); }
     /// True when a body kept in memory passed the client's limit and was dropped.
     bool bodyTooLarge() const { return m_errorCode == BodyTooLarge; }
 
@@ -124,6 +134,8 @@ private:
     qint64 m_received = 0;
     void *m_userData = nullptr;
     std::shared_ptr<void> m_adopted;
+    std::shared_ptr<QCryptographicHash> m_hash;
+    qint64 m_maxBody = -1;
     const std::type_info *m_userDataType = nullptr;
 };
 

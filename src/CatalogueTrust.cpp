@@ -1,0 +1,131 @@
+#include "CatalogueTrust.h"
+
+#include "DownloadManager.h"
+#include "Logging.h"
+
+#include <QUrl>
+#include <QXmlStreamReader>
+
+namespace qv {
+
+QList<MinisignKey> CatalogueTrust::readKeys(const QStringList &texts, const char *caller)
+{
+    QList<MinisignKey> keys;
+    for (const QString &text : texts) {
+        const MinisignKey key = MinisignKey::fromText(text);
+        if (key.isValid()) {
+            keys << key;
+            continue;
+        }
+        LogQt::write(
+            lcDownload(), Log::Error,
+            QStringLiteral("%1 -> refusing a trusted key that is not a minisign public key: %2")
+                .arg(QLatin1String(caller), text.left(80)));
+    }
+    return keys;
+}
+
+QStringList CatalogueTrust::builtInKeys()
+{
+    return QStringLiteral(SUC_TRUSTED_KEYS)
+        .split(QRegularExpression(QStringLiteral("[;,\\s]+")), Qt::SkipEmptyParts);
+}
+
+CatalogueTrust::Outcome CatalogueTrust::check(const QByteArray &catalogue,
+                                              const QByteArray &signature,
+                                              const QList<MinisignKey> &keys, qint64 highestSerial,
+                                              const QDateTime &now)
+{
+    Outcome out;
+    const Minisign::Verification v = Minisign::verify(catalogue, signature, keys);
+    if (v.result != Minisign::Valid) {
+        out.verdict = v.result == Minisign::Malformed ? NotSigned : Forged;
+        out.reason = Minisign::describe(v.result)
+            + (v.keyId.isEmpty() ? QString() : QStringLiteral(" (key %1)").arg(v.keyId));
+        return out;
+    }
+    // Signed by a trusted key: only now is the document read, and only its first element.
+    QXmlStreamReader reader(catalogue);
+    reader.setNamespaceProcessing(false);
+    QString serialText, expiresText;
+    if (reader.readNextStartElement()) {
+        serialText = reader.attributes().value(DownloadManager::SERIAL).toString();
+        expiresText = reader.attributes().value(DownloadManager::EXPIRES).toString();
+    }
+    bool ok = false;
+    out.serial = serialText.trimmed().toLongLong(&ok);
+    const QDateTime expires = DownloadManager::parseReleaseDate(expiresText.trimmed());
+    if (!ok || out.serial < 0 || !expires.isValid()) {
+        out.verdict = NoTrustValues;
+        out.reason = QStringLiteral(
+                         "the signed catalogue has no readable serial (\"%1\") or expiry (\"%2\")")
+                         .arg(serialText, expiresText);
+        return out;
+    }
+    if (out.serial < highestSerial) {
+        out.verdict = Rollback;
+        out.reason = QStringLiteral("serial %1 is lower than %2, accepted before")
+                         .arg(out.serial)
+                         .arg(highestSerial);
+        return out;
+    }
+    if (expires < now) {
+        out.verdict = Expired;
+        out.reason
+            = QStringLiteral("the catalogue expired on %1").arg(expires.toString(Qt::ISODate));
+        return out;
+    }
+    out.verdict = Trusted;
+    out.reason = QStringLiteral("signed with key %1, serial %2").arg(v.keyId).arg(out.serial);
+    return out;
+}
+
+QString CatalogueTrust::userText(Verdict verdict)
+{
+    switch (verdict) {
+    case Trusted:
+        return QString();
+    case NotSigned:
+    case Forged:
+        return tr("The update catalogue is not signed with a trusted key. No updates are offered.");
+    case NoTrustValues:
+        return tr("The update catalogue has no publication number or expiry date. No updates are "
+                  "offered.");
+    case Rollback:
+        return tr("The update server sent an older catalogue than before. No updates are offered.");
+    case Expired:
+        return tr("The update catalogue has expired. No updates are offered.");
+    }
+    return QString();
+}
+
+QString CatalogueTrust::packageMismatchText()
+{
+    return tr("The downloaded package does not match the published one. It was deleted, and "
+              "nothing was installed.");
+}
+
+QString CatalogueTrust::serialKey(const QString &serverUrl)
+{
+    return QStringLiteral("catalogue-serial/")
+        + QString::fromLatin1(QUrl::toPercentEncoding(serverUrl));
+}
+
+void CatalogueTrust::dropUnhashed(PackageInfoList &packages, const char *caller)
+{
+    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
+    packages.erase(
+        std::remove_if(packages.begin(), packages.end(),
+                       [caller](const PackageInfo &p) {
+                           if (hex.match(p.sha256).hasMatch())
+                               return false;
+                           LogQt::write(
+                               lcDownload(), Log::Error,
+                               QStringLiteral("%1 -> not offering %2 %3: it names no sha256")
+                                   .arg(QLatin1String(caller), p.name, p.release));
+                           return true;
+                       }),
+        packages.end());
+}
+
+} // namespace qv
