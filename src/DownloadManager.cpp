@@ -186,9 +186,8 @@ void DownloadManager::signatureResult(RequestPtr request)
         = request->error() == ::RequestData::NoError && request->statusCode() == 200
         ? request->getResponseBuffer()->data()
         : QByteArray();
-    const CatalogueTrust::Outcome outcome
-        = CatalogueTrust::check(signedQuery->catalogue, signature, keys,
-                                acceptedSerials.value(signedQuery->server, -1));
+    const CatalogueTrust::Outcome outcome = CatalogueTrust::check(
+        signedQuery->catalogue, signature, keys, acceptedSerials.value(signedQuery->server, -1));
     if (outcome.verdict != CatalogueTrust::Trusted) {
         LogQt::write(
             lcDownload(), Log::Error,

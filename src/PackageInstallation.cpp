@@ -3,6 +3,7 @@
 
 #include "SoftwareUpdateClient.h"
 
+#include "CatalogueTrust.h"
 #include "ClientSupport.h"
 #include "DownloadManager.h"
 #include "Logging.h"
@@ -69,6 +70,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const HttpHost host(HttpAccess(), proxyAccess, QString());
     // Never deleted: it lives as long as the process.
     auto *manager = new DownloadManager(host, QString());
+    manager->setTrustedKeys(m_trustedKeyTexts);
 
     const QString link = package.url.toString();
     // Everything of this download stays inside this folder: the manager refuses a file name
@@ -97,6 +99,8 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
                 &DownloadManager::abortDownload);
         connect(manager, &DownloadManager::downloadAborted, this,
                 &SoftwareUpdateClient::abortDownload);
+        connect(manager, &DownloadManager::downloadVerificationFailed, this,
+                &SoftwareUpdateClient::packageNotPublished);
     }
     manager->startDownload(package, m_downloadedFilePath);
 }
@@ -136,6 +140,14 @@ void SoftwareUpdateClient::downloadFinished()
                   Text::tr("Unknown package type! Installation cannot proceed!"));
         abortDownload();
     }
+}
+
+// The download is not the package the signed catalogue published; the manager erased it.
+void SoftwareUpdateClient::packageNotPublished()
+{
+    showError(m_parent, m_windowFlags, Text::tr("Download Error"),
+              CatalogueTrust::packageMismatchText());
+    abortDownload();
 }
 
 void SoftwareUpdateClient::downloadError(int httpStatusCode)

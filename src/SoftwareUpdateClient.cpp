@@ -1,5 +1,6 @@
 #include "SoftwareUpdateClient.h"
 
+#include "CatalogueTrust.h"
 #include "Logging.h"
 
 #include <qv/NodeDB.h>
@@ -72,6 +73,7 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
         settings.serverURL = serverURL;
     setCurrentSettings(&settings);
 
+    setTrustedKeys(CatalogueTrust::builtInKeys());
     connect(m_checkTimer, &QTimer::timeout, this, [this] { queryLastUpdate(); });
     if (settings.doUpdateCheck)
         enableSoftwareUpdate();
@@ -175,6 +177,12 @@ QString SoftwareUpdateClient::transformReleaseStatus(bool beta) const
 QNetworkProxy SoftwareUpdateClient::networkProxy() const
 {
     return NodeDB::getDB().globalProxy().toQNetworkProxy();
+}
+
+void SoftwareUpdateClient::setTrustedKeys(const QStringList &publicKeys)
+{
+    m_trustedKeyTexts = publicKeys;
+    m_trustedKeys = CatalogueTrust::readKeys(publicKeys, "SoftwareUpdateClient::setTrustedKeys()");
 }
 
 void SoftwareUpdateClient::enableSoftwareUpdate()

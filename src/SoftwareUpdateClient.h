@@ -4,12 +4,15 @@
 #include "SoftwareUpdateSettings.h"
 #include "softwareupdateclient_export.h"
 
+#include <qv/Minisign.h>
+
 #include <QList>
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
 #include <QSettings>
 #include <QString>
+#include <QUrl>
 
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -69,6 +72,17 @@ public:
     /// The packages of the last check, in table-row order.
     PackageInfoList packageList() const { return m_packageList; }
 
+    /// The minisign public keys (base64 lines of minisign.pub files) that the update catalogue
+    /// must be signed with; an empty list turns verification off (the default unless the build
+    /// names keys, SUC_TRUSTED_KEYS). With keys, a check also fetches "<catalogue URL>.minisig"
+    /// and parses nothing unless it verifies with one of them, its "serial" is not lower than
+    /// the highest accepted from this server and it has not "expired"; otherwise the settings
+    /// dialog says why and nothing is offered. Packages without a "sha256" are not offered, and
+    /// a download is unpacked, started or handed to the updater only when its SHA-256 is the
+    /// published one. A key that cannot be read is refused with a log line; trust stays on.
+    void setTrustedKeys(const QStringList &publicKeys);
+    QStringList trustedKeys() const { return m_trustedKeyTexts; }
+
 public Q_SLOTS:
     /// Checks now (the dialog's "Check Now" lands here too).
     void checkForUpdate();
@@ -127,6 +141,13 @@ private:
     void installRPKPackage();
     void installTARGZPackage();
     void removeDownloadFolderWhenUnpacked(DownloadManager *unpacker);
+    QNetworkAccessManager *networkManager();
+    void startRequestTimeout();
+    void fetchSignature(const QUrl &catalogueUrl);
+    void evaluateSignature(QNetworkReply *reply);
+    void finishCheck(QIODevice *catalogue);
+    int parseCatalogue(QIODevice *catalogue);
+    void packageNotPublished();
 
     QWidget *m_parent = nullptr;
     QNetworkAccessManager *m_networkManager = nullptr;
@@ -143,6 +164,11 @@ private:
     QString m_unpackedFolder;
     Qt::WindowFlags m_windowFlags;
     DownloadManager *m_unpackingManager = nullptr;
+    QStringList m_trustedKeyTexts;
+    QList<MinisignKey> m_trustedKeys;
+    QUrl m_checkServerUrl; ///< the first URL of the running check, before redirects
+    bool m_redirecting = false; ///< the next request follows a redirect of the same check
+    QByteArray m_pendingCatalogue; ///< a catalogue waiting for its signature
 };
 
 } // namespace qv

@@ -3,6 +3,7 @@
 
 #include "SoftwareUpdateClient.h"
 
+#include "CatalogueTrust.h"
 #include "ClientSupport.h"
 #include "DownloadManager.h"
 #include "Logging.h"
@@ -11,11 +12,14 @@
 #include <qv/QtHelpers.h>
 #include <qv/XmlUtils.h>
 
+#include <QBuffer>
 #include <QCoreApplication>
 #include <QLocale>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QTimer>
+
+#include <memory>
 
 namespace qv {
 
@@ -23,6 +27,21 @@ namespace {
 
 const int kRequestTimeout = 15000;
 const char kTooLarge[] = "suc_tooLarge";
+const char kSignature[] = "suc_signature";
+
+// An answer larger than `limit` is not read to its end: the reply is aborted and marked.
+void dropWhenLargerThan(QNetworkReply *reply, qint64 limit)
+{
+    const auto check = [reply, limit] {
+        if (reply->bytesAvailable() > limit
+            || reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > limit) {
+            reply->setProperty(kTooLarge, true);
+            reply->abort();
+        }
+    };
+    QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, check);
+    QObject::connect(reply, &QNetworkReply::readyRead, reply, check);
+}
 
 QString longDate(const QDateTime &when)
 {
@@ -180,31 +199,34 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
         m_updateDialog->setDialogSettings(record);
     }
     progressLine(QStringLiteral("SoftwareUpdateClient::performUpdateCheck() -> ") + url.toString());
+    if (!m_redirecting)
+        m_checkServerUrl = url;
+    m_redirecting = false;
 
     QNetworkRequest request(url);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("text/xml"));
     // Redirects are followed here, one by one, not by Qt.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::ManualRedirectPolicy);
+    QNetworkReply *reply = networkManager()->get(request);
+    // An answer larger than any catalogue is not read to its end: it is malformed.
+    dropWhenLargerThan(reply, XmlLimits().maxBytes);
+    startRequestTimeout();
+}
+
+QNetworkAccessManager *SoftwareUpdateClient::networkManager()
+{
     if (!m_networkManager) {
         m_networkManager = new QNetworkAccessManager;
         connect(m_networkManager, &QNetworkAccessManager::finished, this,
                 &SoftwareUpdateClient::evaluateServerResponse);
     }
     m_networkManager->setProxy(networkProxy());
-    QNetworkReply *reply = m_networkManager->get(request);
-    // An answer larger than any catalogue is not read to its end: it is malformed.
-    const auto dropWhenTooLarge = [reply] {
-        const qint64 limit = XmlLimits().maxBytes;
-        if (reply->bytesAvailable() > limit
-            || reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > limit) {
-            reply->setProperty(kTooLarge, true);
-            reply->abort();
-        }
-    };
-    connect(reply, &QNetworkReply::metaDataChanged, reply, dropWhenTooLarge);
-    connect(reply, &QNetworkReply::readyRead, reply, dropWhenTooLarge);
+    return m_networkManager;
+}
 
+void SoftwareUpdateClient::startRequestTimeout()
+{
     if (!m_requestTimeoutTimer) {
         m_requestTimeoutTimer = new QTimer(this);
         connect(m_requestTimeoutTimer, &QTimer::timeout, this,
@@ -214,10 +236,59 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
     m_requestTimeoutTimer->start(kRequestTimeout);
 }
 
+// The catalogue's signature: fetched beside it when trusted keys are set, following redirects.
+void SoftwareUpdateClient::fetchSignature(const QUrl &catalogueUrl)
+{
+    QNetworkRequest request(QUrl(catalogueUrl.toString() + QStringLiteral(".minisig")));
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
+                         QNetworkRequest::NoLessSafeRedirectPolicy);
+    QNetworkReply *reply = networkManager()->get(request);
+    reply->setProperty(kSignature, true);
+    dropWhenLargerThan(reply, Minisign::maxSignatureSize);
+    startRequestTimeout();
+}
+
+void SoftwareUpdateClient::evaluateSignature(QNetworkReply *reply)
+{
+    if (m_updateDialog)
+        m_updateDialog->disbaleProgress();
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QByteArray signature = reply->error() == QNetworkReply::NoError && status == 200
+            && !reply->property(kTooLarge).toBool()
+        ? reply->readAll()
+        : QByteArray();
+    const QString serialKey = CatalogueTrust::serialKey(m_checkServerUrl.toString());
+    const std::unique_ptr<QSettings> store(openStore());
+    const qint64 highest = store->value(serialKey, -1).toLongLong();
+    const CatalogueTrust::Outcome outcome
+        = CatalogueTrust::check(m_pendingCatalogue, signature, m_trustedKeys, highest);
+    QByteArray catalogue;
+    catalogue.swap(m_pendingCatalogue);
+    if (outcome.verdict != CatalogueTrust::Trusted) {
+        m_packageList.clear();
+        errorLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> refusing the "
+                                 "catalogue of %1: %2")
+                      .arg(m_checkServerUrl.toString(), outcome.reason));
+        if (m_updateDialog)
+            m_updateDialog->setNotificationText(CatalogueTrust::userText(outcome.verdict));
+        return;
+    }
+    progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> catalogue ")
+                 + outcome.reason);
+    store->setValue(serialKey, outcome.serial);
+    QBuffer verified(&catalogue);
+    verified.open(QIODevice::ReadOnly);
+    finishCheck(&verified);
+}
+
 void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
 {
     m_requestTimeoutTimer->stop();
     deleteNetworkmanager();
+    if (reply->property(kSignature).toBool()) {
+        evaluateSignature(reply);
+        return;
+    }
 
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     bool redirectWithoutTarget = false;
@@ -227,6 +298,7 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
             progressLine(
                 QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ")
                 + url.toString());
+            m_redirecting = true;
             performUpdateCheck(url);
             return;
         }
@@ -251,7 +323,20 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
                      + reply->errorString());
         return;
     }
-    if (parseServerResponse(reply) == 1)
+    // With trusted keys, nothing is parsed before the signature beside it verifies.
+    if (!m_trustedKeyTexts.isEmpty() && !tooLarge) {
+        m_pendingCatalogue = reply->readAll();
+        fetchSignature(reply->url());
+        if (m_updateDialog)
+            m_updateDialog->enableProgress();
+        return;
+    }
+    finishCheck(reply);
+}
+
+void SoftwareUpdateClient::finishCheck(QIODevice *catalogue)
+{
+    if (parseCatalogue(catalogue) == 1)
         return;
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
@@ -268,8 +353,15 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
 
 int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
 {
+    return parseCatalogue(reply);
+}
+
+int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
+{
     m_packageList.clear();
-    m_packageList = DownloadManager::parseXML(reply);
+    m_packageList = DownloadManager::parseXML(catalogue);
+    if (!m_trustedKeyTexts.isEmpty())
+        CatalogueTrust::dropUnhashed(m_packageList, "SoftwareUpdateClient::parseServerResponse()");
     if (m_packageList.isEmpty()) {
         errorLine(
             QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));

@@ -153,6 +153,26 @@
         <source>Published on %1</source>
         <translation>Veröffentlicht am %1</translation>
     </message>
+    <message>
+        <source>The update catalogue is not signed with a trusted key. No updates are offered.</source>
+        <translation>Der Update-Katalog ist nicht mit einem vertrauenswürdigen Schlüssel signiert. Es werden keine Updates angeboten.</translation>
+    </message>
+    <message>
+        <source>The update catalogue has no publication number or expiry date. No updates are offered.</source>
+        <translation>Der Update-Katalog hat keine Veröffentlichungsnummer oder kein Ablaufdatum. Es werden keine Updates angeboten.</translation>
+    </message>
+    <message>
+        <source>The update server sent an older catalogue than before. No updates are offered.</source>
+        <translation>Der Update-Server hat einen älteren Katalog als zuvor gesendet. Es werden keine Updates angeboten.</translation>
+    </message>
+    <message>
+        <source>The update catalogue has expired. No updates are offered.</source>
+        <translation>Der Update-Katalog ist abgelaufen. Es werden keine Updates angeboten.</translation>
+    </message>
+    <message>
+        <source>The downloaded package does not match the published one. It was deleted, and nothing was installed.</source>
+        <translation>Das heruntergeladene Paket stimmt nicht mit dem veröffentlichten überein. Es wurde gelöscht, und nichts wurde installiert.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -153,6 +153,26 @@
         <source>Published on %1</source>
         <translation>Publiée le %1</translation>
     </message>
+    <message>
+        <source>The update catalogue is not signed with a trusted key. No updates are offered.</source>
+        <translation>Le catalogue de mises à jour n&apos;est pas signé par une clé de confiance. Aucune mise à jour n&apos;est proposée.</translation>
+    </message>
+    <message>
+        <source>The update catalogue has no publication number or expiry date. No updates are offered.</source>
+        <translation>Le catalogue de mises à jour n&apos;a pas de numéro de publication ou de date d&apos;expiration. Aucune mise à jour n&apos;est proposée.</translation>
+    </message>
+    <message>
+        <source>The update server sent an older catalogue than before. No updates are offered.</source>
+        <translation>Le serveur de mises à jour a envoyé un catalogue plus ancien que le précédent. Aucune mise à jour n&apos;est proposée.</translation>
+    </message>
+    <message>
+        <source>The update catalogue has expired. No updates are offered.</source>
+        <translation>Le catalogue de mises à jour a expiré. Aucune mise à jour n&apos;est proposée.</translation>
+    </message>
+    <message>
+        <source>The downloaded package does not match the published one. It was deleted, and nothing was installed.</source>
+        <translation>Le paquet téléchargé ne correspond pas au paquet publié. Il a été supprimé et rien n&apos;a été installé.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
