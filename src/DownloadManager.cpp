@@ -356,7 +356,7 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
                                 this, SLOT(downloadResult(RequestPtr)), file, handle);
     request->adoptUserData(new PackageInfo(package));
     if (!trustedKeyTexts.isEmpty())
-        request->setBodyHash(QCryptographicHash::Sha256);
+        request->hashBody();
     httpClient.execute(request);
 }
 

@@ -2,11 +2,11 @@
 
 #include "HttpHost.h"
 #include "PlatformExport.h"
+#include "Sha256.h"
 #include "Smart.h"
 
 #include <QBuffer>
 #include <QByteArray>
-#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QList>
 #include <QMap>
@@ -77,12 +77,10 @@ public:
     qint64 bytesReceived() const { return m_received; }
     /// A limit of this request's body kept in memory, below the client's (-1: the client's).
     void setMaximumMemoryBody(qint64 bytes) { m_maxBody = bytes; }
-    /// Hashes the body as it streams into the output device (no second pass over the file).
-    void setBodyHash(QCryptographicHash::Algorithm algorithm)
-    {
-        m_hash = std::make_shared<QCryptographicHash>(algorithm);
-    }
-    /// The hash of what was written; empty unless setBodyHash() was called.
+    /// Hashes the body with SHA-256 as it streams into the output device (no second pass over
+    /// the file).
+    void hashBody() { m_hash = std::make_shared<qv::Sha256>(); }
+    /// The SHA-256 of what was written; empty unless hashBody() was called.
     QByteArray bodyHash() const { return m_hash ? m_hash->result() : QByteArray(); }
     /// True when a body kept in memory passed the client's limit and was dropped.
     bool bodyTooLarge() const { return m_errorCode == BodyTooLarge; }
@@ -134,7 +132,7 @@ private:
     qint64 m_received = 0;
     void *m_userData = nullptr;
     std::shared_ptr<void> m_adopted;
-    std::shared_ptr<QCryptographicHash> m_hash;
+    std::shared_ptr<qv::Sha256> m_hash;
     qint64 m_maxBody = -1;
     const std::type_info *m_userDataType = nullptr;
 };
