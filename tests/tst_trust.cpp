@@ -163,6 +163,7 @@ private Q_SLOTS:
         QTest::newRow("a package without sha256 is not offered") << "unhashed" << offered;
         QTest::newRow("no keys: as designed, one GET") << "no keys"
                                                        << "Viewer 3.1";
+        QTest::newRow("an unreadable key is refused, trust stays on") << "bad key" << notSigned;
     }
     void checks()
     {
@@ -191,6 +192,12 @@ private Q_SLOTS:
             publish("<softwareList/>", m_signer.data());
         else if (variant == "no keys")
             m_client->setTrustedKeys({});
+        else if (variant == "bad key") {
+            QTest::ignoreMessage(QtCriticalMsg,
+                                 QRegularExpression("refusing a trusted key that is not a "
+                                                    "minisign public key: RWQnot"));
+            m_client->setTrustedKeys({"RWQnot-a-key"});
+        }
         if (variant == "rollback") {
             QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
             cleanup();
