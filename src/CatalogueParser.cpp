@@ -329,10 +329,19 @@ struct AncestorChain {
 
 PackageInfoList DownloadManager::parseXML(QIODevice *device)
 {
+    return parseXML(device, nullptr);
+}
+
+PackageInfoList DownloadManager::parseXML(QIODevice *device, bool *wellFormed)
+{
     PackageInfoList list;
+    if (wellFormed)
+        *wellFormed = false;
     try {
         const std::unique_ptr<QDomDocument> document(XmlUtils::parseXml(device, nullptr));
         parseSet(document->documentElement(), list);
+        if (wellFormed)
+            *wellFormed = true;
     } catch (const ParseException &e) {
         LogQt::write(lcCatalogue(), Log::Warning,
                      QStringLiteral("DownloadManager::parseXML() -> XML parser error"));

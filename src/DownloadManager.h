@@ -131,6 +131,8 @@ public:
     /// The packages of the catalogue on `device` (open for reading), in document order. A document
     /// that cannot be read gives an empty list and the log line "XML parser error".
     static PackageInfoList parseXML(QIODevice *device);
+    /// The same, and whether the document could be read at all (false for junk).
+    static PackageInfoList parseXML(QIODevice *device, bool *wellFormed);
     /// Appends the packages of `set`, then those of its nested sets, depth first.
     static void parseSet(QDomElement set, PackageInfoList &out);
     /// Fills the catalogue fields of `info` from one package element and its ancestors.

@@ -90,7 +90,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
         m_progressDialog->setLabelText(Text::tr("Downloading package to temporary folder..."));
         connect(manager, &DownloadManager::downloadProgress, this,
-                &SoftwareUpdateClient::downloadProgress);
+                qOverload<int, int>(&SoftwareUpdateClient::downloadProgress));
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
                 &SoftwareUpdateClient::downloadError);
         connect(manager, qOverload<>(&DownloadManager::downloadSuccess), this,
@@ -107,6 +107,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
 
 void SoftwareUpdateClient::downloadProgress(int value, int total)
 {
+    Q_EMIT downloadProgress(qint64(value), qint64(total));
     if (!m_progressDialog)
         return;
     m_progressDialog->setRange(0, total);
@@ -120,7 +121,11 @@ void SoftwareUpdateClient::downloadFinished()
         deleteUpdateAvailableDialog();
     if (m_selectedRows.isEmpty() || m_selectedRows.first() >= m_packageList.size())
         return;
-    const QString suffix = m_packageList.at(m_selectedRows.first()).suffix;
+    const PackageInfo package = m_packageList.at(m_selectedRows.first());
+    const QString suffix = package.suffix;
+    static const QStringList known {"exe", "mpkg", "zip", "msi", "deb", "rpk", "tar.gz"};
+    if (known.contains(suffix))
+        Q_EMIT installationStarted(package);
     if (suffix == u"exe") {
         installEXEPackage();
     } else if (suffix == u"mpkg") {

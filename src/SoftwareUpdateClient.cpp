@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
 #include <QTimer>
+#include <QTranslator>
 
 #include <memory>
 
@@ -177,6 +178,19 @@ QString SoftwareUpdateClient::transformReleaseStatus(bool beta) const
 QNetworkProxy SoftwareUpdateClient::networkProxy() const
 {
     return NodeDB::getDB().globalProxy().toQNetworkProxy();
+}
+
+bool SoftwareUpdateClient::installTranslator(const QLocale &locale)
+{
+    // Found by language and country ("_de_DE"), else by language alone ("_de"): every German
+    // and French locale.
+    auto *translator = new QTranslator(QCoreApplication::instance());
+    if (!translator->load(locale, QStringLiteral("SoftwareUpdateClient"), QStringLiteral("_"),
+                          QStringLiteral(":/translations"))) {
+        delete translator;
+        return false;
+    }
+    return QCoreApplication::installTranslator(translator);
 }
 
 void SoftwareUpdateClient::setTrustedKeys(const QStringList &publicKeys)

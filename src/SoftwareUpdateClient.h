@@ -7,6 +7,7 @@
 #include <qv/Minisign.h>
 
 #include <QList>
+#include <QLocale>
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
@@ -83,7 +84,38 @@ public:
     void setTrustedKeys(const QStringList &publicKeys);
     QStringList trustedKeys() const { return m_trustedKeyTexts; }
 
+    /// Whether checks talk to the user (the default). When false, a check opens no dialog and
+    /// shows no box: its outcome goes out only by the signals, and showAvailableUpdates() opens
+    /// the list of the last result when the host wants it.
+    void setInteractive(bool interactive) { m_interactive = interactive; }
+    bool isInteractive() const { return m_interactive; }
+
+    /// Loads and installs the library's translation for `locale` (any German or French locale;
+    /// false for the others, which need none). The translator belongs to the application.
+    static bool installTranslator(const QLocale &locale);
+
+Q_SIGNALS:
+    /// A check (background or Check Now) has started. Exactly one of the four outcomes below
+    /// follows.
+    void checkStarted();
+    /// The check found packages: those the user would be offered, in table order.
+    void updatesAvailable(const qv::PackageInfoList &packages);
+    /// The check found nothing newer.
+    void upToDate();
+    /// The check failed: a timeout, a network error or HTTP status, an answer that is no
+    /// catalogue, or a catalogue that is not trusted. `reason` is the text the user would see.
+    void checkFailed(const QString &reason);
+    /// A package download's progress, in bytes (`total` is -1 while unknown).
+    void downloadProgress(qint64 received, qint64 total);
+    /// The downloaded package is handed to the routine of its type (started, unpacked, or only
+    /// logged, as its type says).
+    void installationStarted(const qv::PackageInfo &package);
+
 public Q_SLOTS:
+    /// Opens the list of packages of the last check (for a host that checks without dialogs);
+    /// nothing when the last check found none.
+    void showAvailableUpdates();
+
     /// Checks now (the dialog's "Check Now" lands here too).
     void checkForUpdate();
     /// Checks after the delay (at once for 0 or less), unless automatic checking is off.
@@ -148,6 +180,7 @@ private:
     void finishCheck(QIODevice *catalogue);
     int parseCatalogue(QIODevice *catalogue);
     void packageNotPublished();
+    void reportOutcome(int outcome, const QString &reason = QString());
 
     QWidget *m_parent = nullptr;
     QNetworkAccessManager *m_networkManager = nullptr;
@@ -169,6 +202,8 @@ private:
     QUrl m_checkServerUrl; ///< the first URL of the running check, before redirects
     bool m_redirecting = false; ///< the next request follows a redirect of the same check
     QByteArray m_pendingCatalogue; ///< a catalogue waiting for its signature
+    bool m_interactive = true;
+    bool m_checkRunning = false; ///< between checkStarted() and its outcome
 };
 
 } // namespace qv

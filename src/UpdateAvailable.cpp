@@ -34,6 +34,12 @@ QString joined(const QStringSet &set)
 
 } // namespace
 
+void SoftwareUpdateClient::showAvailableUpdates()
+{
+    if (!m_packageList.isEmpty())
+        updateAvailable();
+}
+
 void SoftwareUpdateClient::updateAvailable()
 {
     if (!m_updateAvailableDialog) {

@@ -28,6 +28,7 @@ namespace {
 const int kRequestTimeout = 15000;
 const char kTooLarge[] = "suc_tooLarge";
 const char kSignature[] = "suc_signature";
+enum Outcome { UpdatesFound, NothingNewer, CheckFailed };
 
 // An answer larger than `limit` is not read to its end: the reply is aborted and marked.
 void dropWhenLargerThan(QNetworkReply *reply, qint64 limit)
@@ -199,8 +200,11 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
         m_updateDialog->setDialogSettings(record);
     }
     progressLine(QStringLiteral("SoftwareUpdateClient::performUpdateCheck() -> ") + url.toString());
-    if (!m_redirecting)
+    if (!m_redirecting) {
         m_checkServerUrl = url;
+        m_checkRunning = true;
+        Q_EMIT checkStarted();
+    }
     m_redirecting = false;
 
     QNetworkRequest request(url);
@@ -271,6 +275,7 @@ void SoftwareUpdateClient::evaluateSignature(QNetworkReply *reply)
                       .arg(m_checkServerUrl.toString(), outcome.reason));
         if (m_updateDialog)
             m_updateDialog->setNotificationText(CatalogueTrust::userText(outcome.verdict));
+        reportOutcome(CheckFailed, CatalogueTrust::userText(outcome.verdict));
         return;
     }
     progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> catalogue ")
@@ -337,7 +342,7 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
 void SoftwareUpdateClient::finishCheck(QIODevice *catalogue)
 {
     if (parseCatalogue(catalogue) == 1)
-        return;
+        return; // reported by parseCatalogue
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
     if (m_packageList.isEmpty()) {
@@ -347,7 +352,9 @@ void SoftwareUpdateClient::finishCheck(QIODevice *catalogue)
     } else {
         progressLine(
             QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> update available"));
-        updateAvailable();
+        if (m_interactive)
+            updateAvailable();
+        reportOutcome(UpdatesFound);
     }
 }
 
@@ -359,7 +366,8 @@ int SoftwareUpdateClient::parseServerResponse(QNetworkReply *reply)
 int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
 {
     m_packageList.clear();
-    m_packageList = DownloadManager::parseXML(catalogue);
+    bool wellFormed = false;
+    m_packageList = DownloadManager::parseXML(catalogue, &wellFormed);
     if (!m_trustedKeyTexts.isEmpty())
         CatalogueTrust::dropUnhashed(m_packageList, "SoftwareUpdateClient::parseServerResponse()");
     if (m_packageList.isEmpty()) {
@@ -367,6 +375,11 @@ int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
             QStringLiteral("SoftwareUpdateClient::parseServerResponse() -> no update available"));
         if (m_updateDialog)
             m_updateDialog->setNotificationText(Text::tr("No update available!"));
+        if (wellFormed)
+            reportOutcome(NothingNewer);
+        else
+            reportOutcome(CheckFailed,
+                          Text::tr("The update server did not answer with an update catalogue."));
         return 1;
     }
     SoftwareUpdateSettings settings;
@@ -398,8 +411,28 @@ int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
     return 0;
 }
 
+void SoftwareUpdateClient::reportOutcome(int outcome, const QString &reason)
+{
+    // One outcome per started check, whichever way it ends.
+    if (!m_checkRunning)
+        return;
+    m_checkRunning = false;
+    switch (outcome) {
+    case UpdatesFound:
+        Q_EMIT updatesAvailable(m_packageList);
+        break;
+    case NothingNewer:
+        Q_EMIT upToDate();
+        break;
+    default:
+        Q_EMIT checkFailed(reason);
+        break;
+    }
+}
+
 void SoftwareUpdateClient::requestError(QString errorText)
 {
+    reportOutcome(CheckFailed, errorText);
     if (m_updateDialog)
         m_updateDialog->setNotificationText(errorText);
     deleteNetworkmanager();
@@ -409,6 +442,7 @@ void SoftwareUpdateClient::requestError(QString errorText)
 
 void SoftwareUpdateClient::requestTimeout()
 {
+    reportOutcome(CheckFailed, Text::tr("Timeout error! Update server unreachable!"));
     if (m_updateDialog) {
         m_updateDialog->disbaleProgress();
         m_updateDialog->setNotificationText(Text::tr("Timeout error! Update server unreachable!"));
@@ -420,6 +454,7 @@ void SoftwareUpdateClient::requestTimeout()
 
 void SoftwareUpdateClient::productUpToDate()
 {
+    reportOutcome(NothingNewer);
     if (m_updateDialog)
         m_updateDialog->setNotificationText(
             Text::tr("Congratulations! Your product is up-to-date!"));

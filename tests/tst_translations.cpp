@@ -1,3 +1,4 @@
+#include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
 
 #include <QCoreApplication>
@@ -26,6 +27,35 @@ private Q_SLOTS:
         QVERIFY(translator.load(path));
         QVERIFY(!translator.isEmpty());
         QCOMPARE(translator.language(), language);
+    }
+
+    // Every German and French locale finds its language, by QTranslator::load(QLocale, ...) or
+    // the client's installTranslator(); English needs none and finds none.
+    void foundForEveryLocaleOfTheLanguage_data()
+    {
+        QTest::addColumn<QString>("locale");
+        QTest::addColumn<QString>("checkNow"); // empty: no translation
+        for (const char *de : {"de_DE", "de_AT", "de_CH"})
+            QTest::newRow(de) << de << "Jetzt suchen";
+        for (const char *fr : {"fr_FR", "fr_CA", "fr_BE"})
+            QTest::newRow(fr) << fr << "Rechercher maintenant";
+        QTest::newRow("en_US") << "en_US"
+                               << "";
+    }
+    void foundForEveryLocaleOfTheLanguage()
+    {
+        QFETCH(QString, locale);
+        QFETCH(QString, checkNow);
+        QTranslator translator;
+        QCOMPARE(translator.load(QLocale(locale), "SoftwareUpdateClient", "_", ":/translations"),
+                 !checkNow.isEmpty());
+        QCOMPARE(qv::SoftwareUpdateClient::installTranslator(QLocale(locale)), !checkNow.isEmpty());
+        QCOMPARE(QCoreApplication::translate("SoftwareUpdateDialogGui", "Check Now"),
+                 checkNow.isEmpty() ? QString("Check Now") : checkNow);
+        for (QTranslator *t : qApp->findChildren<QTranslator *>()) {
+            QCoreApplication::removeTranslator(t);
+            delete t;
+        }
     }
 
     void renderings_data()

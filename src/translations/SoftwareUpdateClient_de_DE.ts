@@ -173,6 +173,10 @@
         <source>The downloaded package does not match the published one. It was deleted, and nothing was installed.</source>
         <translation>Das heruntergeladene Paket stimmt nicht mit dem veröffentlichten überein. Es wurde gelöscht, und nichts wurde installiert.</translation>
     </message>
+    <message>
+        <source>The update server did not answer with an update catalogue.</source>
+        <translation>Der Update-Server hat nicht mit einem Update-Katalog geantwortet.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

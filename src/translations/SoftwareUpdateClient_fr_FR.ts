@@ -173,6 +173,10 @@
         <source>The downloaded package does not match the published one. It was deleted, and nothing was installed.</source>
         <translation>Le paquet téléchargé ne correspond pas au paquet publié. Il a été supprimé et rien n&apos;a été installé.</translation>
     </message>
+    <message>
+        <source>The update server did not answer with an update catalogue.</source>
+        <translation>Le serveur de mises à jour n&apos;a pas répondu avec un catalogue de mises à jour.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
