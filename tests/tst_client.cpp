@@ -124,6 +124,9 @@ private Q_SLOTS:
         m_server.route("/moved-nowhere", [](const QHttpServerRequest &) {
             return QHttpServerResponse(QHttpServerResponse::StatusCode::Found);
         });
+        m_server.route("/junk", [](const QHttpServerRequest &) {
+            return QHttpServerResponse("text/xml", "\x01\x02 not xml <<<");
+        });
         m_server.route("/missing", [](const QHttpServerRequest &) {
             return QHttpServerResponse("text/html", "<html>gone</html>",
                                        QHttpServerResponse::StatusCode::NotFound);
@@ -238,6 +241,83 @@ private Q_SLOTS:
         store().setValue("serverURL", QString::fromLatin1(server.url("/list.xml")));
         QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
         QCOMPARE(checkFromDialog(), QString("No update available!"));
+    }
+
+    // What a host hears of a check: checkStarted, then exactly one outcome; without
+    // interaction no dialog opens.
+    void signalsTellTheOutcome_data()
+    {
+        QTest::addColumn<QString>("server"); // a path of the test server, or "stall"
+        QTest::addColumn<QString>("version");
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<QString>("reason");
+        for (bool interactive : {true, false}) {
+            const QString mode = interactive ? "interactive, " : "not interactive, ";
+            QTest::newRow(qPrintable(mode + "update found")) << "/list.xml"
+                                                             << "2.9.1" << false << "available"
+                                                             << "";
+            QTest::newRow(qPrintable(mode + "none")) << "/list.xml"
+                                                     << "2.11" << false << "up to date"
+                                                     << "";
+            QTest::newRow(qPrintable(mode + "404")) << "/missing"
+                                                    << "2.9.1" << false << "failed"
+                                                    << "Not Found";
+            QTest::newRow(qPrintable(mode + "junk")) << "/junk"
+                                                     << "2.9.1" << false << "failed"
+                                                     << "did not answer with an update catalogue";
+            QTest::newRow(qPrintable(mode + "not trusted")) << "/list.xml"
+                                                            << "2.9.1" << true << "failed"
+                                                            << "not signed with a trusted key";
+            QTest::newRow(qPrintable(mode + "timeout"))
+                << "stall"
+                << "2.9.1" << false << "failed"
+                << "Timeout error! Update server unreachable!";
+        }
+    }
+    void signalsTellTheOutcome()
+    {
+        QFETCH(QString, server);
+        QFETCH(QString, version);
+        QFETCH(bool, trusted);
+        QFETCH(QString, outcome);
+        QFETCH(QString, reason);
+        const bool interactive = QString(QTest::currentDataTag()).startsWith("interactive");
+        TestHttpServer stalled([](const TestHttpServer::Request &) {
+            TestHttpServer::Response r = TestHttpServer::Response::ok("<softwareList>");
+            r.mode = TestHttpServer::Response::Stall;
+            return r;
+        });
+        QVERIFY(stalled.listen(QHostAddress::LocalHost));
+        makeClient(version);
+        m_client->setInteractive(interactive);
+        if (trusted) // a key this unsigned server cannot meet
+            m_client->setTrustedKeys(
+                {QString::fromLatin1(QByteArray(QByteArray("Ed") + QByteArray(40, 1)).toBase64())});
+        store().setValue("serverURL",
+                         server == "stall" ? QString::fromLatin1(stalled.url("/list.xml"))
+                                           : url(server));
+        QSignalSpy started(m_client.data(), &SoftwareUpdateClient::checkStarted);
+        QSignalSpy available(m_client.data(), &SoftwareUpdateClient::updatesAvailable);
+        QSignalSpy upToDate(m_client.data(), &SoftwareUpdateClient::upToDate);
+        QSignalSpy failed(m_client.data(), &SoftwareUpdateClient::checkFailed);
+        m_client->checkForUpdate(0);
+        QTRY_VERIFY_WITH_TIMEOUT(available.size() + upToDate.size() + failed.size() > 0, 20000);
+        QCOMPARE(started.size(), 1);
+        QCOMPARE(available.size() + upToDate.size() + failed.size(), 1);
+        if (outcome == "available") {
+            QCOMPARE(available.first().first().value<PackageInfoList>().size(), 1);
+            QCOMPARE(bool(openDialog<SoftwareUpdateAvailableDialog>()), interactive);
+            m_client->showAvailableUpdates();
+            QVERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        } else if (outcome == "up to date") {
+            QCOMPARE(upToDate.size(), 1);
+        } else {
+            QCOMPARE(failed.size(), 1);
+            QVERIFY2(failed.first().first().toString().contains(reason),
+                     qPrintable(failed.first().first().toString()));
+            QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
+        }
     }
 
     void deadServerShowsTheError()
