@@ -27,3 +27,13 @@ execute_process(COMMAND "${hostbuild}/package_host" RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "the host failed: ${rc}")
 endif()
+# Hosts without CMake: the pkg-config file names the library and its include folder.
+file(GLOB_RECURSE pcfile "${stage}/*/SoftwareUpdateClient.pc")
+get_filename_component(pcdir "${pcfile}" DIRECTORY)
+execute_process(COMMAND ${CMAKE_COMMAND} -E env "PKG_CONFIG_PATH=${pcdir}"
+                        pkg-config --cflags --libs SoftwareUpdateClient
+                OUTPUT_VARIABLE flags RESULT_VARIABLE rc)
+if(rc OR NOT flags MATCHES "-lSoftwareUpdateClient" OR NOT flags MATCHES "/include/SoftwareUpdateClient")
+  message(FATAL_ERROR "pkg-config: ${rc} ${flags}")
+endif()
+message(STATUS "pkg-config: ${flags}")

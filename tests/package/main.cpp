@@ -1,6 +1,7 @@
 #include <SoftwareUpdateClient.h>
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
@@ -24,5 +25,8 @@ int main(int argc, char **argv)
         && settings.versionNumber == qv::VersionNumber("1.2.3")
         && client.findChild<QTimer *>() != nullptr;
     std::printf("package host: client created, settings %s\n", ok ? "read back" : "WRONG");
-    return ok ? 0 : 1;
+    // softwareupdate_deploy_updater() put the updater where the ZIP route looks for it.
+    const bool deployed = QFileInfo(QCoreApplication::applicationDirPath() + "/UpdateInstaller").isExecutable();
+    std::printf("package host: UpdateInstaller %s beside the program\n", deployed ? "found" : "NOT FOUND");
+    return ok && deployed ? 0 : 1;
 }

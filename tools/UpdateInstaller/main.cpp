@@ -1,12 +1,13 @@
 // UpdateInstaller -oldDir <application folder> -newDir <unpacked new version> -exe <program>
 //
 // Replaces the application folder with the new version and starts the program; see FolderSwap.
-// Every step is written to UpdateInstaller.log beside this program (or to the file named by
-// UPDATEINSTALLER_LOG).
+// Every step is written to SoftwareUpdate/UpdateInstaller.log in the user's state folder (or to
+// the file named by UPDATEINSTALLER_LOG).
 
 #include "FolderSwap.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 
@@ -27,9 +28,16 @@ int main(int argc, char **argv)
             options.exe = args.at(++i);
     }
 
+    // The user's state folder ($XDG_STATE_HOME, else ~/.local/state): the program's own folder
+    // is the one being replaced, and may not be writable.
     QString logPath = qEnvironmentVariable("UPDATEINSTALLER_LOG");
-    if (logPath.isEmpty())
-        logPath = QCoreApplication::applicationDirPath() + QStringLiteral("/UpdateInstaller.log");
+    if (logPath.isEmpty()) {
+        QString state = qEnvironmentVariable("XDG_STATE_HOME");
+        if (state.isEmpty())
+            state = QDir::homePath() + QStringLiteral("/.local/state");
+        QDir().mkpath(state + QStringLiteral("/SoftwareUpdate"));
+        logPath = state + QStringLiteral("/SoftwareUpdate/UpdateInstaller.log");
+    }
     QFile logFile(logPath);
     if (!logFile.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Text))
         logFile.open(stderr, QIODevice::WriteOnly | QIODevice::Text);
