@@ -183,7 +183,7 @@ void DownloadManager::signatureResult(RequestPtr request)
     if (!signedQuery)
         return;
     const QByteArray signature
-        = request->error() == ::RequestData::NoError && request->statusCode() == 200
+        = request->error() == qv::RequestData::NoError && request->statusCode() == 200
         ? request->getResponseBuffer()->data()
         : QByteArray();
     const CatalogueTrust::Outcome outcome = CatalogueTrust::check(

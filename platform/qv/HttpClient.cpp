@@ -9,6 +9,8 @@
 #include <QNetworkReply>
 #include <QTimer>
 
+namespace qv {
+
 namespace {
 
 const int s_requestPtrType = qRegisterMetaType<RequestPtr>("RequestPtr");
@@ -314,3 +316,5 @@ void HttpClient::reset()
     m_current.reset();
     releaseReply();
 }
+
+} // namespace qv

@@ -32,6 +32,8 @@ class QTimer;
 /// smart pointer) and what it adopts (adoptUserData()); both go when the last RequestPtr goes.
 /// An output device given as a bare pointer, and user data set with setUserData(), stay the
 /// caller's.
+namespace qv {
+
 class QV_PLATFORM_EXPORT RequestData : public QObject {
     Q_OBJECT
 
@@ -138,7 +140,12 @@ private:
 };
 
 using RequestPtr = qvb::smart<RequestData>;
-Q_DECLARE_METATYPE(RequestPtr)
+
+} // namespace qv
+
+Q_DECLARE_METATYPE(qv::RequestPtr)
+
+namespace qv {
 
 /// Executes GET requests one at a time against the current host, through the proxy the host
 /// names. A body streams into the request's output device chunk by chunk as it arrives, or is
@@ -220,3 +227,5 @@ private:
     int m_speedWindow = 60000;
     qint64 m_maxMemoryBody = 32 * 1024 * 1024;
 };
+
+} // namespace qv

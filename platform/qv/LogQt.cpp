@@ -2,9 +2,9 @@
 
 #include <QAtomicInt>
 
-Q_LOGGING_CATEGORY(lcPlatform, "qv.softwareupdate.platform")
-
 namespace qv {
+
+Q_LOGGING_CATEGORY(lcPlatform, "qv.softwareupdate.platform")
 
 namespace {
 QAtomicInt s_threshold(Log::Warning);

@@ -38,6 +38,6 @@ public:
     static QMutex &mutex();
 };
 
-} // namespace qv
-
 Q_DECLARE_LOGGING_CATEGORY(lcPlatform)
+
+} // namespace qv

@@ -26,7 +26,9 @@ int main(int argc, char **argv)
         && client.findChild<QTimer *>() != nullptr;
     std::printf("package host: client created, settings %s\n", ok ? "read back" : "WRONG");
     // softwareupdate_deploy_updater() put the updater where the ZIP route looks for it.
-    const bool deployed = QFileInfo(QCoreApplication::applicationDirPath() + "/UpdateInstaller").isExecutable();
-    std::printf("package host: UpdateInstaller %s beside the program\n", deployed ? "found" : "NOT FOUND");
+    const bool deployed
+        = QFileInfo(QCoreApplication::applicationDirPath() + "/UpdateInstaller").isExecutable();
+    std::printf("package host: UpdateInstaller %s beside the program\n",
+                deployed ? "found" : "NOT FOUND");
     return ok && deployed ? 0 : 1;
 }
