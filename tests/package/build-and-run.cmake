@@ -27,6 +27,12 @@ execute_process(COMMAND "${hostbuild}/package_host" RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "the host failed: ${rc}")
 endif()
+# Installed, the host has the updater beside its program too.
+execute_process(COMMAND ${CMAKE_COMMAND} --install "${hostbuild}" --prefix "${hostbuild}/installed"
+                RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc OR NOT EXISTS "${hostbuild}/installed/bin/UpdateInstaller")
+  message(FATAL_ERROR "installing the host did not put UpdateInstaller into its bin folder")
+endif()
 # Hosts without CMake: the pkg-config file names the library and its include folder.
 file(GLOB_RECURSE pcfile "${stage}/*/SoftwareUpdateClient.pc")
 get_filename_component(pcdir "${pcfile}" DIRECTORY)
