@@ -27,9 +27,12 @@ QString nameAndRelease(const PackageInfo &p)
         + (p.status == u"BETA" ? QStringLiteral(" BETA") : QString());
 }
 
+// Sorted: a set's own order changes from run to run.
 QString joined(const QStringSet &set)
 {
-    return set.values().join(QStringLiteral(", "));
+    QStringList words = set.values();
+    words.sort();
+    return words.join(QStringLiteral(", "));
 }
 
 } // namespace

@@ -1,13 +1,27 @@
 #include <DownloadManager.h>
+#include <PrivateNetwork.h>
+#include <SoftwareUpdateAvailableDialog.h>
+#include <SoftwareUpdateClient.h>
+#include <SoftwareUpdateDialog.h>
+#include <TestHttpServer.h>
 #include <TestSupport.h>
 
 #include <QCryptographicHash>
+#include <QLabel>
+#include <QProgressDialog>
+#include <QTableWidget>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
 using qv::DownloadManager;
 using qv::PackageInfoList;
+using suc::test::BoxAnswerer;
 using suc::test::MinisignTool;
+using suc::test::openDialog;
+
+// nginx serves packages on port 80: this test has a loopback of its own.
+SUC_PRIVATE_NETWORK_BEFORE_MAIN
 
 // The publisher's command line, run as a program: what it writes is read by the client's own
 // parser, and its signatures and minisign's verify each other.
@@ -39,6 +53,48 @@ class TestSoftupdate : public QObject {
         p.closeWriteChannel();
         return p.waitForFinished(30000) && p.exitCode() == 0;
     }
+    // What the user is offered for `catalogueUrl`, as the list shows it ("a | b | c" per row).
+    static QStringList clientRows(const QString &catalogueUrl, const QStringList &keys,
+                                  const SoftUpCurrentCameraVersions &cameras)
+    {
+        QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "Viewer").clear();
+        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9.1"), catalogueUrl,
+                                        nullptr);
+        client.setTrustedKeys(keys);
+        client.setCurrentCameraVersions(cameras);
+        client.queryForUpdate({}, false);
+        auto *line = openDialog<qv::SoftwareUpdateDialog>()->findChild<QLabel *>(
+            "updateNotificationLabel");
+        Q_EMIT openDialog<qv::SoftwareUpdateDialog>()->checkForUpdate();
+        QStringList rows;
+        if (!QTest::qWaitFor(
+                [&] {
+                    return openDialog<qv::SoftwareUpdateAvailableDialog>()
+                        || !line->text().isEmpty();
+                },
+                20000))
+            return {"no outcome"};
+        if (auto *dialog = openDialog<qv::SoftwareUpdateAvailableDialog>()) {
+            auto *table = dialog->findChild<QTableWidget *>("tableWidget");
+            for (int r = 0; r < table->rowCount(); ++r) {
+                QStringList cells;
+                for (int c = 0; c < table->columnCount(); ++c)
+                    cells << table->item(r, c)->text();
+                rows << cells.join(" | ")
+                        + (table->isRowHidden(r) ? " (hidden: another language)" : "");
+            }
+        }
+        for (QWidget *w : QApplication::topLevelWidgets())
+            w->deleteLater();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        return rows;
+    }
+    static QStringList offerRows(const Run &run)
+    {
+        QStringList rows = run.out.split('\n', Qt::SkipEmptyParts);
+        rows.removeIf([](const QString &l) { return !l.contains(" | "); });
+        return rows;
+    }
     QString writeFile(const QString &name, const QByteArray &content)
     {
         QFile f(m_dir.filePath(name));
@@ -48,6 +104,174 @@ class TestSoftupdate : public QObject {
     }
 
 private Q_SLOTS:
+    void initTestCase()
+    {
+        QStandardPaths::setTestModeEnabled(true);
+        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setApplicationName("Viewer");
+        qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+    }
+
+    // lint: one line per finding with its line number; exit 0 clean, 1 warnings, 2 errors.
+    void lint_data()
+    {
+        QTest::addColumn<QByteArray>("catalogue");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("finding");
+        const QByteArray hash(64, 'a');
+        const QByteArray good
+            = "<softwareList serial='1' expires='2099-01-01' base-url='http://h/'>\n"
+              "<package type='Application' name='Viewer' release='2.10' url='v.tar.gz' "
+              "file-size='10'"
+              " release-date='2026-01-01' sha256='"
+            + hash + "'/>\n</softwareList>";
+        QTest::newRow("clean") << good << 0 << "0 error(s), 0 warning(s)";
+        QTest::newRow("DTD") << QByteArray("<!DOCTYPE s [<!ENTITY a 'x'>]>" + good) << 2
+                             << "the client refuses this document";
+        QTest::newRow("expired") << QByteArray(good).replace("2099-01-01", "2001-01-01") << 2
+                                 << ":1: error: expired on 2001-01-01";
+        QTest::newRow("no serial") << QByteArray(good).replace("serial='1'", "") << 1
+                                   << ":1: warning: no readable \"serial\"";
+        QTest::newRow("size reads as 0")
+            << QByteArray(good).replace("file-size='10'", "file-size='ten'") << 2
+            << ":2: error: package Viewer 2.10: file-size \"ten\" reads as 0";
+        QTest::newRow("no date") << QByteArray(good).replace("2026-01-01", "01.01.2026") << 1
+                                 << "reads as no date";
+        QTest::newRow("missing sha256")
+            << QByteArray(good).replace(QByteArray(" sha256='" + hash + "'"), "") << 1
+            << ":2: warning: package Viewer 2.10: no sha256";
+        QTest::newRow("type never offered")
+            << QByteArray(good).replace("v.tar.gz", "v.zip") << 1
+            << "never offers an application package of type \"zip\"";
+        QTest::newRow("base url without /")
+            << QByteArray(good).replace("http://h/", "http://h") << 1 << "does not end in \"/\"";
+        QTest::newRow("camera model prefix") << QByteArray(good).replace(
+            "</softwareList>",
+            QByteArray(
+                "<package type='Camera Firmware' name='M10' release='1' url='a.bin' file-size='1' "
+                "release-date='2026-01-02' sha256='"
+                + hash
+                + "'/>"
+                  "<package type='Camera Firmware' name='M1004' release='1' url='b.bin' "
+                  "file-size='2' release-date='2026-01-02' sha256='"
+                + hash + "'/></softwareList>"))
+                                             << 1 << "\"M10\" is a prefix of \"M1004\"";
+        QTest::newRow("same identity") << QByteArray(good).replace(
+            "</softwareList>",
+            QByteArray("<package type='Application' name='Viewer' release='2.11' url='w.tar.gz' "
+                       "file-size='10' release-date='2026-01-01' sha256='"
+                       + hash + "'/></softwareList>"))
+                                       << 1
+                                       << "same identity (date and size) as the package on line 2";
+    }
+    void lint()
+    {
+        QFETCH(QByteArray, catalogue);
+        QFETCH(int, code);
+        QFETCH(QString, finding);
+        const Run run = softupdate({"lint", writeFile("lint.xml", catalogue)});
+        QCOMPARE(run.code, code);
+        QVERIFY2(run.out.contains(finding), qPrintable(run.out));
+    }
+
+    // offer runs the client's own check: it agrees with the client on every catalogue here.
+    void offerAgreesWithTheClient_data()
+    {
+        QTest::addColumn<QString>("catalogue");
+        for (const QString &name : QDir(SUC_TEST_DATA_DIR).entryList({"*.xml"}))
+            QTest::newRow(qPrintable(name)) << name;
+    }
+    void offerAgreesWithTheClient()
+    {
+        QFETCH(QString, catalogue);
+        const QByteArray xml = suc::test::testData(catalogue);
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            return TestHttpServer::Response::ok(xml, "text/xml");
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const QStringList client = clientRows(
+            QString::fromLatin1(server.url("/list.xml")), {},
+            {{"M1004", qv::VersionNumber("5.2.1")}, {"P3301", qv::VersionNumber("4.0")}});
+        const Run offer = softupdate({"offer", "--file", QString(SUC_TEST_DATA_DIR "/") + catalogue,
+                                      "--app", "Viewer", "--version", "2.9.1", "--camera",
+                                      "M1004=5.2.1", "--camera", "P3301=4.0"});
+        QCOMPARE(offer.code, client.isEmpty() ? 0 : 10);
+        QCOMPARE(offerRows(offer), client);
+    }
+
+    // A real server: softupdate builds and signs the catalogue of a folder, nginx serves it on
+    // port 80, the client checks, downloads and verifies a package, and offer says the same.
+    void nginxServesWhatSoftupdatePublished()
+    {
+        if (QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}).isEmpty())
+            QSKIP("nginx is not installed (Debian package nginx-light)");
+        QTemporaryDir dir;
+        MinisignTool keys(dir.filePath("keys"));
+        QVERIFY(keys.isValid());
+        QDir().mkpath(dir.filePath("www"));
+        QDir().mkpath(dir.filePath("tmp"));
+        const QByteArray body(200000, 'n');
+        QFile package(dir.filePath("www/viewer-3.0.tar.gz"));
+        QVERIFY(package.open(QIODevice::WriteOnly));
+        package.write(body);
+        package.close();
+        const QString list = dir.filePath("www/list.xml");
+        QCOMPARE(softupdate({"add", list, package.fileName(), "--type", "Application", "--name",
+                             "Viewer", "--release", "3.0", "--base-url", "http://127.0.0.1/"})
+                     .code,
+                 0);
+        QCOMPARE(softupdate({"sign", list, "--key", keys.secretKeyFile()}).code, 0);
+
+        const QString conf = writeFile(
+            "nginx.conf",
+            QString("daemon off; worker_processes 1; user root; pid %1/nginx.pid; error_log "
+                    "%1/error.log;\n"
+                    "events { worker_connections 64; }\n"
+                    "http { access_log off; client_body_temp_path %1/tmp; proxy_temp_path %1/tmp; "
+                    "fastcgi_temp_path %1/tmp;\n"
+                    "  uwsgi_temp_path %1/tmp; scgi_temp_path %1/tmp; types { text/xml xml; }\n"
+                    "  server { listen 127.0.0.1:80; root %1/www; } }\n")
+                .arg(dir.path())
+                .toUtf8());
+        QProcess nginx;
+        nginx.start(QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}),
+                    {"-c", conf, "-p", dir.path(), "-e", dir.filePath("error.log")});
+        QVERIFY(nginx.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(
+            [] {
+                QTcpSocket s;
+                s.connectToHost("127.0.0.1", 80);
+                return s.waitForConnected(200);
+            }(),
+            10000);
+
+        const QStringList rows = clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {});
+        QCOMPARE(rows.size(), 1);
+        QVERIFY2(rows.first().startsWith("Viewer 3.0 | "), qPrintable(rows.join('\n')));
+        const Run offer
+            = softupdate({"offer", "--server", "http://127.0.0.1/list.xml", "--app", "Viewer",
+                          "--version", "2.9.1", "--keys", keys.publicKeyFile()});
+        QCOMPARE(offer.code, 10);
+        QCOMPARE(offerRows(offer), rows);
+
+        // The package itself, from nginx on port 80, verified as it streams.
+        qv::DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
+        manager.setTrustedKeys({keys.publicKey()});
+        qv::PackageInfo info;
+        QFile catalogueFile(list);
+        QVERIFY(catalogueFile.open(QIODevice::ReadOnly));
+        info = DownloadManager::parseXML(&catalogueFile).value(0);
+        QSignalSpy ok(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        manager.startDownload(info, dir.filePath("downloaded.tar.gz"));
+        QVERIFY(ok.wait(10000));
+        QFile downloaded(dir.filePath("downloaded.tar.gz"));
+        QVERIFY(downloaded.open(QIODevice::ReadOnly));
+        QCOMPARE(downloaded.readAll(), body);
+
+        nginx.terminate();
+        QVERIFY(nginx.waitForFinished(10000));
+    }
+
     void addFillsWhatTheClientReads()
     {
         const QByteArray body(3000, 'v');
@@ -181,5 +405,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestSoftupdate)
+QTEST_MAIN(TestSoftupdate)
 #include "tst_softupdate.moc"

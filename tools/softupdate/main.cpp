@@ -3,26 +3,43 @@
 //   softupdate add CATALOGUE FILE --type T --name N --release R [options]
 //   softupdate sign CATALOGUE --key SECRET_KEY_FILE [--trusted-comment TEXT]
 //   softupdate verify CATALOGUE --key PUBLIC_KEY
+//   softupdate lint CATALOGUE|URL
+//   softupdate offer (--server URL | --file CATALOGUE) --app NAME --version V [options]
+//   softupdate serve DIR [--port N]
 //
 // Every value the client reads from a package is filled from the file itself (size, date, hash),
 // and signatures are minisign's, so either tool verifies the other's.
 
 #include "Signing.h"
+#include "StaticServer.h"
 
 #include <DownloadManager.h>
+#include <SoftwareUpdateAvailableDialog.h>
+#include <SoftwareUpdateClient.h>
 #include <qv/Exceptions.h>
 #include <qv/Minisign.h>
 #include <qv/Sha256.h>
+#include <qv/StringUtils.h>
 #include <qv/XmlUtils.h>
 
+#include <QApplication>
+#include <QBuffer>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDomDocument>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
 #include <QSaveFile>
+#include <QSet>
+#include <QSettings>
+#include <QTableWidget>
+#include <QTemporaryDir>
 #include <QTextStream>
+#include <QTimer>
 
 #include <cstdio>
 #include <memory>
@@ -259,13 +276,326 @@ int verify(const QStringList &args)
     return Success;
 }
 
-const char kUsage[] = "usage: softupdate add|sign|verify ... (softupdate <command> --help)\n";
+// A public key given as its base64 line or as a minisign.pub file.
+QString keyText(const QString &value)
+{
+    QByteArray file;
+    return QFileInfo(value).isFile() && readFile(value, &file, 4096) ? QString::fromLatin1(file)
+                                                                     : value;
+}
+
+// Fetches a URL the way a check does (redirects followed), for lint.
+bool fetch(const QUrl &url, QByteArray *body, QString *error)
+{
+    QNetworkAccessManager manager;
+    manager.setProxy(QNetworkProxy::NoProxy);
+    QNetworkRequest request(url);
+    request.setTransferTimeout(15000);
+    QNetworkReply *reply = manager.get(request);
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+    reply->deleteLater();
+    if (reply->error() != QNetworkReply::NoError) {
+        *error = reply->errorString();
+        return false;
+    }
+    *body = reply->read(qv::XmlLimits().maxBytes + 1);
+    return true;
+}
+
+int lint(const QStringList &args)
+{
+    QCommandLineParser p;
+    p.setApplicationDescription(QStringLiteral(
+        "Lists what the client would refuse or misread in a catalogue, one line per finding with "
+        "its line number. Exit 0 clean, 1 warnings only, 2 errors."));
+    int code = Usage;
+    if (!parse(p, args, {"CATALOGUE|URL"}, &code))
+        return code;
+    const QString source = p.positionalArguments().at(0);
+    QByteArray xml;
+    QString why;
+    const QUrl url(source);
+    if (url.scheme() == u"http" || url.scheme() == u"https") {
+        if (!fetch(url, &xml, &why))
+            return fail(QStringLiteral("%1: %2").arg(source, why));
+    } else if (!readFile(source, &xml, qv::XmlLimits().maxBytes + 1)) {
+        return fail(QStringLiteral("cannot read %1").arg(source));
+    }
+    int errors = 0, warnings = 0;
+    const auto say = [&](int line, bool error, const QString &text) {
+        std::printf("%s:%d: %s: %s\n", qPrintable(source), line, error ? "error" : "warning",
+                    qPrintable(text));
+        ++(error ? errors : warnings);
+    };
+    QBuffer buffer(&xml);
+    buffer.open(QIODevice::ReadOnly);
+    QDomDocument doc;
+    try {
+        qv::XmlUtils::parseXml(&buffer, &doc);
+    } catch (const qv::ExceptionQt &e) {
+        say(0, true, QStringLiteral("the client refuses this document: %1").arg(e.message()));
+        return 2;
+    }
+    const QDomElement root = doc.documentElement();
+    const int rootLine = root.lineNumber();
+    bool serialOk = false;
+    root.attribute(qv::DownloadManager::SERIAL).toLongLong(&serialOk);
+    if (!serialOk)
+        say(rootLine, false,
+            QStringLiteral("no readable \"serial\": a client with trusted keys refuses it"));
+    const QDateTime expires
+        = qv::DownloadManager::parseReleaseDate(root.attribute(qv::DownloadManager::EXPIRES));
+    if (!expires.isValid())
+        say(rootLine, false,
+            QStringLiteral("no readable \"expires\": a client with trusted keys refuses it"));
+    else if (expires < QDateTime::currentDateTime())
+        say(rootLine, true,
+            QStringLiteral("expired on %1").arg(root.attribute(qv::DownloadManager::EXPIRES)));
+
+    QList<QDomElement> elements {root};
+    for (qsizetype i = 0; i < elements.size(); ++i) {
+        for (QDomElement c = elements.at(i).firstChildElement(); !c.isNull();
+             c = c.nextSiblingElement())
+            elements << c;
+    }
+    for (const QDomElement &e : std::as_const(elements)) {
+        if (e.hasAttribute(qv::DownloadManager::BASE_URL)
+            && !e.attribute(qv::DownloadManager::BASE_URL).isEmpty()
+            && !e.attribute(qv::DownloadManager::BASE_URL).endsWith(QLatin1Char('/')))
+            say(e.lineNumber(), false,
+                QStringLiteral(
+                    "base-url \"%1\" does not end in \"/\": it is joined to the url without one")
+                    .arg(e.attribute(qv::DownloadManager::BASE_URL)));
+    }
+
+    static const QStringList offeredTypes {"tar.gz", "rpm", "deb", "tar.bz2"};
+    QHash<QString, int> identities;
+    QStringList models;
+    const QDomNodeList packages = doc.elementsByTagName(qv::DownloadManager::PACKAGE);
+    for (int i = 0; i < packages.size(); ++i) {
+        const QDomElement e = packages.at(i).toElement();
+        qv::PackageInfo info;
+        qv::DownloadManager::parsePackage(e, info);
+        const int line = e.lineNumber();
+        const QString what = QStringLiteral("package %1 %2").arg(info.name, info.release);
+        if (info.sha256.isEmpty())
+            say(line, false,
+                what
+                    + QStringLiteral(": no sha256, so a client with trusted keys never offers it"));
+        else if (!QRegularExpression(QStringLiteral("^[0-9a-f]{64}$"))
+                      .match(info.sha256)
+                      .hasMatch())
+            say(line, true, what + QStringLiteral(": sha256 is not 64 hex digits"));
+        const QString sizeText = qv::DownloadManager::findString(e, qv::DownloadManager::FILE_SIZE);
+        if (info.fileSize <= 0)
+            say(line, true,
+                what
+                    + QStringLiteral(
+                          ": file-size \"%1\" reads as %2: the download never reports an outcome")
+                          .arg(sizeText)
+                          .arg(info.fileSize));
+        const QString dateText
+            = qv::DownloadManager::findString(e, qv::DownloadManager::RELEASE_DATE);
+        if (!info.releaseDate.isValid())
+            say(line, false,
+                what + QStringLiteral(": release-date \"%1\" reads as no date").arg(dateText));
+        if (info.name.isEmpty() || info.release.isEmpty() || info.type.isEmpty())
+            say(line, true, what + QStringLiteral(": name, release or type reads as empty"));
+        if (info.suffix.size() < 3 || info.suffix.size() > 7)
+            say(line, false,
+                what + QStringLiteral(": suspicious file type \"%1\"").arg(info.suffix));
+        if (info.type == u"Application" && !offeredTypes.contains(info.suffix))
+            say(line, false,
+                what
+                    + QStringLiteral(
+                          ": the client never offers an application package of type \"%1\"")
+                          .arg(info.suffix));
+        if (info.type == u"Camera Firmware")
+            models << info.name;
+        const QString id = info.stringID();
+        if (identities.contains(id))
+            say(line, false,
+                what
+                    + QStringLiteral(": same identity (date and size) as the package on line %1; "
+                                     "one of them is dropped")
+                          .arg(identities.value(id)));
+        else
+            identities.insert(id, line);
+    }
+    models.removeDuplicates();
+    for (const QString &a : std::as_const(models)) {
+        for (const QString &b : std::as_const(models)) {
+            if (a != b && b.startsWith(a))
+                say(rootLine, false,
+                    QStringLiteral("camera model \"%1\" is a prefix of \"%2\": a %1 camera may be "
+                                   "offered %2 firmware")
+                        .arg(a, b));
+        }
+    }
+    std::printf("%s: %d error(s), %d warning(s)\n", qPrintable(source), errors, warnings);
+    return errors ? 2 : warnings ? 1 : 0;
+}
+
+int serve(const QStringList &args)
+{
+    QCommandLineParser p;
+    p.setApplicationDescription(QStringLiteral(
+        "Serves DIR (catalogue, signature, packages) on 127.0.0.1 for development."));
+    const QCommandLineOption port(QStringLiteral("port"),
+                                  QStringLiteral("The port (default 8080)."), QStringLiteral("N"),
+                                  QStringLiteral("8080"));
+    p.addOption(port);
+    int code = Usage;
+    if (!parse(p, args, {"DIR"}, &code))
+        return code;
+    StaticServer server(p.positionalArguments().at(0));
+    if (!server.listen(QHostAddress::LocalHost, quint16(p.value(port).toUInt())))
+        return fail(QStringLiteral("cannot listen on 127.0.0.1:%1: %2")
+                        .arg(p.value(port), server.errorString()));
+    std::printf("serving %s on http://127.0.0.1:%d/\n"
+                "note: clients download packages from port 80 of the package URL's host, "
+                "whatever port the URL names; serve packages on port 80 (or through a proxy).\n",
+                qPrintable(p.positionalArguments().at(0)), server.serverPort());
+    std::fflush(stdout);
+    return QCoreApplication::exec();
+}
+
+int offer(const QStringList &args)
+{
+    QCommandLineParser p;
+    p.setApplicationDescription(QStringLiteral(
+        "Runs the client's request, verification and selection and prints the packages the user "
+        "would be offered. Exit 0 nothing to offer, 10 updates available, 1 error."));
+    const QCommandLineOption server(QStringLiteral("server"), QStringLiteral("The catalogue URL."),
+                                    QStringLiteral("URL"));
+    const QCommandLineOption file(QStringLiteral("file"),
+                                  QStringLiteral("A catalogue file (its .minisig beside it)."),
+                                  QStringLiteral("CATALOGUE"));
+    const QCommandLineOption app(QStringLiteral("app"), QStringLiteral("The application name."),
+                                 QStringLiteral("NAME"));
+    const QCommandLineOption version(QStringLiteral("version"),
+                                     QStringLiteral("The installed version."), QStringLiteral("V"));
+    const QCommandLineOption platform(QStringLiteral("platform"),
+                                      QStringLiteral("A supported platform (repeatable)."),
+                                      QStringLiteral("P"));
+    const QCommandLineOption camera(QStringLiteral("camera"),
+                                    QStringLiteral("MODEL=VERSION (repeatable)."),
+                                    QStringLiteral("MODEL=VERSION"));
+    const QCommandLineOption beta(QStringLiteral("beta"), QStringLiteral("Include beta releases."));
+    const QCommandLineOption language(QStringLiteral("language"),
+                                      QStringLiteral("The user's language (de, fr, en, ...)."),
+                                      QStringLiteral("L"));
+    const QCommandLineOption keys(QStringLiteral("keys"),
+                                  QStringLiteral("A trusted public key (repeatable)."),
+                                  QStringLiteral("PUBLIC_KEY"));
+    p.addOptions({server, file, app, version, platform, camera, beta, language, keys});
+    int code = Usage;
+    if (!parse(p, args, {}, &code))
+        return code;
+    if (p.isSet(server) == p.isSet(file) || !p.isSet(app) || !p.isSet(version))
+        return fail(QStringLiteral("offer needs --server or --file, --app and --version"), Usage);
+
+    // The user's real settings are never touched: a store of its own for this run.
+    QTemporaryDir settings;
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settings.path());
+    qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+    QCoreApplication::setOrganizationName(QStringLiteral("softupdate-offer"));
+    QCoreApplication::setApplicationName(p.value(app));
+
+    QString url = p.value(server);
+    std::unique_ptr<StaticServer> local;
+    if (p.isSet(file)) {
+        const QFileInfo info(p.value(file));
+        local.reset(new StaticServer(info.absolutePath()));
+        if (!info.isFile() || !local->listen(QHostAddress::LocalHost))
+            return fail(QStringLiteral("cannot serve %1").arg(p.value(file)));
+        url = QStringLiteral("http://127.0.0.1:%1/%2")
+                  .arg(local->serverPort())
+                  .arg(info.fileName());
+    }
+    QSettings store(QSettings::IniFormat, QSettings::UserScope,
+                    QCoreApplication::organizationName(), p.value(app));
+    store.setValue(QStringLiteral("serverURL"), url);
+    store.setValue(QStringLiteral("checkForBeta"), p.isSet(beta));
+    store.sync();
+    qv::SoftwareUpdateClient client(p.value(app), qv::VersionNumber::fromText(p.value(version)),
+                                    url, nullptr);
+    client.setInteractive(false);
+    QStringList trusted;
+    for (const QString &k : p.values(keys))
+        trusted << keyText(k);
+    client.setTrustedKeys(trusted);
+    SoftUpCurrentCameraVersions cameras;
+    for (const QString &c : p.values(camera))
+        cameras << qMakePair(c.section(QLatin1Char('='), 0, 0),
+                             qv::VersionNumber::fromText(c.section(QLatin1Char('='), 1)));
+    if (!cameras.isEmpty())
+        client.setCurrentCameraVersions(cameras);
+    if (p.isSet(platform))
+        store.setValue(QStringLiteral("supportedPlatforms"),
+                       p.values(platform).join(QLatin1Char(',')));
+    store.sync();
+
+    int result = Failure;
+    QEventLoop loop;
+    QObject::connect(&client, &qv::SoftwareUpdateClient::upToDate, &loop, [&] {
+        std::printf("nothing to offer\n");
+        result = Success;
+        loop.quit();
+    });
+    QObject::connect(&client, &qv::SoftwareUpdateClient::checkFailed, &loop,
+                     [&](const QString &reason) {
+                         std::fprintf(stderr, "softupdate: %s\n", qPrintable(reason));
+                         result = Failure;
+                         loop.quit();
+                     });
+    QObject::connect(&client, &qv::SoftwareUpdateClient::updatesAvailable, &loop, [&] {
+        result = 10;
+        loop.quit();
+    });
+    QTimer::singleShot(0, &client, [&client] { client.checkForUpdate(0); });
+    loop.exec();
+    if (result != 10)
+        return result;
+    // The rows of the list the user would see, as that list shows them.
+    client.showAvailableUpdates();
+    for (QWidget *w : QApplication::topLevelWidgets()) {
+        auto *dialog = qobject_cast<qv::SoftwareUpdateAvailableDialog *>(w);
+        auto *table
+            = dialog ? dialog->findChild<QTableWidget *>(QStringLiteral("tableWidget")) : nullptr;
+        if (!table)
+            continue;
+        for (int r = 0; r < table->rowCount(); ++r) {
+            QStringList cells;
+            for (int c = 0; c < table->columnCount(); ++c)
+                cells << (table->item(r, c) ? table->item(r, c)->text() : QString());
+            std::printf("%s%s\n", qPrintable(cells.join(QStringLiteral(" | "))),
+                        table->isRowHidden(r) ? " (hidden: another language)" : "");
+        }
+    }
+    return 10;
+}
+
+const char kUsage[]
+    = "usage: softupdate add|sign|verify|lint|offer|serve ... (softupdate <command> --help)\n";
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
+    // offer shows the client's list, offscreen, to read its rows.
+    const bool offering = argc > 1 && qstrcmp(argv[1], "offer") == 0;
+    if (offering && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    for (int i = 2; offering && i + 1 < argc; ++i) {
+        if (qstrcmp(argv[i], "--language")
+            == 0) // the client reads the user's language from the locale
+            qputenv("LC_ALL", QByteArray(argv[i + 1]) + ".UTF-8");
+    }
+    std::unique_ptr<QCoreApplication> app(offering ? new QApplication(argc, argv)
+                                                   : new QCoreApplication(argc, argv));
     QStringList args = QCoreApplication::arguments();
     const QString command = args.value(1);
     if (args.size() > 1)
@@ -276,6 +606,12 @@ int main(int argc, char **argv)
         return sign(args);
     if (command == u"verify")
         return verify(args);
+    if (command == u"lint")
+        return lint(args);
+    if (command == u"offer")
+        return offer(args);
+    if (command == u"serve")
+        return serve(args);
     if (command == u"--help" || command == u"-h") {
         std::printf("%s", kUsage);
         return Success;

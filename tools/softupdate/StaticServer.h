@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QDir>
+#include <QTcpServer>
+
+/// Serves the regular files below one folder over HTTP/1.0 GET, for development: nothing outside
+/// the folder (no "..", no links out), one answer per connection.
+class StaticServer : public QTcpServer {
+public:
+    explicit StaticServer(const QString &folder, QObject *parent = nullptr);
+
+private:
+    void answer(QTcpSocket *socket);
+
+    QDir m_root;
+};
