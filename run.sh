@@ -9,7 +9,7 @@ PACKAGES=(
   cmake make g++ pkg-config
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   qt6-httpserver-dev qt6-websockets-dev libgl-dev
-  libarchive-dev libarchive-tools curl python3 libsodium-dev libssl-dev minisign
+  libarchive-dev libarchive-tools curl python3 libsodium-dev libssl-dev minisign nginx-light
 )
 
 ensure_packages() {

@@ -199,6 +199,40 @@ private Q_SLOTS:
         QCOMPARE(offerRows(offer), client);
     }
 
+    // serve hands out the files of its folder and nothing outside it; offer reports a dead
+    // server as an error.
+    void serveAndOfferErrors()
+    {
+        QTemporaryDir dir;
+        QDir().mkpath(dir.filePath("www"));
+        writeFile("secret.txt", "outside");
+        QFile inside(dir.filePath("www/list.xml"));
+        QVERIFY(inside.open(QIODevice::WriteOnly));
+        inside.write("<softwareList/>");
+        inside.close();
+        QProcess serve;
+        serve.start(SUC_SOFTUPDATE, {"serve", dir.filePath("www"), "--port", "18437"});
+        QVERIFY(serve.waitForReadyRead(10000));
+        QVERIFY(serve.readAll().contains("port 80"));
+        const auto get = [](const QByteArray &path) {
+            QTcpSocket s;
+            s.connectToHost("127.0.0.1", 18437);
+            s.waitForConnected(5000);
+            s.write("GET " + path + " HTTP/1.0\r\n\r\n");
+            while (s.state() == QAbstractSocket::ConnectedState && s.waitForReadyRead(5000)) { }
+            return s.readAll();
+        };
+        QVERIFY(get("/list.xml").contains("<softwareList/>"));
+        QVERIFY(get("/../secret.txt").startsWith("HTTP/1.0 404"));
+        QVERIFY(get("/%2e%2e/secret.txt").startsWith("HTTP/1.0 404"));
+        serve.kill();
+        serve.waitForFinished();
+        const Run dead = softupdate({"offer", "--server", "http://127.0.0.1:9/list.xml", "--app",
+                                     "Viewer", "--version", "1"});
+        QCOMPARE(dead.code, 1);
+        QVERIFY2(dead.out.contains("refused"), qPrintable(dead.out));
+    }
+
     // A real server: softupdate builds and signs the catalogue of a folder, nginx serves it on
     // port 80, the client checks, downloads and verifies a package, and offer says the same.
     void nginxServesWhatSoftupdatePublished()
