@@ -16,11 +16,14 @@
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QMessageBox>
 #include <QProcess>
 #include <QProgressDialog>
 #include <QPushButton>
+
+#include <unistd.h>
 
 namespace qv {
 
@@ -31,6 +34,20 @@ using client::Text;
 namespace {
 
 const QString kUpdaterName = QStringLiteral("UpdateInstaller");
+
+// Replaces the running process with the updater, which checks that the new version runs.
+void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
+                                 const QString &newDir, const QString &exe)
+{
+    const QByteArray program = updater.toLocal8Bit();
+    const QByteArray oldPath = oldDir.toLocal8Bit();
+    const QByteArray newPath = newDir.toLocal8Bit();
+    const QByteArray name = exe.toLocal8Bit();
+    const QByteArray seconds = QByteArray::number(SoftwareUpdateClient::kHealthTimeout);
+    execl(program.constData(), program.constData(), "-oldDir", oldPath.constData(), "-newDir",
+          newPath.constData(), "-exe", name.constData(), "-healthTimeout", seconds.constData(),
+          static_cast<char *>(nullptr));
+}
 
 void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, const QString &text)
 {
@@ -51,10 +68,13 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
+    const bool complete = installMode() == CompleteInstall;
     QMessageBox confirm(
         QMessageBox::Warning, Text::tr("Install Package"),
-        Text::tr("After downloading the package, the installer will automatically exit "
-                 "and restart your application!"),
+        complete ? Text::tr("The package is downloaded, verified and unpacked first. You are asked "
+                            "before the application closes to be replaced by the new version.")
+                 : Text::tr("After downloading the package, the installer will automatically exit "
+                            "and restart your application!"),
         QMessageBox::NoButton, dialogParent, sheetDialogFlags(dialogParent));
     QPushButton *cancel = confirm.addButton(Text::tr("Cancel Install"), QMessageBox::RejectRole);
     confirm.addButton(Text::tr("Proceed"), QMessageBox::AcceptRole);
@@ -88,7 +108,9 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
 
     if (!m_progressDialog) {
         m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
-        m_progressDialog->setLabelText(Text::tr("Downloading package to temporary folder..."));
+        m_progressDialog->setLabelText(
+            complete ? Text::tr("Downloading and verifying the package...")
+                     : Text::tr("Downloading package to temporary folder..."));
         connect(manager, &DownloadManager::downloadProgress, this,
                 qOverload<int, int>(&SoftwareUpdateClient::downloadProgress));
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
@@ -126,7 +148,9 @@ void SoftwareUpdateClient::downloadFinished()
     static const QStringList known {"exe", "mpkg", "zip", "msi", "deb", "rpk", "tar.gz"};
     if (known.contains(suffix))
         Q_EMIT installationStarted(package);
-    if (suffix == u"exe") {
+    if (installMode() == CompleteInstall && (suffix == u"zip" || suffix == u"tar.gz")) {
+        installCompletePackage();
+    } else if (suffix == u"exe") {
         installEXEPackage();
     } else if (suffix == u"mpkg") {
         installMPKGPackage();
@@ -272,8 +296,12 @@ void SoftwareUpdateClient::startZipInstall()
         if (QFile::exists(updaterTarget) || QFile::copy(updaterSource, updaterTarget)) {
             const QString executable
                 = QCoreApplication::applicationFilePath().section(QLatin1Char('/'), -1);
-            DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder,
-                                         executable);
+            if (installMode() == CompleteInstall)
+                startUpdaterWithHealthCheck(updaterTarget, applicationFolder, m_unpackedFolder,
+                                            executable);
+            else
+                DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder,
+                                             executable);
             return;
         }
         errorLine(QStringLiteral(
@@ -286,6 +314,56 @@ void SoftwareUpdateClient::startZipInstall()
               + QFileInfo(updaterSource).fileName());
     showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
               Text::tr("Installation process failed. If problem persists try manual install."));
+}
+
+// CompleteInstall: the verified package is unpacked, and only then is the user asked.
+void SoftwareUpdateClient::installCompletePackage()
+{
+    auto *unpacker = new DownloadManager();
+    unpacker->setParent(this);
+    connect(unpacker, &DownloadManager::unzippingDone, this,
+            [this, unpacker](const QString &folder) {
+                unpacker->deleteLater();
+                completePackageUnpacked(folder);
+            });
+    removeDownloadFolderWhenUnpacked(unpacker);
+    unpacker->unzipPackage(m_downloadedFilePath);
+}
+
+void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
+{
+    // The new application folder is the one holding a program named like the running one.
+    const QString program = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    QString found;
+    QDirIterator it(folder, {program}, QDir::Files, QDirIterator::Subdirectories);
+    while (found.isEmpty() && it.hasNext()) {
+        const QFileInfo candidate(it.next());
+        if (candidate.isExecutable() && !candidate.isSymLink())
+            found = candidate.absolutePath();
+    }
+    if (found.isEmpty()) {
+        errorLine(QStringLiteral(
+                      "SoftwareUpdateClient::installCompletePackage() -> %1 holds no program %2")
+                      .arg(folder, program));
+        FileUtils::erase(folder);
+        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+                  Text::tr("The package does not contain the program %1. Nothing was changed.")
+                      .arg(program));
+        return;
+    }
+    m_unpackedFolder = found;
+    progressLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> new version in ")
+                 + found);
+    QMessageBox ask(QMessageBox::Warning, Text::tr("Restart required"),
+                    Text::tr("The new version is unpacked and verified. Restart now to install "
+                             "it: the application closes, is replaced, and starts again. If the "
+                             "new version does not start, this version comes back."),
+                    QMessageBox::NoButton, m_parent, m_windowFlags);
+    ask.addButton(Text::tr("Restart later"), QMessageBox::RejectRole);
+    QPushButton *now = ask.addButton(Text::tr("Restart now"), QMessageBox::AcceptRole);
+    ask.exec();
+    if (ask.clickedButton() == now)
+        startZipInstall();
 }
 
 void SoftwareUpdateClient::installMSIPackage()

@@ -7,14 +7,23 @@
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
 
+#include "ClientSupport.h"
+
 #include <QCoreApplication>
+#include <QDir>
+#include <QMessageBox>
 #include <QNetworkAccessManager>
+#include <QSaveFile>
 #include <QTimer>
 #include <QTranslator>
 
 #include <memory>
 
 namespace qv {
+
+using client::errorLine;
+using client::progressLine;
+using client::Text;
 
 namespace {
 
@@ -64,10 +73,17 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
     settings.product = product;
     settings.versionNumber = version;
     settings.supportedPlatforms = compatiblePlatforms;
-    supportedPackageTypes << QStringLiteral("tar.gz") << QStringLiteral("rpm")
-                          << QStringLiteral("deb") << QStringLiteral("tar.bz2");
-    // A single empty entry: the list is not empty, so it is written, as an empty value.
-    installablePackageTypes << QString(QLatin1String(""));
+    if (installMode() == CompleteInstall) {
+        supportedPackageTypes << QStringLiteral("zip") << QStringLiteral("tar.gz")
+                              << QStringLiteral("rpm") << QStringLiteral("deb")
+                              << QStringLiteral("tar.bz2");
+        installablePackageTypes << QStringLiteral("zip") << QStringLiteral("tar.gz");
+    } else {
+        supportedPackageTypes << QStringLiteral("tar.gz") << QStringLiteral("rpm")
+                              << QStringLiteral("deb") << QStringLiteral("tar.bz2");
+        // A single empty entry: the list is not empty, so it is written, as an empty value.
+        installablePackageTypes << QString(QLatin1String(""));
+    }
     settings.supportedPackageTypes = supportedPackageTypes;
     settings.installablePackageTypes = installablePackageTypes;
     if (settings.serverURL.isNull())
@@ -75,6 +91,7 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
     setCurrentSettings(&settings);
 
     setTrustedKeys(CatalogueTrust::builtInKeys());
+    confirmHealthAndNoticeRollBack();
     connect(m_checkTimer, &QTimer::timeout, this, [this] { queryLastUpdate(); });
     if (settings.doUpdateCheck)
         enableSoftwareUpdate();
@@ -178,6 +195,52 @@ QString SoftwareUpdateClient::transformReleaseStatus(bool beta) const
 QNetworkProxy SoftwareUpdateClient::networkProxy() const
 {
     return NodeDB::getDB().globalProxy().toQNetworkProxy();
+}
+
+namespace {
+SoftwareUpdateClient::InstallMode s_installMode = SoftwareUpdateClient::DesignedInstall;
+}
+
+void SoftwareUpdateClient::setInstallMode(InstallMode mode)
+{
+    s_installMode = mode;
+}
+
+SoftwareUpdateClient::InstallMode SoftwareUpdateClient::installMode()
+{
+    return s_installMode;
+}
+
+// A new version started by UpdateInstaller confirms here that it runs; an old version that an
+// update was rolled back to tells the user once.
+void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
+{
+    const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
+    if (!health.isEmpty()) {
+        QSaveFile confirmation(health);
+        if (confirmation.open(QIODevice::WriteOnly) && confirmation.write("running\n") > 0
+            && confirmation.commit())
+            progressLine(QStringLiteral(
+                "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
+        qunsetenv("SOFTWAREUPDATE_HEALTH_FILE"); // not for the programs this one starts
+    }
+    const QString note = QDir::cleanPath(QCoreApplication::applicationDirPath())
+        + QStringLiteral(".update-rolled-back");
+    QFile reason(note);
+    if (!reason.open(QIODevice::ReadOnly))
+        return;
+    const QString why = QString::fromUtf8(reason.readAll()).trimmed();
+    reason.remove();
+    errorLine(QStringLiteral("SoftwareUpdateClient -> the last update was rolled back: ") + why);
+    QTimer::singleShot(0, this, [this] {
+        if (!m_interactive)
+            return;
+        QMessageBox box(QMessageBox::Warning, Text::tr("Update rolled back"),
+                        Text::tr("The new version did not start, so the update was rolled back. "
+                                 "This is the version you had before."),
+                        QMessageBox::Ok, m_parent, m_windowFlags);
+        box.exec();
+    });
 }
 
 bool SoftwareUpdateClient::installTranslator(const QLocale &locale)

@@ -45,6 +45,20 @@ public:
     static QSettings::Format sSoftUpQSettingsFormat;
     static QSettings::Scope sSoftUpQSettingsScope;
 
+    /// How downloaded application packages are installed. DesignedInstall (the default) keeps
+    /// the designed build lists (tar.gz, rpm, deb and tar.bz2, none installable). CompleteInstall
+    /// offers "zip" and the designed four, and installs "zip" and "tar.gz": the package is
+    /// verified (with trusted keys), unpacked, the folder holding a program named like the
+    /// running one is handed to UpdateInstaller with a health check, and the update is rolled
+    /// back when the new version does not confirm that it runs.
+    enum InstallMode { DesignedInstall, CompleteInstall };
+    Q_ENUM(InstallMode)
+    /// Call before creating the client.
+    static void setInstallMode(InstallMode mode);
+    static InstallMode installMode();
+    /// Seconds the new version has to confirm that it runs (CompleteInstall).
+    static const int kHealthTimeout = 60;
+
     SoftwareUpdateClient(const QString &product, VersionNumber version, const QString &serverURL,
                          QWidget *parent);
     ~SoftwareUpdateClient() override;
@@ -173,6 +187,9 @@ private:
     void installRPKPackage();
     void installTARGZPackage();
     void removeDownloadFolderWhenUnpacked(DownloadManager *unpacker);
+    void installCompletePackage();
+    void completePackageUnpacked(const QString &folder);
+    void confirmHealthAndNoticeRollBack();
     QNetworkAccessManager *networkManager();
     void startRequestTimeout();
     void fetchSignature(const QUrl &catalogueUrl);

@@ -14,7 +14,11 @@ class TestUpdateInstaller : public QObject {
     QTemporaryDir m_dir;
     QString m_marker;
 
-    static void makeApp(const QString &folder, const QString &version, bool executable = true)
+    // `start` is what the program does after noting its start: "" confirms to the updater when
+    // asked (as the client does), "fail" exits with 3, "quiet" exits without confirming, "hang"
+    // never confirms, "die" is killed.
+    static void makeApp(const QString &folder, const QString &version, bool executable = true,
+                        const QByteArray &start = QByteArray())
     {
         QDir().mkpath(folder + "/lib");
         QFile v(folder + "/version.txt");
@@ -28,8 +32,16 @@ class TestUpdateInstaller : public QObject {
         QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
         QFile app(folder + "/app");
         app.open(QIODevice::WriteOnly);
+        static const QHash<QByteArray, QByteArray> behaviours {
+            {"",
+             "[ -n \"$SOFTWAREUPDATE_HEALTH_FILE\" ] && touch \"$SOFTWAREUPDATE_HEALTH_FILE\"\n"},
+            {"fail", "exit 3\n"},
+            {"quiet", "exit 0\n"},
+            {"hang", "sleep 30\n"},
+            {"die", "kill -9 $$\n"}};
         app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> "
-                  "\"$SUC_MARKER\"\n");
+                  "\"$SUC_MARKER\"\n"
+                  + behaviours.value(start));
         app.close();
         if (executable)
             app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
@@ -210,6 +222,49 @@ private Q_SLOTS:
                  QString("v2")); // not the updater's to drop here
     }
 
+    // With a health check, the new version must confirm that it runs; otherwise it is stopped,
+    // the old one put back and started, and a note left for its client.
+    void healthCheck_data()
+    {
+        QTest::addColumn<QByteArray>("start");
+        QTest::addColumn<QString>("why"); // empty: the update stays
+        QTest::newRow("confirms") << QByteArray() << "";
+        QTest::newRow("exits with an error") << QByteArray("fail") << "exited with code 3";
+        QTest::newRow("exits without confirming") << QByteArray("quiet") << "exited with code 0";
+        QTest::newRow("hangs without confirming")
+            << QByteArray("hang") << "did not confirm within 1 s";
+        QTest::newRow("killed during the check") << QByteArray("die") << "killed by signal 9";
+    }
+    void healthCheck()
+    {
+        QFETCH(QByteArray, start);
+        QFETCH(QString, why);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
+        const QStringList args {"-oldDir", app,   "-newDir",        m_dir.filePath("unpacked"),
+                                "-exe",    "app", "-healthTimeout", "1"};
+        QCOMPARE(runInstaller(args), why.isEmpty() ? 0 : 1);
+        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
+        QVERIFY(!QFileInfo::exists(app + ".update-health"));
+        if (why.isEmpty()) {
+            QCOMPARE(completeVersion(app), QString("v2"));
+            QVERIFY(!QFileInfo::exists(app + ".update-rolled-back"));
+            return;
+        }
+        QCOMPARE(completeVersion(app), QString("v1"));
+        QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
+        QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
+        QFile note(app + ".update-rolled-back");
+        QVERIFY(note.open(QIODevice::ReadOnly));
+        QVERIFY2(note.readAll().contains(why.toUtf8()), qPrintable(log()));
+        // A second update, of a version that runs, goes through after the roll-back.
+        QDir(m_dir.filePath("unpacked")).removeRecursively();
+        makeApp(m_dir.filePath("unpacked"), "v3");
+        QCOMPARE(runInstaller(args), 0);
+        QCOMPARE(completeVersion(app), QString("v3"));
+    }
+
     void newProgramThatCannotStartRollsBack()
     {
         const QString app = m_dir.filePath("Viewer");
@@ -234,11 +289,14 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("step"); // empty: not interrupted
         QTest::addColumn<bool>("acrossFileSystems");
         QTest::addColumn<QString>("stale");
-        for (const char *stale : {"clean", "stale backup", "stale journal of other arguments",
-                                  "backup linked outside", "concurrent run"}) {
+        for (const char *stale :
+             {"clean", "health check", "stale backup", "stale journal of other arguments",
+              "backup linked outside", "concurrent run"}) {
             for (bool across : {false, true}) {
-                for (const char *step :
-                     {"", "journal", "backup", "copy", "move", "start", "discard", "cleanup"}) {
+                for (const char *step : {"", "journal", "backup", "copy", "move", "start",
+                                         "confirm", "discard", "cleanup"}) {
+                    if (QByteArray(step) == "confirm" && QByteArray(stale) != "health check")
+                        continue;
                     if (QByteArray(step) == "copy" && !across)
                         continue;
                     QTest::newRow(
@@ -280,7 +338,10 @@ private Q_SLOTS:
         } else if (stale == "backup linked outside") {
             QVERIFY(QFile::link(outside, app + ".update-backup"));
         }
-        const QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
+        QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
+        if (stale == "health check")
+            args << "-healthTimeout"
+                 << "10";
 
         if (stale == "concurrent run") {
             QProcess first, second;
@@ -294,6 +355,9 @@ private Q_SLOTS:
             const int killed = runInstaller(args, step);
             if (killed != -1) // the step was not reached in this state
                 QCOMPARE(killed, 0);
+            // Killed while the new version starts: it confirms by itself meanwhile.
+            if (step == "start" && stale == "health check")
+                QTRY_VERIFY(started().contains("v2"));
         }
         const QString inPlace = completeVersion(app);
         const QString backup = completeVersion(app + ".update-backup");

@@ -44,7 +44,14 @@ struct ReadArchive {
                                        info.isFile() ? QStringLiteral("the file is empty")
                                                      : QStringLiteral("not a regular file")));
         }
-        archive_read_support_format_zip(a);
+        // The package type names the format: a ".tar.gz" is a gzip-compressed tar, anything
+        // else a ZIP.
+        if (file.endsWith(QLatin1String(".tar.gz"))) {
+            archive_read_support_filter_gzip(a);
+            archive_read_support_format_tar(a);
+        } else {
+            archive_read_support_format_zip(a);
+        }
         if (archive_read_open_filename(a, QFile::encodeName(file).constData(), 64 * 1024)
             != ARCHIVE_OK) {
             const QString why = error();

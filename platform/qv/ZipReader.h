@@ -32,8 +32,9 @@ protected:
     std::atomic<bool> m_canceled {false};
 };
 
-/// Reads ZIP archives and extracts them safely. Nothing but ZIP is read, an empty file is not an
-/// archive, and a warning (a bad CRC) is a failure.
+/// Reads ZIP archives (and, for a file named ".tar.gz", gzip-compressed tar) and extracts them
+/// safely. Nothing else is read, an empty file is not an archive, and a warning (a bad CRC) is a
+/// failure.
 ///
 /// Extraction always refuses entries that would land outside the target folder: absolute paths,
 /// ".." components, writing through symbolic links, and links that lead outside the target

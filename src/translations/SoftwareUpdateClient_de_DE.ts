@@ -177,6 +177,30 @@
         <source>The update server did not answer with an update catalogue.</source>
         <translation>Der Update-Server hat nicht mit einem Update-Katalog geantwortet.</translation>
     </message>
+    <message>
+        <source>Update rolled back</source>
+        <translation>Update zurückgenommen</translation>
+    </message>
+    <message>
+        <source>The new version did not start, so the update was rolled back. This is the version you had before.</source>
+        <translation>Die neue Version ist nicht gestartet, deshalb wurde das Update zurückgenommen. Dies ist die Version, die Sie vorher hatten.</translation>
+    </message>
+    <message>
+        <source>The package is downloaded, verified and unpacked first. You are asked before the application closes to be replaced by the new version.</source>
+        <translation>Das Paket wird zuerst heruntergeladen, geprüft und entpackt. Sie werden gefragt, bevor die Anwendung beendet und durch die neue Version ersetzt wird.</translation>
+    </message>
+    <message>
+        <source>Downloading and verifying the package...</source>
+        <translation>Paket wird heruntergeladen und geprüft...</translation>
+    </message>
+    <message>
+        <source>The package does not contain the program %1. Nothing was changed.</source>
+        <translation>Das Paket enthält das Programm %1 nicht. Es wurde nichts geändert.</translation>
+    </message>
+    <message>
+        <source>The new version is unpacked and verified. Restart now to install it: the application closes, is replaced, and starts again. If the new version does not start, this version comes back.</source>
+        <translation>Die neue Version ist entpackt und geprüft. Starten Sie jetzt neu, um sie zu installieren: Die Anwendung wird beendet, ersetzt und neu gestartet. Startet die neue Version nicht, kehrt diese Version zurück.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -177,6 +177,30 @@
         <source>The update server did not answer with an update catalogue.</source>
         <translation>Le serveur de mises à jour n&apos;a pas répondu avec un catalogue de mises à jour.</translation>
     </message>
+    <message>
+        <source>Update rolled back</source>
+        <translation>Mise à jour annulée</translation>
+    </message>
+    <message>
+        <source>The new version did not start, so the update was rolled back. This is the version you had before.</source>
+        <translation>La nouvelle version n&apos;a pas démarré, la mise à jour a donc été annulée. Voici la version que vous aviez auparavant.</translation>
+    </message>
+    <message>
+        <source>The package is downloaded, verified and unpacked first. You are asked before the application closes to be replaced by the new version.</source>
+        <translation>Le paquet est d&apos;abord téléchargé, vérifié et décompressé. Une confirmation vous est demandée avant que l&apos;application ne se ferme pour être remplacée par la nouvelle version.</translation>
+    </message>
+    <message>
+        <source>Downloading and verifying the package...</source>
+        <translation>Téléchargement et vérification du paquet...</translation>
+    </message>
+    <message>
+        <source>The package does not contain the program %1. Nothing was changed.</source>
+        <translation>Le paquet ne contient pas le programme %1. Rien n&apos;a été modifié.</translation>
+    </message>
+    <message>
+        <source>The new version is unpacked and verified. Restart now to install it: the application closes, is replaced, and starts again. If the new version does not start, this version comes back.</source>
+        <translation>La nouvelle version est décompressée et vérifiée. Redémarrez maintenant pour l&apos;installer : l&apos;application se ferme, est remplacée et redémarre. Si la nouvelle version ne démarre pas, cette version revient.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -7,9 +7,15 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <QElapsedTimer>
+
+#include <csignal>
+#include <vector>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <utility>
@@ -123,6 +129,8 @@ FolderSwap::FolderSwap(const Options &options, QTextStream &log, Starter starter
     m_journal = m_options.oldDir + QStringLiteral(".update-journal");
     m_lock = m_options.oldDir + QStringLiteral(".update-lock");
     m_discard = m_options.oldDir + QStringLiteral(".update-discard");
+    m_health = m_options.oldDir + QStringLiteral(".update-health");
+    m_rolledBack = m_options.oldDir + QStringLiteral(".update-rolled-back");
 }
 
 FolderSwap::~FolderSwap()
@@ -193,7 +201,8 @@ bool FolderSwap::validateNew(QString *why) const
             return false;
         }
     }
-    for (const QString &own : {m_backup, m_incoming, m_journal, m_lock, m_discard}) {
+    for (const QString &own :
+         {m_backup, m_incoming, m_journal, m_lock, m_discard, m_health, m_rolledBack}) {
         if (sameOrInside(newDir, own) || sameOrInside(own, newDir)
             || (!newPath.isEmpty()
                 && sameOrInside(newPath, absoluteClean(QFileInfo(own).absoluteFilePath())))) {
@@ -232,19 +241,23 @@ FolderSwap::Journal FolderSwap::readJournal() const
     const QStringList lines = QString::fromUtf8(f.read(64 * 1024)).split(QLatin1Char('\n'));
     const QString state = lines.value(0).trimmed();
     journal.state = state == u"launched" ? State::Launched
+        : state == u"checking"           ? State::Checking
         : state == u"moved"              ? State::Moved
                                          : State::Started;
     journal.options = {lines.value(1), lines.value(2), lines.value(3)};
+    journal.pid = lines.value(4).toLongLong();
     return journal;
 }
 
-bool FolderSwap::writeJournal(State state)
+bool FolderSwap::writeJournal(State state, qint64 pid)
 {
     const char *text = state == State::Launched ? "launched"
+        : state == State::Checking              ? "checking"
         : state == State::Moved                 ? "moved"
                                                 : "started";
     const QByteArray content = QByteArray(text) + '\n' + m_options.oldDir.toUtf8() + '\n'
-        + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n';
+        + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n' + QByteArray::number(pid)
+        + '\n';
     QSaveFile f(m_journal);
     return f.open(QIODevice::WriteOnly) && f.write(content) == content.size() && f.commit();
 }
@@ -371,6 +384,17 @@ int FolderSwap::run()
     case State::Moved:
         say(QStringLiteral("resuming an interrupted update: the new version is in place"));
         return startNewVersion();
+    case State::Checking:
+        // Killed while the new version was being checked: it counts only if it confirmed.
+        say(QStringLiteral("resuming an interrupted update: the new version was being checked"));
+        if (isThere(m_health)) {
+            QFile::remove(m_health);
+            cleanUp();
+            return 0;
+        }
+        return notConfirmed(
+            journal.pid,
+            QStringLiteral("it had not confirmed that it runs when the check was interrupted"));
     case State::Started:
         if (isThere(m_backup)) {
             say(QStringLiteral("resuming an interrupted update: the old version is set aside"));
@@ -436,6 +460,8 @@ int FolderSwap::startNewVersion()
         rollBack(QStringLiteral("cannot write the journal"));
         return 1;
     }
+    if (m_options.healthTimeout > 0)
+        return startAndCheck();
     if (!startProgram(m_options.oldDir)) {
         rollBack(QStringLiteral("the new program did not start"));
         return 1;
@@ -444,6 +470,89 @@ int FolderSwap::startNewVersion()
     step("start");
     cleanUp();
     return 0;
+}
+
+// Starts the new program as a child, with SOFTWAREUPDATE_HEALTH_FILE in its environment, and
+// waits for it to create that file. A program that exits first, or does not confirm in time,
+// is stopped and the old version put back.
+int FolderSwap::startAndCheck()
+{
+    QFile::remove(m_health);
+    const QByteArray program = encoded(m_options.oldDir + QLatin1Char('/') + m_options.exe);
+    const QByteArray folder = encoded(m_options.oldDir);
+    // Everything the child needs is made before fork(): after it only exec-safe calls.
+    QList<QByteArray> environment;
+    for (char **e = environ; *e; ++e) {
+        if (!QByteArray(*e).startsWith("SOFTWAREUPDATE_HEALTH_FILE="))
+            environment << QByteArray(*e);
+    }
+    environment << "SOFTWAREUPDATE_HEALTH_FILE=" + encoded(m_health);
+    std::vector<char *> envp;
+    for (QByteArray &e : environment)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+    char *const argv[] = {const_cast<char *>(program.constData()), nullptr};
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(folder.constData()) == 0)
+            execve(program.constData(), argv, envp.data());
+        _exit(127);
+    }
+    if (pid < 0) {
+        rollBack(QStringLiteral("the new program did not start"));
+        return 1;
+    }
+    say(QStringLiteral("started %1 (pid %2); waiting up to %3 s for it to confirm that it runs")
+            .arg(QString::fromLocal8Bit(program))
+            .arg(pid)
+            .arg(m_options.healthTimeout));
+    writeJournal(State::Checking, pid);
+    step("start");
+    QElapsedTimer clock;
+    clock.start();
+    for (;;) {
+        if (isThere(m_health)) {
+            say(QStringLiteral("the new version confirmed that it runs"));
+            QFile::remove(m_health);
+            writeJournal(State::Launched);
+            step("confirm");
+            cleanUp();
+            return 0;
+        }
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            const QString how = WIFEXITED(status)
+                ? QStringLiteral("exited with code %1").arg(WEXITSTATUS(status))
+                : QStringLiteral("was killed by signal %1").arg(WTERMSIG(status));
+            if (isThere(m_health))
+                continue; // it confirmed just before it ended
+            return notConfirmed(
+                0, QStringLiteral("the new program %1 before confirming that it runs").arg(how));
+        }
+        if (clock.elapsed() > qint64(m_options.healthTimeout) * 1000)
+            return notConfirmed(pid,
+                                QStringLiteral("the new program did not confirm within %1 s")
+                                    .arg(m_options.healthTimeout));
+        usleep(50 * 1000);
+    }
+}
+
+// The new version failed its check: it is stopped, the old one put back and started, and a
+// note left for the old version's client to tell the user once.
+int FolderSwap::notConfirmed(qint64 pid, const QString &why)
+{
+    if (pid > 0 && kill(pid_t(pid), 0) == 0) {
+        kill(pid_t(pid), SIGKILL);
+        waitpid(pid_t(pid), nullptr, 0);
+    }
+    QSaveFile note(m_rolledBack);
+    if (note.open(QIODevice::WriteOnly)) {
+        note.write(why.toUtf8() + '\n');
+        note.commit();
+    }
+    QFile::remove(m_health);
+    rollBack(why);
+    return 1;
 }
 
 void FolderSwap::cleanUp()

@@ -26,6 +26,10 @@ public:
         QString oldDir;
         QString newDir;
         QString exe;
+        /// With more than 0, the new program must confirm within this many seconds that it runs
+        /// (by creating the file named in SOFTWAREUPDATE_HEALTH_FILE); if it does not, or exits
+        /// first, it is stopped and the old version put back.
+        int healthTimeout = 0;
     };
     /// Starts a program; true when it started.
     using Starter = std::function<bool(const QString &program, const QString &workingDir)>;
@@ -40,17 +44,20 @@ public:
     int run();
 
 private:
-    enum class State { None, Started, Moved, Launched };
+    enum class State { None, Started, Moved, Checking, Launched };
     struct Journal {
         State state = State::None;
         Options options;
+        qint64 pid = 0; ///< of the new program while it is being checked
     };
 
     bool validateArguments(QString *why) const;
     bool validateNew(QString *why) const;
     bool lock();
     Journal readJournal() const;
-    bool writeJournal(State state);
+    bool writeJournal(State state, qint64 pid = 0);
+    int startAndCheck();
+    int notConfirmed(qint64 pid, const QString &why);
     void settleEarlierUpdate(const Journal &earlier);
     int swap();
     int startNewVersion();
@@ -69,6 +76,8 @@ private:
     QString m_journal;
     QString m_lock;
     QString m_discard;
+    QString m_health;
+    QString m_rolledBack;
     int m_lockFd = -1;
     QTextStream &m_log;
     Starter m_starter;

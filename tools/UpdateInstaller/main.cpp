@@ -26,6 +26,8 @@ int main(int argc, char **argv)
             options.newDir = args.at(++i);
         else if (args.at(i) == u"-exe")
             options.exe = args.at(++i);
+        else if (args.at(i) == u"-healthTimeout")
+            options.healthTimeout = qMax(1, args.at(++i).toInt());
     }
 
     // The user's state folder ($XDG_STATE_HOME, else ~/.local/state): the program's own folder
