@@ -14,6 +14,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QProcess>
 #include <QProgressDialog>
 #include <QPushButton>
 #include <QSettings>
@@ -640,6 +641,71 @@ private Q_SLOTS:
         QTRY_COMPARE(downloadedFileExists(), fileKept);
         QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
         QVERIFY(other.exists());
+    }
+
+    // CompleteInstall: the package is unpacked before the restart question, and must hold the
+    // program (named like the running one) in the folder that becomes the application.
+    void completeInstall_data()
+    {
+        QTest::addColumn<QString>("archive");
+        QTest::addColumn<bool>("withProgram");
+        QTest::addColumn<QString>("lastBox");
+        const QString ready = "Restart required | The new version is unpacked and verified.";
+        QTest::newRow("zip") << "viewer-3.0.zip" << true << ready;
+        QTest::newRow("tar.gz") << "viewer-3.0.tar.gz" << true << ready;
+        QTest::newRow("zip without the program")
+            << "viewer-3.0.zip" << false
+            << "Installation failed | The package does not contain the program "
+                + QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    }
+    void completeInstall()
+    {
+        QFETCH(QString, archive);
+        QFETCH(bool, withProgram);
+        QFETCH(QString, lastBox);
+        QTemporaryDir src;
+        const QString program = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+        QDir().mkpath(src.filePath("Viewer-3/lib"));
+        QFile exe(src.filePath("Viewer-3/" + (withProgram ? program : QString("other"))));
+        QVERIFY(exe.open(QIODevice::WriteOnly));
+        exe.write("#!/bin/sh\n");
+        exe.close();
+        exe.setPermissions(exe.permissions() | QFile::ExeOwner);
+        const QString packed = src.filePath(archive);
+        QCOMPARE(QProcess::execute("bsdtar", {"-a", "-cf", packed, "-C", src.path(), "Viewer-3"}),
+                 0);
+        QFile packedFile(packed);
+        QVERIFY(packedFile.open(QIODevice::ReadOnly));
+        const QByteArray body = packedFile.readAll();
+        TestHttpServer packages(
+            [&](const TestHttpServer::Request &) { return TestHttpServer::Response::ok(body); });
+        SUC_LISTEN_ON_PORT_80(packages);
+        m_catalogue
+            = "<softwareList base-url='http://127.0.0.1/dl/'><package-set type='Application' "
+              "name='Viewer' status='STABLE'><package release='3.0' url='"
+            + archive.toUtf8() + "' file-size='" + QByteArray::number(body.size())
+            + "'/></package-set></softwareList>";
+        SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
+        const auto designed = qScopeGuard(
+            [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
+        makeClient();
+        m_client->checkForUpdate(0);
+        QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        BoxAnswerer answerer({"Proceed", "Restart later", "OK"});
+        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
+        QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= 2, 20000);
+        QTRY_VERIFY(!QApplication::activeModalWidget());
+        QVERIFY2(answerer.seen.first().startsWith(
+                     "Install Package | The package is downloaded, verified and unpacked first"),
+                 qPrintable(answerer.seen.join('\n')));
+        QVERIFY2(answerer.seen.last().startsWith(lastBox), qPrintable(answerer.seen.join('\n')));
+        // Only the unpacked new version is left: the archive's folder is gone, and a package
+        // without the program leaves nothing.
+        const QStringList left = QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs);
+        QCOMPARE(left.size(), withProgram ? 1 : 0);
+        if (withProgram)
+            QVERIFY(QFileInfo(QDir::temp().filePath(left.first() + "/Viewer-3/" + program))
+                        .isExecutable());
     }
 };
 

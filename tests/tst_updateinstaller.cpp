@@ -265,6 +265,22 @@ private Q_SLOTS:
         QCOMPARE(completeVersion(app), QString("v3"));
     }
 
+    // The new version's client confirms by itself: no host code is needed.
+    void theClientConfirmsByItself()
+    {
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2");
+        QFile program(m_dir.filePath("unpacked/app"));
+        QVERIFY(program.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        program.write("#!/bin/sh\nexec \"" SUC_EXEC_HELPER "\" host\n");
+        program.close();
+        QCOMPARE(runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app",
+                               "-healthTimeout", "30"}),
+                 0);
+        QVERIFY2(log().contains("the new version confirmed that it runs"), qPrintable(log()));
+    }
+
     void newProgramThatCannotStartRollsBack()
     {
         const QString app = m_dir.filePath("Viewer");

@@ -1,16 +1,20 @@
-// Stands in for a host application in the tests of the calls that replace the running process:
+// Stands in for a host application in the tests of the calls that replace the running process,
+// and for a host's new version started by the updater:
+//   exec_helper host
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
 
 #include <DownloadManager.h>
+#include <SoftwareUpdateClient.h>
 #include <qv/Exceptions.h>
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QFileDialog>
 #include <QMessageBox>
+#include <QStandardPaths>
 #include <QTimer>
 
 #include <cstdio>
@@ -19,6 +23,13 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     const QStringList args = QCoreApplication::arguments();
+    if (args.value(1) == u"host") {
+        // A host in its new version: creating the client confirms to the updater that it runs.
+        QStandardPaths::setTestModeEnabled(true);
+        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("3.0"), "http://127.0.0.1:9/x",
+                                        nullptr);
+        return 0;
+    }
     if (args.value(1) == u"startUpdate" && args.size() == 6) {
         // Called by its slot name, as a host may.
         qv::DownloadManager manager;
