@@ -37,14 +37,21 @@ cmd_demo() {
   ensure_packages "${PACKAGES[@]}"
   local build=build/demo
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DSUC_BUILD_TESTS=OFF -DSUC_BUILD_EXAMPLES=ON
-  cmake --build "$build" -j2 --target demo-host
+  cmake --build "$build" -j2 --target demo-host UpdateInstaller
   local args=(--output demo-output)
   # Without a display the demo takes every step itself, offscreen, and saves pictures.
   if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
     export QT_QPA_PLATFORM=offscreen
     args+=(--auto)
   fi
-  "$build/examples/demo-host/demo-host" "${args[@]}"
+  # Then the complete self-update across three versions; packages download from port 80, so
+  # the walk runs in a network namespace of its own where it can.
+  args+=(--complete)
+  if [ -n "${QT_QPA_PLATFORM:-}" ]; then
+    tests/in-private-network.sh "$build/examples/demo-host/demo-host" "${args[@]}"
+  else
+    "$build/examples/demo-host/demo-host" "${args[@]}"
+  fi
 }
 
 case "${1:-}" in

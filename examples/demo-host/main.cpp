@@ -6,7 +6,11 @@
 // without a display) every step is taken by the program itself, narrated on standard output, and
 // each window is saved as a PNG into the output folder; otherwise the window waits for the user.
 //
-//   demo-host [--auto] [--output <folder>]
+// With --complete, the complete self-update follows (CompleteUpdate.cpp).
+//
+//   demo-host [--auto] [--complete] [--output <folder>]
+
+#include "CompleteUpdate.h"
 
 #include <DownloadManager.h>
 #include <SoftwareUpdateAvailableDialog.h>
@@ -189,6 +193,12 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Quorvel Demo"));
     QCoreApplication::setApplicationName(QStringLiteral("Viewer"));
+    // A version started by the updater in the complete walk finds its part in the environment.
+    if (qEnvironmentVariableIsSet("DEMO_STATE")) {
+        if (QGuiApplication::platformName() == u"offscreen")
+            s_standardHandler = qInstallMessageHandler(quietHandler);
+        return runCompleteStep();
+    }
     QCommandLineParser parser;
     parser.addHelpOption();
     QCommandLineOption autoOption(QStringLiteral("auto"),
@@ -196,7 +206,10 @@ int main(int argc, char **argv)
     QCommandLineOption outputOption(QStringLiteral("output"),
                                     QStringLiteral("Folder for the pictures."),
                                     QStringLiteral("folder"), QStringLiteral("demo-output"));
-    parser.addOptions({autoOption, outputOption});
+    QCommandLineOption completeOption(
+        QStringLiteral("complete"),
+        QStringLiteral("Then walk the complete self-update: 2.9 -> 2.10, and a 2.11 rolled back."));
+    parser.addOptions({autoOption, outputOption, completeOption});
     parser.process(app);
     const bool automatic
         = parser.isSet(autoOption) || QGuiApplication::platformName() == u"offscreen";
@@ -248,7 +261,13 @@ int main(int argc, char **argv)
         return app.exec();
     QDir out(parser.value(outputOption));
     out.mkpath(QStringLiteral("."));
-    const int result = runAuto(client, window, out, packagePort == 80);
+    int result = runAuto(client, window, out, packagePort == 80);
+    if (result == 0 && parser.isSet(completeOption)) {
+        for (QTcpServer *s : packages.servers()) // port 80 is the complete walk's now
+            s->close();
+        result = runCompleteDriver(QCoreApplication::applicationFilePath(),
+                                   QStringLiteral(SUC_UPDATE_INSTALLER), out);
+    }
     say(result == 0 ? QStringLiteral("Demo finished.") : QStringLiteral("Demo failed."));
     return result;
 }
