@@ -148,8 +148,10 @@ private Q_SLOTS:
     void cleanup()
     {
         m_client.reset();
-        for (QWidget *w : QApplication::topLevelWidgets())
+        for (QWidget *w : QApplication::topLevelWidgets()) {
+            w->hide(); // at once: a dialog waiting for deletion is not an open one
             w->deleteLater();
+        }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 

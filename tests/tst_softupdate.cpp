@@ -84,8 +84,10 @@ class TestSoftupdate : public QObject {
                         + (table->isRowHidden(r) ? " (hidden: another language)" : "");
             }
         }
-        for (QWidget *w : QApplication::topLevelWidgets())
+        for (QWidget *w : QApplication::topLevelWidgets()) {
+            w->hide(); // at once: a dialog waiting for deletion is not an open one
             w->deleteLater();
+        }
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         return rows;
     }
