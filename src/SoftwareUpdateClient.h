@@ -46,8 +46,8 @@ public:
     static QSettings::Scope sSoftUpQSettingsScope;
 
     /// How downloaded application packages are installed. DesignedInstall (the default) keeps
-    /// the designed build lists (tar.gz, rpm, deb and tar.bz2, none installable). CompleteInstall
-    /// offers "zip" and the designed four, and installs "zip" and "tar.gz": the package is
+    /// the default build lists (tar.gz, rpm, deb and tar.bz2, none installable). CompleteInstall
+    /// offers "zip" and the default four, and installs "zip" and "tar.gz": the package is
     /// verified (with trusted keys), unpacked, the folder holding a program named like the
     /// running one is handed to UpdateInstaller with a health check, and the update is rolled
     /// back when the new version does not confirm that it runs.

@@ -688,7 +688,7 @@ private Q_SLOTS:
             + archive.toUtf8() + "' file-size='" + QByteArray::number(body.size())
             + "'/></package-set></softwareList>";
         SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
-        const auto designed = qScopeGuard(
+        const auto restore = qScopeGuard(
             [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
         makeClient();
         m_client->checkForUpdate(0);

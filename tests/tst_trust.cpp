@@ -163,8 +163,8 @@ private Q_SLOTS:
                                              << "The update catalogue has no publication number or "
                                                 "expiry date. No updates are offered.";
         QTest::newRow("a package without sha256 is not offered") << "unhashed" << offered;
-        QTest::newRow("no keys: as designed, one GET") << "no keys"
-                                                       << "Viewer 3.1";
+        QTest::newRow("no keys: unverified, one GET") << "no keys"
+                                                      << "Viewer 3.1";
         QTest::newRow("an unreadable key is refused, trust stays on") << "bad key" << notSigned;
     }
     void checks()
