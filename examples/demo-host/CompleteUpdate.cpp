@@ -126,7 +126,8 @@ int runCompleteDriver(const QString &program, const QString &updater, const QDir
                            "port 80: skipped)"));
         return 0;
     }
-    QDir work(out.filePath(QStringLiteral("complete")));
+    // Absolute: each version runs in its own folder and finds the state by this path.
+    QDir work(out.absoluteFilePath(QStringLiteral("complete")));
     work.removeRecursively();
     work.mkpath(QStringLiteral("www"));
     work.mkpath(QStringLiteral("state"));
