@@ -49,6 +49,17 @@ void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
           static_cast<char *>(nullptr));
 }
 
+// The "Restart required" question; true for "Restart now".
+bool askRestart(QWidget *parent, Qt::WindowFlags flags, const QString &text)
+{
+    QMessageBox ask(QMessageBox::Warning, Text::tr("Restart required"), text, QMessageBox::NoButton,
+                    parent, flags);
+    ask.addButton(Text::tr("Restart later"), QMessageBox::RejectRole);
+    QPushButton *now = ask.addButton(Text::tr("Restart now"), QMessageBox::AcceptRole);
+    ask.exec();
+    return ask.clickedButton() == now;
+}
+
 void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, const QString &text)
 {
     QMessageBox box(QMessageBox::Critical, title, text, QMessageBox::Ok, parent, flags);
@@ -267,13 +278,8 @@ void SoftwareUpdateClient::installZIPPackage()
     progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ")
                  + m_downloadedFilePath + QStringLiteral(" to ") + m_unpackedFolder);
 
-    QMessageBox ask(QMessageBox::Warning, Text::tr("Restart required"),
-                    Text::tr("Please restart your application to finish the installation process."),
-                    QMessageBox::NoButton, m_parent, m_windowFlags);
-    ask.addButton(Text::tr("Restart later"), QMessageBox::RejectRole);
-    QPushButton *now = ask.addButton(Text::tr("Restart now"), QMessageBox::AcceptRole);
-    ask.exec();
-    if (ask.clickedButton() == now)
+    if (askRestart(m_parent, m_windowFlags,
+                   Text::tr("Please restart your application to finish the installation process.")))
         startZipInstall();
 }
 
@@ -354,15 +360,10 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
     m_unpackedFolder = found;
     progressLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> new version in ")
                  + found);
-    QMessageBox ask(QMessageBox::Warning, Text::tr("Restart required"),
-                    Text::tr("The new version is unpacked and verified. Restart now to install "
-                             "it: the application closes, is replaced, and starts again. If the "
-                             "new version does not start, this version comes back."),
-                    QMessageBox::NoButton, m_parent, m_windowFlags);
-    ask.addButton(Text::tr("Restart later"), QMessageBox::RejectRole);
-    QPushButton *now = ask.addButton(Text::tr("Restart now"), QMessageBox::AcceptRole);
-    ask.exec();
-    if (ask.clickedButton() == now)
+    if (askRestart(m_parent, m_windowFlags,
+                   Text::tr("The new version is unpacked and verified. Restart now to install "
+                            "it: the application closes, is replaced, and starts again. If the "
+                            "new version does not start, this version comes back.")))
         startZipInstall();
 }
 

@@ -97,13 +97,8 @@ class TestClient : public QObject {
     }
     QStringList tableNames()
     {
-        QStringList names;
-        if (auto *d = openDialog<SoftwareUpdateAvailableDialog>()) {
-            auto *table = d->findChild<QTableWidget *>("tableWidget");
-            for (int r = 0; r < table->rowCount(); ++r)
-                names << table->item(r, 0)->text();
-        }
-        return names;
+        auto *d = openDialog<SoftwareUpdateAvailableDialog>();
+        return tableRows(d ? d->findChild<QTableWidget *>("tableWidget") : nullptr, false);
     }
 
 private Q_SLOTS:
@@ -148,11 +143,7 @@ private Q_SLOTS:
     void cleanup()
     {
         m_client.reset();
-        for (QWidget *w : QApplication::topLevelWidgets()) {
-            w->hide(); // at once: a dialog waiting for deletion is not an open one
-            w->deleteLater();
-        }
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        suc::test::closeAllWindows();
     }
 
     void checkOutcomes_data()

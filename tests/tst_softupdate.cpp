@@ -74,21 +74,9 @@ class TestSoftupdate : public QObject {
                 },
                 20000))
             return {"no outcome"};
-        if (auto *dialog = openDialog<qv::SoftwareUpdateAvailableDialog>()) {
-            auto *table = dialog->findChild<QTableWidget *>("tableWidget");
-            for (int r = 0; r < table->rowCount(); ++r) {
-                QStringList cells;
-                for (int c = 0; c < table->columnCount(); ++c)
-                    cells << table->item(r, c)->text();
-                rows << cells.join(" | ")
-                        + (table->isRowHidden(r) ? " (hidden: another language)" : "");
-            }
-        }
-        for (QWidget *w : QApplication::topLevelWidgets()) {
-            w->hide(); // at once: a dialog waiting for deletion is not an open one
-            w->deleteLater();
-        }
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        if (auto *dialog = openDialog<qv::SoftwareUpdateAvailableDialog>())
+            rows = suc::test::tableRows(dialog->findChild<QTableWidget *>("tableWidget"), true);
+        suc::test::closeAllWindows();
         return rows;
     }
     static QStringList offerRows(const Run &run)

@@ -90,13 +90,8 @@ class TestTrust : public QObject {
                 },
                 20000))
             return "no outcome";
-        if (auto *available = openDialog<SoftwareUpdateAvailableDialog>()) {
-            QStringList rows;
-            auto *table = available->findChild<QTableWidget *>("tableWidget");
-            for (int r = 0; r < table->rowCount(); ++r)
-                rows << table->item(r, 0)->text();
-            return rows.join(',');
-        }
+        if (auto *available = openDialog<SoftwareUpdateAvailableDialog>())
+            return tableRows(available->findChild<QTableWidget *>("tableWidget"), false).join(',');
         return line->text();
     }
 
@@ -131,11 +126,7 @@ private Q_SLOTS:
     void cleanup()
     {
         m_client.reset();
-        for (QWidget *w : QApplication::topLevelWidgets()) {
-            w->hide(); // at once: a dialog waiting for deletion is not an open one
-            w->deleteLater();
-        }
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        suc::test::closeAllWindows();
     }
 
     void checks_data()

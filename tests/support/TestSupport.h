@@ -9,6 +9,7 @@
 #include <QMessageBox>
 #include <QMutex>
 #include <QProcess>
+#include <QTableWidget>
 #include <QTcpServer>
 #include <QTimer>
 #include <QtTest>
@@ -32,6 +33,32 @@ template<typename T> T *openDialog()
             return d;
     }
     return nullptr;
+}
+
+/// The rows of the package list as the user sees them: the first cell, or every cell joined
+/// with " | " and hidden rows marked.
+inline QStringList tableRows(const QTableWidget *table, bool allCells)
+{
+    QStringList rows;
+    for (int r = 0; table && r < table->rowCount(); ++r) {
+        QStringList cells;
+        for (int c = 0; c < (allCells ? table->columnCount() : 1); ++c)
+            cells << table->item(r, c)->text();
+        rows << cells.join(" | ")
+                + (allCells && table->isRowHidden(r) ? " (hidden: another language)" : "");
+    }
+    return rows;
+}
+
+/// Hides every window at once and deletes them: a dialog waiting for deletion is never taken for
+/// the next test's open one.
+inline void closeAllWindows()
+{
+    for (QWidget *w : QApplication::topLevelWidgets()) {
+        w->hide();
+        w->deleteLater();
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 /// Answers every modal message box that opens: clicks the button whose text is one of
