@@ -1,3 +1,5 @@
+#include <qv/UpdateState.h>
+
 #include <QProcess>
 #include <QStorageInfo>
 #include <QTemporaryDir>
@@ -34,7 +36,12 @@ class TestUpdateInstaller : public QObject {
         app.open(QIODevice::WriteOnly);
         static const QHash<QByteArray, QByteArray> behaviours {
             {"",
-             "[ -n \"$SOFTWAREUPDATE_HEALTH_FILE\" ] && touch \"$SOFTWAREUPDATE_HEALTH_FILE\"\n"},
+             "[ -n \"$SOFTWAREUPDATE_HEALTH_FILE\" ] && echo \"$SOFTWAREUPDATE_HEALTH_TOKEN\" > "
+             "\"$SOFTWAREUPDATE_HEALTH_FILE\"\n"},
+            // Confirms without the updater's secret, then stays up: never taken as running.
+            {"no secret",
+             "[ -n \"$SOFTWAREUPDATE_HEALTH_FILE\" ] && echo running > "
+             "\"$SOFTWAREUPDATE_HEALTH_FILE\"\nsleep 30\n"},
             {"fail", "exit 3\n"},
             {"quiet", "exit 0\n"},
             {"hang", "sleep 30\n"},
@@ -45,6 +52,12 @@ class TestUpdateInstaller : public QObject {
         app.close();
         if (executable)
             app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
+    }
+
+    // A file the updater keeps for `app` in the user's private state folder.
+    static QString side(const QString &app, const char *name)
+    {
+        return qv::UpdateState::folderFor(app) + "/" + name;
     }
 
     // The version of a complete application folder, or empty when it is missing or incomplete.
@@ -138,6 +151,8 @@ private Q_SLOTS:
         QDir(m_dir.path()).removeRecursively();
         QDir().mkpath(m_dir.path());
         m_marker = m_dir.filePath("started.txt");
+        // The updater's own files go below the user's state folder: here, one per test.
+        qputenv("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
     }
 
     void refusesAndRestartsTheOldVersion_data()
@@ -216,7 +231,7 @@ private Q_SLOTS:
             QTRY_COMPARE(started(), QStringList {"v1"});
         else
             QCOMPARE(started(), QStringList());
-        QVERIFY(!QFileInfo::exists(m_dir.filePath("Viewer.update-journal")));
+        QVERIFY(!QFileInfo::exists(side(m_dir.filePath("Viewer"), "journal")));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2"));
         QCOMPARE(completeVersion(m_dir.filePath("Viewer.update-backup")),
                  QString("v2")); // not the updater's to drop here
@@ -234,6 +249,8 @@ private Q_SLOTS:
         QTest::newRow("hangs without confirming")
             << QByteArray("hang") << "did not confirm within 1 s";
         QTest::newRow("killed during the check") << QByteArray("die") << "killed by signal 9";
+        QTest::newRow("confirms without the updater's secret")
+            << QByteArray("no secret") << "did not confirm within 1 s";
     }
     void healthCheck()
     {
@@ -245,17 +262,17 @@ private Q_SLOTS:
         const QStringList args {"-oldDir", app,   "-newDir",        m_dir.filePath("unpacked"),
                                 "-exe",    "app", "-healthTimeout", "1"};
         QCOMPARE(runInstaller(args), why.isEmpty() ? 0 : 1);
-        QVERIFY(!QFileInfo::exists(app + ".update-journal"));
-        QVERIFY(!QFileInfo::exists(app + ".update-health"));
+        QVERIFY(!QFileInfo::exists(side(app, "journal")));
+        QVERIFY(!QFileInfo::exists(side(app, "health")));
         if (why.isEmpty()) {
             QCOMPARE(completeVersion(app), QString("v2"));
-            QVERIFY(!QFileInfo::exists(app + ".update-rolled-back"));
+            QVERIFY(!QFileInfo::exists(side(app, "rolled-back")));
             return;
         }
         QCOMPARE(completeVersion(app), QString("v1"));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
-        QFile note(app + ".update-rolled-back");
+        QFile note(side(app, "rolled-back"));
         QVERIFY(note.open(QIODevice::ReadOnly));
         QVERIFY2(note.readAll().contains(why.toUtf8()), qPrintable(log()));
         // A second update, of a version that runs, goes through after the roll-back.
@@ -263,6 +280,56 @@ private Q_SLOTS:
         makeApp(m_dir.filePath("unpacked"), "v3");
         QCOMPARE(runInstaller(args), 0);
         QCOMPARE(completeVersion(app), QString("v3"));
+    }
+
+    // What steers an update (journal, lock, health confirmation, roll-back note) cannot be turned
+    // against the user: a link planted there never leads the updater to write elsewhere, a folder
+    // never counts as a confirmation, and a crashing version is still rolled back.
+    void plantedSideFiles_data()
+    {
+        QTest::addColumn<QString>("path"); // "@" is the application folder
+        QTest::addColumn<bool>("asLink"); // else a folder
+        for (const char *name : {"journal", "lock", "health", "rolled-back"}) {
+            for (bool link : {true, false})
+                QTest::newRow(qPrintable(
+                    QString("%1 in the private folder, a %2").arg(name, link ? "link" : "folder")))
+                    << QString("private:") + name << link;
+        }
+        for (const char *beside :
+             {".update-journal", ".update-health", ".update-rolled-back", ".update-lock"})
+            QTest::newRow(qPrintable(QString("@%1 beside the application, a link").arg(beside)))
+                << QString("@") + beside << true;
+    }
+    void plantedSideFiles()
+    {
+        QFETCH(QString, path);
+        QFETCH(bool, asLink);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2", true, "fail");
+        const QString victim = m_dir.filePath("victim.txt");
+        QFile v(victim);
+        QVERIFY(v.open(QIODevice::WriteOnly) && v.write("the user's own") > 0);
+        v.close();
+        const QString planted = path.startsWith("private:") ? side(app, qPrintable(path.mid(8)))
+                                                            : QString(path).replace("@", app);
+        if (asLink)
+            QVERIFY(QFile::link(victim, planted));
+        else
+            QVERIFY(QDir().mkpath(planted + "/inside"));
+
+        QCOMPARE(runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app",
+                               "-healthTimeout", "2"}),
+                 1);
+        QCOMPARE(completeVersion(app), QString("v1"));
+        QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
+        QVERIFY(v.open(QIODevice::ReadOnly));
+        QCOMPARE(v.readAll(), QByteArray("the user's own"));
+        QFile note(side(app, "rolled-back"));
+        QVERIFY2(note.open(QIODevice::ReadOnly) && note.readAll().contains("exited with code 3"),
+                 qPrintable(log()));
+        QCOMPARE(QFileInfo(qv::UpdateState::folderFor(app)).permissions() & 0x0077,
+                 QFile::Permissions());
     }
 
     // The new version's client confirms by itself: no host code is needed.
@@ -348,7 +415,7 @@ private Q_SLOTS:
         } else if (stale == "stale journal of other arguments") {
             makeApp(app + ".update-backup", "v0");
             makeApp(earlierNew, "v8");
-            QFile j(app + ".update-journal");
+            QFile j(side(app, "journal"));
             QVERIFY(j.open(QIODevice::WriteOnly));
             j.write(("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8());
         } else if (stale == "backup linked outside") {
@@ -379,14 +446,14 @@ private Q_SLOTS:
         const QString backup = completeVersion(app + ".update-backup");
         QVERIFY2(!inPlace.isEmpty() || backup == "v1",
                  qPrintable(QString("in place '%1', backup '%2'\n%3").arg(inPlace, backup, log())));
-        if (QFileInfo::exists(app + ".update-journal") || QFileInfo::exists(newDir))
+        if (QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir))
             QCOMPARE(runInstaller(args), 0);
 
         QVERIFY2(completeVersion(app) == "v2", qPrintable(log()));
-        for (const char *leftover :
-             {".update-backup", ".update-journal", ".update-incoming", ".update-discard"})
+        for (const char *leftover : {".update-backup", ".update-incoming", ".update-discard"})
             QVERIFY2(!QFileInfo::exists(app + leftover) && !QFileInfo(app + leftover).isSymLink(),
                      leftover);
+        QVERIFY(!QFileInfo::exists(side(app, "journal")));
         QVERIFY(!QFileInfo::exists(newDir));
         QCOMPARE(completeVersion(outside), QString("v9"));
         if (stale == "stale journal of other arguments")

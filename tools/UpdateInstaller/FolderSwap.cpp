@@ -1,11 +1,13 @@
 #include "FolderSwap.h"
 
+#include <qv/UpdateState.h>
+
 #include <QDateTime>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QRandomGenerator>
 
 #include <QElapsedTimer>
 
@@ -19,6 +21,8 @@
 #include <unistd.h>
 
 #include <utility>
+
+using namespace qv;
 
 namespace {
 
@@ -124,13 +128,17 @@ FolderSwap::FolderSwap(const Options &options, QTextStream &log, Starter starter
 {
     m_options.oldDir = absoluteClean(m_options.oldDir);
     m_options.newDir = absoluteClean(m_options.newDir);
+    // The folders that must share the application's file system stand beside it; the files
+    // that steer the update stand in the user's private state folder.
     m_backup = m_options.oldDir + QStringLiteral(".update-backup");
     m_incoming = m_options.oldDir + QStringLiteral(".update-incoming");
-    m_journal = m_options.oldDir + QStringLiteral(".update-journal");
-    m_lock = m_options.oldDir + QStringLiteral(".update-lock");
     m_discard = m_options.oldDir + QStringLiteral(".update-discard");
-    m_health = m_options.oldDir + QStringLiteral(".update-health");
-    m_rolledBack = m_options.oldDir + QStringLiteral(".update-rolled-back");
+    m_state = m_options.oldDir.isEmpty() ? QString() : UpdateState::folderFor(m_options.oldDir);
+    const QString state = m_state.isEmpty() ? QStringLiteral("/nonexistent") : m_state;
+    m_journal = state + QStringLiteral("/journal");
+    m_lock = state + QStringLiteral("/lock");
+    m_health = state + QStringLiteral("/health");
+    m_rolledBack = state + QStringLiteral("/rolled-back");
 }
 
 FolderSwap::~FolderSwap()
@@ -228,17 +236,17 @@ bool FolderSwap::validateNew(QString *why) const
 
 bool FolderSwap::lock()
 {
-    m_lockFd = open(encoded(m_lock).constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    m_lockFd = UpdateState::openPrivate(m_lock, O_RDWR | O_CREAT, true);
     return m_lockFd >= 0 && flock(m_lockFd, LOCK_EX | LOCK_NB) == 0;
 }
 
 FolderSwap::Journal FolderSwap::readJournal() const
 {
     Journal journal;
-    QFile f(m_journal);
-    if (typeAt(m_journal) != S_IFREG || !f.open(QIODevice::ReadOnly))
+    const QByteArray content = UpdateState::readPrivate(m_journal);
+    if (content.isNull())
         return journal;
-    const QStringList lines = QString::fromUtf8(f.read(64 * 1024)).split(QLatin1Char('\n'));
+    const QStringList lines = QString::fromUtf8(content).split(QLatin1Char('\n'));
     const QString state = lines.value(0).trimmed();
     journal.state = state == u"launched" ? State::Launched
         : state == u"checking"           ? State::Checking
@@ -246,10 +254,11 @@ FolderSwap::Journal FolderSwap::readJournal() const
                                          : State::Started;
     journal.options = {lines.value(1), lines.value(2), lines.value(3)};
     journal.pid = lines.value(4).toLongLong();
+    journal.token = lines.value(5).toLatin1();
     return journal;
 }
 
-bool FolderSwap::writeJournal(State state, qint64 pid)
+bool FolderSwap::writeJournal(State state, qint64 pid, const QByteArray &token)
 {
     const char *text = state == State::Launched ? "launched"
         : state == State::Checking              ? "checking"
@@ -257,9 +266,8 @@ bool FolderSwap::writeJournal(State state, qint64 pid)
                                                 : "started";
     const QByteArray content = QByteArray(text) + '\n' + m_options.oldDir.toUtf8() + '\n'
         + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n' + QByteArray::number(pid)
-        + '\n';
-    QSaveFile f(m_journal);
-    return f.open(QIODevice::WriteOnly) && f.write(content) == content.size() && f.commit();
+        + '\n' + token + '\n';
+    return UpdateState::writePrivate(m_journal, content);
 }
 
 bool FolderSwap::discard(const QString &path)
@@ -330,7 +338,7 @@ void FolderSwap::rollBack(const QString &why)
         }
         step("restore");
     }
-    QFile::remove(m_journal);
+    UpdateState::removePrivate(m_journal);
     startProgram(m_options.oldDir);
 }
 
@@ -349,7 +357,7 @@ void FolderSwap::settleEarlierUpdate(const Journal &earlier)
         step("restore");
     }
     discard(m_backup);
-    QFile::remove(m_journal);
+    UpdateState::removePrivate(m_journal);
 }
 
 int FolderSwap::run()
@@ -361,6 +369,12 @@ int FolderSwap::run()
         refuse(why);
         if (typeAt(m_options.oldDir) == S_IFLNK)
             startProgram(m_options.oldDir);
+        return 1;
+    }
+    if (m_state.isEmpty()) {
+        refuse(QStringLiteral("cannot make the private folder for the update's own files below %1")
+                   .arg(UpdateState::userStateFolder()));
+        startProgram(m_options.oldDir);
         return 1;
     }
     if (!lock())
@@ -387,8 +401,8 @@ int FolderSwap::run()
     case State::Checking:
         // Killed while the new version was being checked: it counts only if it confirmed.
         say(QStringLiteral("resuming an interrupted update: the new version was being checked"));
-        if (isThere(m_health)) {
-            QFile::remove(m_health);
+        if (confirmed(journal.token)) {
+            UpdateState::removePrivate(m_health);
             cleanUp();
             return 0;
         }
@@ -405,7 +419,7 @@ int FolderSwap::run()
             }
             return startNewVersion();
         }
-        QFile::remove(m_journal); // nothing was moved yet: start afresh
+        UpdateState::removePrivate(m_journal); // nothing was moved yet: start afresh
         break;
     case State::None:
         break;
@@ -435,14 +449,14 @@ int FolderSwap::swap()
     }
     if (!writeJournal(State::Started)) {
         refuse(QStringLiteral("cannot write the journal %1").arg(m_journal));
-        QFile::remove(m_journal);
+        UpdateState::removePrivate(m_journal);
         startProgram(m_options.oldDir);
         return 1;
     }
     step("journal");
     if (rename(encoded(m_options.oldDir).constData(), encoded(m_backup).constData()) != 0) {
         refuse(QStringLiteral("cannot move %1 aside").arg(m_options.oldDir));
-        QFile::remove(m_journal);
+        UpdateState::removePrivate(m_journal);
         startProgram(m_options.oldDir);
         return 1;
     }
@@ -477,16 +491,21 @@ int FolderSwap::startNewVersion()
 // is stopped and the old version put back.
 int FolderSwap::startAndCheck()
 {
-    QFile::remove(m_health);
+    UpdateState::removePrivate(m_health);
     const QByteArray program = encoded(m_options.oldDir + QLatin1Char('/') + m_options.exe);
     const QByteArray folder = encoded(m_options.oldDir);
     // Everything the child needs is made before fork(): after it only exec-safe calls.
     QList<QByteArray> environment;
     for (char **e = environ; *e; ++e) {
-        if (!QByteArray(*e).startsWith("SOFTWAREUPDATE_HEALTH_FILE="))
+        if (!QByteArray(*e).startsWith("SOFTWAREUPDATE_HEALTH_"))
             environment << QByteArray(*e);
     }
+    // The confirmation counts only with this run's secret: a file or folder put there by
+    // anything else is not the new version speaking.
+    const QByteArray token = QByteArray::number(QRandomGenerator::system()->generate64(), 16)
+        + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
     environment << "SOFTWAREUPDATE_HEALTH_FILE=" + encoded(m_health);
+    environment << "SOFTWAREUPDATE_HEALTH_TOKEN=" + token;
     std::vector<char *> envp;
     for (QByteArray &e : environment)
         envp.push_back(e.data());
@@ -506,14 +525,14 @@ int FolderSwap::startAndCheck()
             .arg(QString::fromLocal8Bit(program))
             .arg(pid)
             .arg(m_options.healthTimeout));
-    writeJournal(State::Checking, pid);
+    writeJournal(State::Checking, pid, token);
     step("start");
     QElapsedTimer clock;
     clock.start();
     for (;;) {
-        if (isThere(m_health)) {
+        if (confirmed(token)) {
             say(QStringLiteral("the new version confirmed that it runs"));
-            QFile::remove(m_health);
+            UpdateState::removePrivate(m_health);
             writeJournal(State::Launched);
             step("confirm");
             cleanUp();
@@ -524,7 +543,7 @@ int FolderSwap::startAndCheck()
             const QString how = WIFEXITED(status)
                 ? QStringLiteral("exited with code %1").arg(WEXITSTATUS(status))
                 : QStringLiteral("was killed by signal %1").arg(WTERMSIG(status));
-            if (isThere(m_health))
+            if (confirmed(token))
                 continue; // it confirmed just before it ended
             return notConfirmed(
                 0, QStringLiteral("the new program %1 before confirming that it runs").arg(how));
@@ -545,14 +564,15 @@ int FolderSwap::notConfirmed(qint64 pid, const QString &why)
         kill(pid_t(pid), SIGKILL);
         waitpid(pid_t(pid), nullptr, 0);
     }
-    QSaveFile note(m_rolledBack);
-    if (note.open(QIODevice::WriteOnly)) {
-        note.write(why.toUtf8() + '\n');
-        note.commit();
-    }
-    QFile::remove(m_health);
+    UpdateState::writePrivate(m_rolledBack, why.toUtf8() + '\n');
+    UpdateState::removePrivate(m_health);
     rollBack(why);
     return 1;
+}
+
+bool FolderSwap::confirmed(const QByteArray &token) const
+{
+    return !token.isEmpty() && UpdateState::readPrivate(m_health, 256).trimmed() == token;
 }
 
 void FolderSwap::cleanUp()
@@ -563,6 +583,6 @@ void FolderSwap::cleanUp()
     removeTree(m_discard);
     if (typeAt(m_options.newDir) == S_IFDIR)
         removeTree(m_options.newDir);
-    QFile::remove(m_journal);
+    UpdateState::removePrivate(m_journal);
     step("cleanup");
 }

@@ -10,11 +10,14 @@
 /// The old folder is moved aside to "<old>.update-backup", the new one is moved (or, across file
 /// systems, copied through "<old>.update-incoming") into its place, the new program is started,
 /// and only then is the backup removed. On any failure the old folder is put back and the old
-/// program started. A journal "<old>.update-journal" records the progress and the arguments, so
-/// that a run that was killed half-way completes or rolls back when started again with the same
-/// arguments; a journal of other arguments is an earlier update, finished or rolled back before
-/// this one starts. An exclusive lock on "<old>.update-lock" keeps two runs from working on one
-/// folder at once.
+/// program started. A journal records the progress and the arguments, so that a run that was
+/// killed half-way completes or rolls back when started again with the same arguments; a journal
+/// of other arguments is an earlier update, finished or rolled back before this one starts. An
+/// exclusive lock keeps two runs from working on one folder at once.
+///
+/// The journal, the lock, the health confirmation and the roll-back note live in the user's
+/// private state folder for this application folder (qv::UpdateState), opened without following
+/// links; nobody else can plant or redirect them.
 ///
 /// At no point is the only complete copy of an application deleted, and nothing outside the
 /// named folders and these paths of the updater's own is touched: removals never follow a
@@ -27,8 +30,9 @@ public:
         QString newDir;
         QString exe;
         /// With more than 0, the new program must confirm within this many seconds that it runs
-        /// (by creating the file named in SOFTWAREUPDATE_HEALTH_FILE); if it does not, or exits
-        /// first, it is stopped and the old version put back.
+        /// (by writing the secret of SOFTWAREUPDATE_HEALTH_TOKEN into the file named in
+        /// SOFTWAREUPDATE_HEALTH_FILE); if it does not, or exits first, it is stopped and the old
+        /// version put back.
         int healthTimeout = 0;
     };
     /// Starts a program; true when it started.
@@ -49,13 +53,15 @@ private:
         State state = State::None;
         Options options;
         qint64 pid = 0; ///< of the new program while it is being checked
+        QByteArray token; ///< the secret its confirmation must carry
     };
 
     bool validateArguments(QString *why) const;
     bool validateNew(QString *why) const;
     bool lock();
     Journal readJournal() const;
-    bool writeJournal(State state, qint64 pid = 0);
+    bool writeJournal(State state, qint64 pid = 0, const QByteArray &token = QByteArray());
+    bool confirmed(const QByteArray &token) const;
     int startAndCheck();
     int notConfirmed(qint64 pid, const QString &why);
     void settleEarlierUpdate(const Journal &earlier);
@@ -76,6 +82,7 @@ private:
     QString m_journal;
     QString m_lock;
     QString m_discard;
+    QString m_state;
     QString m_health;
     QString m_rolledBack;
     int m_lockFd = -1;
