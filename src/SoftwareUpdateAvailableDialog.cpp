@@ -3,9 +3,37 @@
 #include "Logging.h"
 #include "ui_SoftwareUpdateAvailableGui.h"
 
+#include <qv/QtHelpers.h>
+
+#include <QAbstractTextDocumentLayout>
 #include <QHeaderView>
+#include <QTextDocument>
+#include <QTextObjectInterface>
 
 namespace qv {
+
+// The comment text names files and links from the catalogue: its document fetches nothing (an
+// image could name a FIFO or /dev/zero). Qt's image handler reads files by itself, so images are
+// handed to one that draws nothing.
+class TextOnlyDocument : public QTextDocument {
+public:
+    using QTextDocument::QTextDocument;
+
+protected:
+    QVariant loadResource(int, const QUrl &) override { return QVariant(); }
+};
+
+class NoImages : public QObject, public QTextObjectInterface {
+    Q_OBJECT
+    Q_INTERFACES(QTextObjectInterface)
+
+public:
+    using QObject::QObject;
+    QSizeF intrinsicSize(QTextDocument *, int, const QTextFormat &) override { return {}; }
+    void drawObject(QPainter *, const QRectF &, QTextDocument *, int, const QTextFormat &) override
+    {
+    }
+};
 
 SoftwareUpdateAvailableDialog::SoftwareUpdateAvailableDialog(QWidget *parent, Qt::WindowFlags flags)
     : QDialog(parent, flags), ui(new Ui_SoftwareUpdateAvailableGui)
@@ -27,6 +55,14 @@ SoftwareUpdateAvailableDialog::SoftwareUpdateAvailableDialog(QWidget *parent, Qt
     ui->installPushButton->setDefault(true);
     adjustSize();
     ui->commentText->hide();
+    ui->commentText->setDocument(new TextOnlyDocument(ui->commentText));
+    ui->commentText->document()->documentLayout()->registerHandler(QTextFormat::ImageObject,
+                                                                   new NoImages(ui->commentText));
+    ui->commentText->setOpenExternalLinks(false);
+    ui->commentText->setOpenLinks(false);
+    connect(ui->commentText, &QTextBrowser::anchorClicked, this, [](const QUrl &url) {
+        openWebLink(url, "SoftwareUpdateAvailableDialog::commentText");
+    });
 }
 
 SoftwareUpdateAvailableDialog::~SoftwareUpdateAvailableDialog()
@@ -144,3 +180,5 @@ void SoftwareUpdateAvailableDialog::showAllLanguagesPressed()
 }
 
 } // namespace qv
+
+#include "SoftwareUpdateAvailableDialog.moc"

@@ -4,11 +4,13 @@
 #include "SoftwareUpdateClient.h"
 
 #include "ClientSupport.h"
+#include "PackageTable.h"
 #include "SoftwareUpdateAvailableDialog.h"
 #include "SoftwareUpdateDialog.h"
 
+#include <qv/QtHelpers.h>
+
 #include <QCoreApplication>
-#include <QDesktopServices>
 #include <QLocale>
 
 namespace qv {
@@ -65,15 +67,7 @@ void SoftwareUpdateClient::updateAvailable()
         connect(d, &SoftwareUpdateAvailableDialog::openUpdateSettings, this,
                 &SoftwareUpdateClient::openSettingsDialogFromUpdateAvailableDialog);
     }
-    QList<QStringList> rows;
-    for (const PackageInfo &p : std::as_const(m_packageList)) {
-        const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
-            + QStringLiteral(" MB");
-        const QString languages
-            = p.type == kCameraKind ? joined(p.languages) : Text::tr("Multilingual");
-        rows << QStringList {nameAndRelease(p), size, p.suffix, languages, joined(p.platforms)};
-    }
-    m_updateAvailableDialog->setTableEntries(rows);
+    m_updateAvailableDialog->setTableEntries(PackageTable::rows(m_packageList));
     m_updateAvailableDialog->setTableHeaders({Text::tr("Name"), Text::tr("File Size"),
                                               Text::tr("File Type"), Text::tr("Languages"),
                                               Text::tr("Platforms")});
@@ -106,22 +100,43 @@ void SoftwareUpdateClient::manageUpdateAvailableDialog(SoftUpIndexList indexList
     getCurrentSettings(&settings);
     const PackageInfo &p = m_packageList.at(indexList.first());
     d->setInstallButtonState(
-        settings.installablePackageTypes.contains(p.suffix, Qt::CaseSensitive));
+        !m_installRunning
+        && settings.installablePackageTypes.contains(p.suffix, Qt::CaseSensitive));
     d->setRealeaseNotesButtonState(!p.releaseNotes.value(QStringLiteral("en")).isEmpty());
     const QString published = p.releaseDate.isNull()
         ? QString()
         : Text::tr("Published on %1")
               .arg(QLocale::system().toString(p.releaseDate.date(), QLocale::LongFormat));
-    const QString link = p.url.toString();
-    d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p) + QStringLiteral(", ") + p.type
-                      + QStringLiteral("</b><br />") + published + QStringLiteral("<a href=\"")
-                      + link + QStringLiteral("\">") + link + QStringLiteral("</a><br />"));
+    // Every value from the catalogue is text, never markup.
+    const QString link = p.url.toString().toHtmlEscaped();
+    d->setCommentText(QStringLiteral("<b>") + nameAndRelease(p).toHtmlEscaped()
+                      + QStringLiteral(", ") + p.type.toHtmlEscaped() + QStringLiteral("</b><br />")
+                      + published.toHtmlEscaped() + QStringLiteral("<a href=\"") + link
+                      + QStringLiteral("\">") + link + QStringLiteral("</a><br />"));
     d->setDownloadButtonState(true);
 }
 
 QList<int> SoftwareUpdateClient::determineForeignLanguageRows(PackageInfoList list)
 {
-    const QString own = QLocale::system().name().section(QLatin1Char('_'), 0, 0);
+    return PackageTable::foreignLanguageRows(
+        list, QLocale::system().name().section(QLatin1Char('_'), 0, 0));
+}
+
+QList<QStringList> PackageTable::rows(const PackageInfoList &packages)
+{
+    QList<QStringList> rows;
+    for (const PackageInfo &p : packages) {
+        const QString size = QString::number(double(quint64(p.fileSize)) / 1048576.0, 'f', 1)
+            + QStringLiteral(" MB");
+        const QString languages
+            = p.type == kCameraKind ? joined(p.languages) : Text::tr("Multilingual");
+        rows << QStringList {nameAndRelease(p), size, p.suffix, languages, joined(p.platforms)};
+    }
+    return rows;
+}
+
+QList<int> PackageTable::foreignLanguageRows(const PackageInfoList &list, const QString &own)
+{
     QList<int> hidden;
     bool matched = false;
     for (int i = 0; i < list.size(); ++i) {
@@ -153,15 +168,15 @@ void SoftwareUpdateClient::downloadReleaseNotes(SoftUpIndexList itemIndexes)
     if (itemIndexes.isEmpty() || itemIndexes.first() < 0
         || itemIndexes.first() >= m_packageList.size())
         return;
-    QDesktopServices::openUrl(
-        m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")));
+    openWebLink(m_packageList.at(itemIndexes.first()).releaseNotes.value(QStringLiteral("en")),
+                "SoftwareUpdateClient::downloadReleaseNotes()");
 }
 
 void SoftwareUpdateClient::downloadUrls(SoftUpIndexList itemIndexes)
 {
     for (const int row : std::as_const(itemIndexes)) {
         if (row >= 0 && row < m_packageList.size())
-            QDesktopServices::openUrl(m_packageList.at(row).url);
+            openWebLink(m_packageList.at(row).url, "SoftwareUpdateClient::downloadUrls()");
     }
 }
 

@@ -6,6 +6,7 @@
 #include <QAbstractButton>
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDesktopServices>
 #include <QDialogButtonBox>
 #include <QHeaderView>
 #include <QLabel>
@@ -15,8 +16,11 @@
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTableWidget>
+#include <QTemporaryDir>
 #include <QTextBrowser>
 #include <QtTest>
+
+#include <sys/stat.h>
 
 using qv::SoftwareUpdateAvailableDialog;
 using qv::SoftwareUpdateDialog;
@@ -65,7 +69,12 @@ QList<QStringList> rows(int n)
 
 class TestDialogs : public QObject {
     Q_OBJECT
+    QList<QUrl> m_opened; ///< links handed to the desktop
 
+public Q_SLOTS:
+    void recordOpened(const QUrl &url) { m_opened << url; }
+
+private:
     QWidget m_host;
 
 private Q_SLOTS:
@@ -306,7 +315,6 @@ private Q_SLOTS:
         dialog.show();
         QTextBrowser *comment = child<QTextBrowser>(&dialog, "commentText");
         QVERIFY(!comment->isVisible());
-        QVERIFY(comment->openExternalLinks());
         dialog.setCommentText("<b>Viewer 2.10</b>");
         QVERIFY(comment->isVisible());
         dialog.setCommentText("");
@@ -326,6 +334,35 @@ private Q_SLOTS:
         QVERIFY(child<QLabel>(&dialog, "qvLinkLabel")->openExternalLinks());
         QVERIFY(child<QLabel>(&dialog, "qvLinkLabel")->text().contains("href=\"https://"));
         QVERIFY(!dialog.isModal());
+    }
+
+    // The comment names links and files from the catalogue: it fetches no resource (a FIFO would
+    // block the GUI for good), and a clicked link opens only when it is http or https.
+    void commentLoadsNothingAndOpensOnlyWebLinks()
+    {
+        QTemporaryDir dir;
+        const QString fifo = dir.filePath("fifo");
+        QCOMPARE(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
+        SoftwareUpdateAvailableDialog dialog(nullptr, {});
+        QTextBrowser *comment = child<QTextBrowser>(&dialog, "commentText");
+        dialog.setCommentText("<img src=\"" + fifo + "\"><img src=\"file:///dev/zero\">x");
+        dialog.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+        QCOMPARE(comment->toPlainText().right(1), QString("x"));
+
+        m_opened.clear();
+        for (const char *scheme : {"http", "https", "file", "smb"})
+            QDesktopServices::setUrlHandler(scheme, this, "recordOpened");
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression("not opening file:///etc/passwd: only http"));
+        QTest::ignoreMessage(QtCriticalMsg,
+                             QRegularExpression("not opening smb://host/share: only http"));
+        for (const char *link :
+             {"file:///etc/passwd", "smb://host/share", "https://example.com/notes"})
+            Q_EMIT comment->anchorClicked(QUrl(link));
+        for (const char *scheme : {"http", "https", "file", "smb"})
+            QDesktopServices::unsetUrlHandler(scheme);
+        QCOMPARE(m_opened, QList<QUrl>({QUrl("https://example.com/notes")}));
     }
 };
 

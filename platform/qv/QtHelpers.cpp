@@ -2,8 +2,10 @@
 
 #include "LogQt.h"
 
+#include <QDesktopServices>
 #include <QMetaMethod>
 #include <QMetaObject>
+#include <QUrl>
 #include <QWidget>
 
 namespace qv {
@@ -66,6 +68,17 @@ Qt::WindowFlags dialogFlags(bool sheet)
 Qt::WindowFlags sheetDialogFlags(QWidget *parent)
 {
     return dialogFlags(parent && parent->isVisible());
+}
+
+bool openWebLink(const QUrl &url, const char *caller)
+{
+    const QString scheme = url.scheme().toLower();
+    if (scheme == u"http" || scheme == u"https")
+        return QDesktopServices::openUrl(url);
+    LogQt::write(lcPlatform(), Log::Error,
+                 QStringLiteral("%1 -> not opening %2: only http and https links are opened")
+                     .arg(QLatin1String(caller), url.toString().left(200)));
+    return false;
 }
 
 } // namespace qv

@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QtGlobal>
 
+class QUrl;
 class QWidget;
 
 namespace qv {
@@ -29,5 +30,9 @@ QV_PLATFORM_EXPORT Qt::WindowFlags dialogFlags(bool sheet);
 /// dialogFlags(true) when `parent` is a visible window to attach a sheet to, else
 /// dialogFlags(false).
 QV_PLATFORM_EXPORT Qt::WindowFlags sheetDialogFlags(QWidget *parent);
+
+/// Opens an http or https link in the desktop's browser. Any other scheme (file, smb, a
+/// program's own) is never handed to the desktop: a log line naming `caller`, and false.
+QV_PLATFORM_EXPORT bool openWebLink(const QUrl &url, const char *caller);
 
 } // namespace qv
