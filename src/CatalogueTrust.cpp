@@ -31,17 +31,43 @@ QStringList CatalogueTrust::builtInKeys()
         .split(QRegularExpression(QStringLiteral("[;,\\s]+")), Qt::SkipEmptyParts);
 }
 
+QString CatalogueTrust::feedName(const QUrl &catalogueUrl)
+{
+    return catalogueUrl.path().section(QLatin1Char('/'), -1);
+}
+
+QString CatalogueTrust::signedFeed(const QString &trustedComment)
+{
+    const QStringList fields = trustedComment.split(QLatin1Char('\t'));
+    for (const QString &field : fields) {
+        if (field.startsWith(QLatin1String("file:")))
+            return field.mid(5);
+    }
+    return QString();
+}
+
 CatalogueTrust::Outcome CatalogueTrust::check(const QByteArray &catalogue,
                                               const QByteArray &signature,
-                                              const QList<MinisignKey> &keys, qint64 highestSerial,
+                                              const QList<MinisignKey> &keys, const QString &feed,
+                                              const SerialLookup &highestSerial,
                                               const QDateTime &now)
 {
     Outcome out;
     const Minisign::Verification v = Minisign::verify(catalogue, signature, keys);
+    out.keyId = v.keyId;
     if (v.result != Minisign::Valid) {
         out.verdict = v.result == Minisign::Malformed ? NotSigned : Forged;
         out.reason = Minisign::describe(v.result)
             + (v.keyId.isEmpty() ? QString() : QStringLiteral(" (key %1)").arg(v.keyId));
+        return out;
+    }
+    // The same publisher signs other feeds with the same key: a catalogue counts only for the
+    // feed it was signed as.
+    const QString signedAs = signedFeed(v.trustedComment);
+    if (feed.isEmpty() || signedAs != feed) {
+        out.verdict = OtherFeed;
+        out.reason = QStringLiteral("signed for the feed \"%1\", not for \"%2\"")
+                         .arg(signedAs.isNull() ? QStringLiteral("(none)") : signedAs, feed);
         return out;
     }
     // Signed by a trusted key: only now is the document read, and only its first element.
@@ -62,11 +88,12 @@ CatalogueTrust::Outcome CatalogueTrust::check(const QByteArray &catalogue,
                          .arg(serialText, expiresText);
         return out;
     }
-    if (out.serial < highestSerial) {
+    const qint64 highest = highestSerial ? highestSerial(v.keyId) : -1;
+    if (out.serial < highest) {
         out.verdict = Rollback;
         out.reason = QStringLiteral("serial %1 is lower than %2, accepted before")
                          .arg(out.serial)
-                         .arg(highestSerial);
+                         .arg(highest);
         return out;
     }
     if (expires < now) {
@@ -88,6 +115,9 @@ QString CatalogueTrust::userText(Verdict verdict)
     case NotSigned:
     case Forged:
         return tr("The update catalogue is not signed with a trusted key. No updates are offered.");
+    case OtherFeed:
+        return tr("The update catalogue is not signed for this update server. No updates are "
+                  "offered.");
     case NoTrustValues:
         return tr("The update catalogue has no publication number or expiry date. No updates are "
                   "offered.");
@@ -105,10 +135,10 @@ QString CatalogueTrust::packageMismatchText()
               "nothing was installed.");
 }
 
-QString CatalogueTrust::serialKey(const QString &serverUrl)
+QString CatalogueTrust::serialKey(const QString &keyId, const QString &feed)
 {
-    return QStringLiteral("catalogue-serial/")
-        + QString::fromLatin1(QUrl::toPercentEncoding(serverUrl));
+    return QStringLiteral("catalogue-serial/") + keyId + QLatin1Char('_')
+        + QString::fromLatin1(QUrl::toPercentEncoding(feed));
 }
 
 void CatalogueTrust::dropUnhashed(PackageInfoList &packages, const char *caller)

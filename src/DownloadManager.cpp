@@ -32,6 +32,21 @@ struct SignedQuery {
     QByteArray catalogue;
     QString server;
 };
+// The catalogue of `catalogueUrl` against the keys and the serials accepted before.
+CatalogueTrust::Outcome verifyCatalogue(const QByteArray &catalogue, const QByteArray &signature,
+                                        const QUrl &catalogueUrl, const QList<MinisignKey> &keys,
+                                        const QHash<QString, qint64> &acceptedSerials)
+{
+    const QString feed = CatalogueTrust::feedName(catalogueUrl);
+    return CatalogueTrust::check(catalogue, signature, keys, feed, [&](const QString &keyId) {
+        return acceptedSerials.value(CatalogueTrust::serialKey(keyId, feed), -1);
+    });
+}
+
+QString signatureFile(const QString &cacheFile)
+{
+    return cacheFile + QStringLiteral(".minisig");
+}
 } // namespace
 
 DownloadManager::DownloadManager(const HttpHost &host, const QString &path)
@@ -168,8 +183,10 @@ void DownloadManager::queryResult(RequestPtr resp)
     }
     // An answer over the catalogue limit was dropped unread: it counts as malformed, and the
     // copy of the last answer stays as it was.
-    if (!resp->bodyTooLarge())
+    if (!resp->bodyTooLarge()) {
         lastAnswer = buffer->data();
+        lastSignature.clear();
+    }
     // The receivers of the signals below may delete the manager.
     const QPointer<DownloadManager> self(this);
     queryResult(buffer, context ? context : &empty);
@@ -186,8 +203,8 @@ void DownloadManager::signatureResult(RequestPtr request)
         = request->error() == qv::RequestData::NoError && request->statusCode() == 200
         ? request->getResponseBuffer()->data()
         : QByteArray();
-    const CatalogueTrust::Outcome outcome = CatalogueTrust::check(
-        signedQuery->catalogue, signature, keys, acceptedSerials.value(signedQuery->server, -1));
+    const CatalogueTrust::Outcome outcome = verifyCatalogue(
+        signedQuery->catalogue, signature, QUrl(signedQuery->server), keys, acceptedSerials);
     if (outcome.verdict != CatalogueTrust::Trusted) {
         LogQt::write(
             lcDownload(), Log::Error,
@@ -196,14 +213,36 @@ void DownloadManager::signatureResult(RequestPtr request)
         finishRefusedQuery(signedQuery->query);
         return;
     }
-    acceptedSerials.insert(signedQuery->server, outcome.serial);
+    acceptedSerials.insert(CatalogueTrust::serialKey(
+                               outcome.keyId, CatalogueTrust::feedName(QUrl(signedQuery->server))),
+                           outcome.serial);
     lastAnswer = signedQuery->catalogue;
+    lastSignature = signature;
     QBuffer verified(&signedQuery->catalogue);
     verified.open(QIODevice::ReadOnly);
     const QPointer<DownloadManager> self(this);
     queryResult(&verified, &signedQuery->query);
     if (self)
         Q_EMIT queryFinished();
+}
+
+// With trusted keys, the copy of the last answer counts only while it still verifies: it may
+// have been written before keys were set, by someone else, or have expired since.
+bool DownloadManager::cachedAnswerTrusted()
+{
+    if (trustedKeyTexts.isEmpty() || lastAnswer.isEmpty())
+        return true;
+    const CatalogueTrust::Outcome outcome
+        = verifyCatalogue(lastAnswer, lastSignature, QUrl(queryUrl()), keys, acceptedSerials);
+    if (outcome.verdict == CatalogueTrust::Trusted)
+        return true;
+    LogQt::write(lcDownload(), Log::Error,
+                 QStringLiteral("DownloadManager::recentPackages() -> dropping the kept catalogue "
+                                "of %1: %2")
+                     .arg(queryUrl(), outcome.reason));
+    lastAnswer.clear();
+    lastSignature.clear();
+    return false;
 }
 
 // A refused catalogue delivers what a malformed one does: nothing. The last accepted answer and
@@ -254,6 +293,9 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
     if (!cacheFile.isEmpty() && QFile::exists(cacheFile)) {
         try {
             lastAnswer = FileUtils::readBytes(cacheFile, XmlLimits().maxBytes);
+            if (QFile::exists(signatureFile(cacheFile)))
+                lastSignature
+                    = FileUtils::readBytes(signatureFile(cacheFile), Minisign::maxSignatureSize);
         } catch (const IOException &e) {
             LogQt::write(lcDownload(), Log::Warning,
                          QStringLiteral("DownloadManager::loadHistory() -> ") + e.message());
@@ -293,9 +335,14 @@ void DownloadManager::loadHistory(QSettings &settings, const QString &cacheFile)
     }
     settings.endArray();
     settings.beginGroup(kSerialGroup);
-    for (const QString &key : settings.childKeys())
-        acceptedSerials.insert(QUrl::fromPercentEncoding(key.toLatin1()),
-                               settings.value(key).toLongLong());
+    // Records are per signing key (16 hex digits) and feed; records of older versions, per URL,
+    // are left behind.
+    static const QRegularExpression keyAndFeed(QStringLiteral("^[0-9A-F]{16}_"));
+    for (const QString &key : settings.childKeys()) {
+        if (keyAndFeed.match(key).hasMatch())
+            acceptedSerials.insert(kSerialGroup + QLatin1Char('/') + key,
+                                   settings.value(key).toLongLong());
+    }
     settings.endGroup();
     settings.endGroup();
 }
@@ -305,6 +352,11 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
     if (!cacheFile.isEmpty() && !lastAnswer.isEmpty()) {
         try {
             FileUtils::writeBytes(lastAnswer, cacheFile);
+            // The signature goes beside it, so that the copy is verified again when read.
+            if (!lastSignature.isEmpty())
+                FileUtils::writeBytes(lastSignature, signatureFile(cacheFile));
+            else
+                FileUtils::erase(signatureFile(cacheFile));
         } catch (const IOException &e) {
             LogQt::write(lcDownload(), Log::Warning,
                          QStringLiteral("DownloadManager::storeHistory() -> ") + e.message());
@@ -327,7 +379,7 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
     // The highest publication accepted from each server: only while catalogues are verified.
     if (!trustedKeyTexts.isEmpty()) {
         for (auto it = acceptedSerials.cbegin(); it != acceptedSerials.cend(); ++it)
-            settings.setValue(CatalogueTrust::serialKey(it.key()), it.value());
+            settings.setValue(it.key(), it.value());
     }
     settings.endGroup();
 }
@@ -347,10 +399,9 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
                      QStringLiteral("DownloadManager::startDownload() -> refusing the target ")
                          + filePath);
 
-    // Package downloads always go to port 80 of the package's host.
-    HttpHost target = host;
-    target.server.setAddress(package.url.host(), 80, false);
-    httpClient.setHost(target);
+    // Package downloads always go to port 80 of the package's host, unless catalogues are
+    // verified: then the URL is taken as it stands (integrity comes from the hash).
+    httpClient.setHost(hostOf(package.url));
     RequestPtr request
         = httpClient.prepareGet(HttpClient::encodedUrlPath(package.url), QMap<QString, QVariant>(),
                                 this, SLOT(downloadResult(RequestPtr)), file, handle);
@@ -358,6 +409,18 @@ void DownloadManager::startDownload(const PackageInfo &package, const QString &f
     if (!trustedKeyTexts.isEmpty())
         request->hashBody();
     httpClient.execute(request);
+}
+
+HttpHost DownloadManager::hostOf(const QUrl &url) const
+{
+    HttpHost target = host;
+    if (trustedKeyTexts.isEmpty()) {
+        target.server.setAddress(url.host(), 80, false);
+    } else {
+        const bool secure = url.scheme().compare(u"https", Qt::CaseInsensitive) == 0;
+        target.server.setAddress(url.host(), url.port(secure ? 443 : 80), secure);
+    }
+    return target;
 }
 
 void DownloadManager::downloadStarting(RequestPtr request)
@@ -425,9 +488,7 @@ void DownloadManager::downloadReleaseNotes(const QUrl &url)
         Q_EMIT releaseNotesDownloaded(url, QString());
         return;
     }
-    HttpHost target = host;
-    target.server.setAddress(url.host(), 80, false);
-    httpClient.setHost(target);
+    httpClient.setHost(hostOf(url));
     httpClient.get(HttpClient::encodedUrlPath(url), QMap<QString, QVariant>(), this,
                    SLOT(releaseNotesResult(RequestPtr)),
                    reinterpret_cast<QIODevice *>(quintptr(-1)), qvb::smart<QIODevice>());

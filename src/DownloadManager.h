@@ -185,7 +185,8 @@ public Q_SLOTS:
                                    QString filterRelease = QString(),
                                    QStringSet filterLanguages = QStringSet());
 
-    /// Downloads the package to `filePath`, always from port 80 of the package URL's host.
+    /// Downloads the package to `filePath`, always from port 80 of the package URL's host (with
+    /// trusted keys, from the URL's own scheme and port).
     /// A package with an announced size reports downloadStarted(), then downloadSuccess() when
     /// at least that many bytes arrived, else downloadFailure(). Nothing is written anywhere but
     /// at `filePath`: a path with an empty, "." or ".." section, or one that is a symbolic link,
@@ -261,10 +262,16 @@ private:
     QHash<QString, QDateTime> history;
     QString cookie;
     void finishRefusedQuery(RequestData &query);
+    bool cachedAnswerTrusted();
+    /// The server of a package or release-notes download at `url`.
+    qv::HttpHost hostOf(const QUrl &url) const;
 
     QStringList trustedKeyTexts;
     QList<MinisignKey> keys;
-    QHash<QString, qint64> acceptedSerials; ///< by catalogue URL, kept while keys are set
+    /// The highest serial accepted, by settings key (signing key and feed), kept while keys are
+    /// set.
+    QHash<QString, qint64> acceptedSerials;
+    QByteArray lastSignature; ///< of lastAnswer, when it was verified
     Unzipper *unzipper = nullptr;
     QString unpackFolder;
     PackageInfo installPackageInfo;

@@ -12,6 +12,7 @@
 #include <qv/FileUtils.h>
 #include <qv/HttpHost.h>
 #include <qv/QtHelpers.h>
+#include <qv/Sha256.h>
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -23,6 +24,7 @@
 #include <QProgressDialog>
 #include <QPushButton>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace qv {
@@ -60,6 +62,20 @@ bool askRestart(QWidget *parent, Qt::WindowFlags flags, const QString &text)
     return ask.clickedButton() == now;
 }
 
+// True when the file at `path` is the package the catalogue published (its SHA-256).
+bool fileIsPublishedPackage(const QString &path, const PackageInfo &package)
+{
+    QFile file(path);
+    if (package.sha256.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return false;
+    Sha256 hash;
+    QByteArray chunk;
+    while (!(chunk = file.read(1 << 20)).isEmpty())
+        hash.addData(chunk);
+    return file.error() == QFileDevice::NoError
+        && QString::fromLatin1(hash.result().toHex()) == package.sha256;
+}
+
 void showError(QWidget *parent, Qt::WindowFlags flags, const QString &title, const QString &text)
 {
     QMessageBox box(QMessageBox::Critical, title, text, QMessageBox::Ok, parent, flags);
@@ -75,11 +91,17 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
                       .arg(itemIndex));
         return;
     }
+    const bool complete = installMode() == CompleteInstall;
+    // A complete install replaces the application: one at a time, whatever is pressed meanwhile.
+    if (complete && m_installRunning) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> an installation is "
+                                 "already running; refusing another"));
+        return;
+    }
     m_selectedRows = {itemIndex};
     const PackageInfo package = m_packageList.at(itemIndex);
 
     QWidget *dialogParent = m_updateAvailableDialog;
-    const bool complete = installMode() == CompleteInstall;
     QMessageBox confirm(
         QMessageBox::Warning, Text::tr("Install Package"),
         complete ? Text::tr("The package is downloaded, verified and unpacked first. You are asked "
@@ -95,6 +117,10 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
             QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
         return;
     }
+    if (complete && (m_installRunning || !applicationFolderIsPrivate()))
+        return;
+    if (complete)
+        setInstallRunning(true);
 
     const QNetworkProxy proxy = networkProxy();
     const HttpAccess proxyAccess(proxy.hostName(), proxy.port(), QString(), QString());
@@ -106,7 +132,8 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
     const QString link = package.url.toString();
     // Everything of this download stays inside this folder: the manager refuses a file name
     // that leads out of it ("..", "."), and clean-up removes the folder and nothing else.
-    m_downloadFolder = FileUtils::createTempDir();
+    const QString folder = FileUtils::createTempDir();
+    m_downloadFolder = folder;
     m_downloadedFilePath = m_downloadFolder + QLatin1Char('/') + link.section(QLatin1Char('/'), -1);
     progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> ") + link
                  + QStringLiteral(" to ") + m_downloadedFilePath);
@@ -122,18 +149,36 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
         m_progressDialog->setLabelText(
             complete ? Text::tr("Downloading and verifying the package...")
                      : Text::tr("Downloading package to temporary folder..."));
+        // Each outcome works on this download's own file and folder, whatever another request
+        // has started meanwhile.
+        const QString file = m_downloadedFilePath;
+        const auto own = [this, file, folder] {
+            m_downloadedFilePath = file;
+            m_downloadFolder = folder;
+        };
         connect(manager, &DownloadManager::downloadProgress, this,
                 qOverload<int, int>(&SoftwareUpdateClient::downloadProgress));
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
-                &SoftwareUpdateClient::downloadError);
-        connect(manager, qOverload<>(&DownloadManager::downloadSuccess), this,
-                &SoftwareUpdateClient::downloadFinished);
+                [this, own](int status) {
+                    own();
+                    downloadError(status);
+                });
+        connect(manager, qOverload<PackageInfo, QString>(&DownloadManager::downloadSuccess), this,
+                [this, own](const PackageInfo &downloaded, const QString &downloadedFile) {
+                    own();
+                    m_downloadedFilePath = downloadedFile;
+                    installDownloaded(downloaded);
+                });
         connect(m_progressDialog, &QProgressDialog::canceled, manager,
                 &DownloadManager::abortDownload);
-        connect(manager, &DownloadManager::downloadAborted, this,
-                &SoftwareUpdateClient::abortDownload);
-        connect(manager, &DownloadManager::downloadVerificationFailed, this,
-                &SoftwareUpdateClient::packageNotPublished);
+        connect(manager, &DownloadManager::downloadAborted, this, [this, own] {
+            own();
+            abortDownload();
+        });
+        connect(manager, &DownloadManager::downloadVerificationFailed, this, [this, own] {
+            own();
+            packageNotPublished();
+        });
     }
     manager->startDownload(package, m_downloadedFilePath);
 }
@@ -149,17 +194,44 @@ void SoftwareUpdateClient::downloadProgress(int value, int total)
 
 void SoftwareUpdateClient::downloadFinished()
 {
+    if (m_selectedRows.isEmpty() || m_selectedRows.first() >= m_packageList.size()) {
+        deleteProgressDialog();
+        if (m_updateAvailableDialog)
+            deleteUpdateAvailableDialog();
+        return;
+    }
+    installDownloaded(m_packageList.at(m_selectedRows.first()));
+}
+
+// Hands the downloaded file (m_downloadedFilePath, set by its own download) to the routine of
+// its type.
+void SoftwareUpdateClient::installDownloaded(const PackageInfo &package)
+{
     deleteProgressDialog();
     if (m_updateAvailableDialog)
         deleteUpdateAvailableDialog();
-    if (m_selectedRows.isEmpty() || m_selectedRows.first() >= m_packageList.size())
+    // With trusted keys, the file is hashed once more right before anything unpacks or starts
+    // it: what runs is what was verified.
+    if (!m_trustedKeyTexts.isEmpty() && !fileIsPublishedPackage(m_downloadedFilePath, package)) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::downloadFinished() -> %1 changed after "
+                                 "it was verified; erased")
+                      .arg(m_downloadedFilePath));
+        FileUtils::erase(m_downloadedFilePath);
+        packageNotPublished();
         return;
-    const PackageInfo package = m_packageList.at(m_selectedRows.first());
+    }
     const QString suffix = package.suffix;
     static const QStringList known {"exe", "mpkg", "zip", "msi", "deb", "rpk", "tar.gz"};
     if (known.contains(suffix))
         Q_EMIT installationStarted(package);
-    if (installMode() == CompleteInstall && (suffix == u"zip" || suffix == u"tar.gz")) {
+    const bool completeType = suffix == u"zip" || suffix == u"tar.gz";
+    if (installMode() == CompleteInstall && completeType && m_trustedKeyTexts.isEmpty()) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::downloadFinished() -> a complete install "
+                                 "needs trusted keys; %1 is handled as without it")
+                      .arg(m_downloadedFilePath));
+        setInstallRunning(false);
+    }
+    if (installMode() == CompleteInstall && completeType && !m_trustedKeyTexts.isEmpty()) {
         installCompletePackage();
     } else if (suffix == u"exe") {
         installEXEPackage();
@@ -199,6 +271,7 @@ void SoftwareUpdateClient::downloadError(int httpStatusCode)
 
 void SoftwareUpdateClient::abortDownload()
 {
+    setInstallRunning(false);
     deleteProgressDialog();
     // The download's own folder goes with the file; a file path that leads out of it ("/.."
     // at the end of a link) is never followed.
@@ -285,6 +358,10 @@ void SoftwareUpdateClient::installZIPPackage()
 
 void SoftwareUpdateClient::startZipInstall()
 {
+    if (!m_trustedKeyTexts.isEmpty()) {
+        startPrivateUpdater();
+        return;
+    }
     const QString applicationFolder = QCoreApplication::applicationDirPath();
     const QString updaterSource = applicationFolder + QLatin1Char('/') + kUpdaterName;
     QDir folder(applicationFolder);
@@ -322,6 +399,73 @@ void SoftwareUpdateClient::startZipInstall()
               Text::tr("Installation process failed. If problem persists try manual install."));
 }
 
+// With trusted keys the updater that runs is a copy of the one installed beside the program,
+// made into a private folder: nothing another user can write is ever run.
+void SoftwareUpdateClient::startPrivateUpdater()
+{
+    const QString applicationFolder = QCoreApplication::applicationDirPath();
+    const QString updaterSource = applicationFolder + QLatin1Char('/') + kUpdaterName;
+    const QString folder = FileUtils::createTempDir();
+    const QString updater = folder + QLatin1Char('/') + kUpdaterName;
+    if (folder.isEmpty() || !QFileInfo(updaterSource).isFile()
+        || !QFile::copy(updaterSource, updater)
+        || !QFile::setPermissions(updater,
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> could not "
+                                 "copy %1 to a private folder")
+                      .arg(updaterSource));
+        if (!folder.isEmpty())
+            FileUtils::erase(folder);
+        setInstallRunning(false);
+        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+                  Text::tr("Installation process failed. If problem persists try manual install."));
+        return;
+    }
+    progressLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> starting %1 for %2 "
+                                "with the new version in %3")
+                     .arg(updater, applicationFolder, m_unpackedFolder));
+    const QString executable = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    if (installMode() == CompleteInstall)
+        startUpdaterWithHealthCheck(updater, applicationFolder, m_unpackedFolder, executable);
+    else
+        DownloadManager::startUpdate(updater, applicationFolder, m_unpackedFolder, executable);
+    errorLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> could not start ")
+              + updater);
+    FileUtils::erase(folder);
+    setInstallRunning(false);
+    showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+              Text::tr("Installation process failed. If problem persists try manual install."));
+}
+
+// A complete install replaces the application folder with what the updater is handed; when
+// another user could write the folder or its parent, they could plant what runs next.
+bool SoftwareUpdateClient::applicationFolderIsPrivate()
+{
+    const QString folder = QDir::cleanPath(QCoreApplication::applicationDirPath());
+    for (const QString &path : {folder, QFileInfo(folder).path()}) {
+        struct stat st;
+        if (::stat(QFile::encodeName(path).constData(), &st) == 0
+            && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0)
+            continue;
+        errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> refusing a complete "
+                                 "install: %1 can be written by other users")
+                      .arg(path));
+        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+                  Text::tr("The application folder %1 can be changed by other users, so the "
+                           "update cannot be installed safely. Nothing was changed.")
+                      .arg(QDir::toNativeSeparators(path)));
+        return false;
+    }
+    return true;
+}
+
+void SoftwareUpdateClient::setInstallRunning(bool running)
+{
+    m_installRunning = running;
+    if (m_updateAvailableDialog && running)
+        m_updateAvailableDialog->setInstallButtonState(false);
+}
+
 // CompleteInstall: the verified package is unpacked, and only then is the user asked.
 void SoftwareUpdateClient::installCompletePackage()
 {
@@ -352,6 +496,7 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
                       "SoftwareUpdateClient::installCompletePackage() -> %1 holds no program %2")
                       .arg(folder, program));
         FileUtils::erase(folder);
+        setInstallRunning(false);
         showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
                   Text::tr("The package does not contain the program %1. Nothing was changed.")
                       .arg(program));
@@ -363,8 +508,11 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
     if (askRestart(m_parent, m_windowFlags,
                    Text::tr("The new version is unpacked and verified. Restart now to install "
                             "it: the application closes, is replaced, and starts again. If the "
-                            "new version does not start, this version comes back.")))
+                            "new version does not start, this version comes back."))) {
         startZipInstall();
+        return;
+    }
+    setInstallRunning(false);
 }
 
 void SoftwareUpdateClient::installMSIPackage()

@@ -6,6 +6,8 @@
 
 #include "DownloadManager.h"
 
+#include "CatalogueTrust.h"
+
 #include <qv/VersionNumber.h>
 
 #include <QBuffer>
@@ -133,11 +135,13 @@ int DownloadManager::countNew(const PackageInfoList &packages)
 
 PackageInfoList DownloadManager::recentPackages(const PackageInfo &)
 {
-    if (lastAnswer.isEmpty())
+    if (lastAnswer.isEmpty() || !cachedAnswerTrusted())
         return PackageInfoList();
     QBuffer buffer(&lastAnswer);
     buffer.open(QIODevice::ReadOnly);
     PackageInfoList list = parseXML(&buffer);
+    if (!trustedKeyTexts.isEmpty())
+        CatalogueTrust::dropUnhashed(list, "DownloadManager::recentPackages()");
     for (PackageInfo &p : list)
         p.flags |= PackageInfo::PackageKnown;
     return list;

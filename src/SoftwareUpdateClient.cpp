@@ -6,6 +6,7 @@
 #include <qv/NodeDB.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
+#include <qv/UpdateState.h>
 
 #include "ClientSupport.h"
 
@@ -13,7 +14,6 @@
 #include <QDir>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
-#include <QSaveFile>
 #include <QTimer>
 #include <QTranslator>
 
@@ -217,20 +217,24 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
 {
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {
-        QSaveFile confirmation(health);
-        if (confirmation.open(QIODevice::WriteOnly) && confirmation.write("running\n") > 0
-            && confirmation.commit())
+        // The updater's secret is the confirmation; the file is replaced, never followed.
+        QByteArray token = qgetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
+        if (token.isEmpty())
+            token = "running";
+        if (UpdateState::writePrivate(health, token + '\n'))
             progressLine(QStringLiteral(
                 "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
-        qunsetenv("SOFTWAREUPDATE_HEALTH_FILE"); // not for the programs this one starts
+        // Not for the programs this one starts.
+        qunsetenv("SOFTWAREUPDATE_HEALTH_FILE");
+        qunsetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
     }
-    const QString note = QDir::cleanPath(QCoreApplication::applicationDirPath())
-        + QStringLiteral(".update-rolled-back");
-    QFile reason(note);
-    if (!reason.open(QIODevice::ReadOnly))
+    const QString state = UpdateState::folderFor(QCoreApplication::applicationDirPath(), false);
+    const QString note = state + QStringLiteral("/rolled-back");
+    const QByteArray reason = UpdateState::readPrivate(note, 4096);
+    if (reason.isNull())
         return;
-    const QString why = QString::fromUtf8(reason.readAll()).trimmed();
-    reason.remove();
+    UpdateState::removePrivate(note);
+    const QString why = QString::fromUtf8(reason).trimmed();
     errorLine(QStringLiteral("SoftwareUpdateClient -> the last update was rolled back: ") + why);
     QTimer::singleShot(0, this, [this] {
         if (!m_interactive)

@@ -6,6 +6,7 @@
 
 #include <qv/Minisign.h>
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QLocale>
 #include <QNetworkProxy>
@@ -187,7 +188,11 @@ private:
     void installRPKPackage();
     void installTARGZPackage();
     void removeDownloadFolderWhenUnpacked(DownloadManager *unpacker);
+    void installDownloaded(const qv::PackageInfo &package);
     void installCompletePackage();
+    void startPrivateUpdater();
+    bool applicationFolderIsPrivate();
+    void setInstallRunning(bool running);
     void completePackageUnpacked(const QString &folder);
     void confirmHealthAndNoticeRollBack();
     QNetworkAccessManager *networkManager();
@@ -218,9 +223,12 @@ private:
     QList<MinisignKey> m_trustedKeys;
     QUrl m_checkServerUrl; ///< the first URL of the running check, before redirects
     bool m_redirecting = false; ///< the next request follows a redirect of the same check
+    int m_redirectCount = 0; ///< redirects followed by the running check
+    QElapsedTimer m_checkClock; ///< since the running check started
     QByteArray m_pendingCatalogue; ///< a catalogue waiting for its signature
     bool m_interactive = true;
     bool m_checkRunning = false; ///< between checkStarted() and its outcome
+    bool m_installRunning = false; ///< a complete install, from Proceed to its hand-over or end
 };
 
 } // namespace qv

@@ -26,6 +26,9 @@ namespace qv {
 namespace {
 
 const int kRequestTimeout = 15000;
+// With trusted keys, a check ends: at most this many redirects, all within this deadline.
+const int kMaxRedirects = 20;
+const int kCheckDeadline = 60000;
 const char kTooLarge[] = "suc_tooLarge";
 const char kSignature[] = "suc_signature";
 enum Outcome { UpdatesFound, NothingNewer, CheckFailed };
@@ -203,6 +206,8 @@ void SoftwareUpdateClient::performUpdateCheck(const QUrl &url)
     if (!m_redirecting) {
         m_checkServerUrl = url;
         m_checkRunning = true;
+        m_redirectCount = 0;
+        m_checkClock.start();
         Q_EMIT checkStarted();
     }
     m_redirecting = false;
@@ -237,7 +242,11 @@ void SoftwareUpdateClient::startRequestTimeout()
                 &SoftwareUpdateClient::requestTimeout);
     }
     m_requestTimeoutTimer->setSingleShot(true);
-    m_requestTimeoutTimer->start(kRequestTimeout);
+    // With trusted keys each hop has its 15 s, and the whole check its 60 s.
+    const qint64 left = kCheckDeadline - m_checkClock.elapsed();
+    m_requestTimeoutTimer->start(m_trustedKeyTexts.isEmpty()
+                                     ? kRequestTimeout
+                                     : int(qBound(qint64(0), left, qint64(kRequestTimeout))));
 }
 
 // The catalogue's signature: fetched beside it when trusted keys are set, following redirects.
@@ -246,6 +255,7 @@ void SoftwareUpdateClient::fetchSignature(const QUrl &catalogueUrl)
     QNetworkRequest request(QUrl(catalogueUrl.toString() + QStringLiteral(".minisig")));
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute,
                          QNetworkRequest::NoLessSafeRedirectPolicy);
+    request.setMaximumRedirectsAllowed(kMaxRedirects);
     QNetworkReply *reply = networkManager()->get(request);
     reply->setProperty(kSignature, true);
     dropWhenLargerThan(reply, Minisign::maxSignatureSize);
@@ -261,11 +271,13 @@ void SoftwareUpdateClient::evaluateSignature(QNetworkReply *reply)
             && !reply->property(kTooLarge).toBool()
         ? reply->readAll()
         : QByteArray();
-    const QString serialKey = CatalogueTrust::serialKey(m_checkServerUrl.toString());
+    // The feed is the catalogue the check asked for, before any redirect.
+    const QString feed = CatalogueTrust::feedName(m_checkServerUrl);
     const std::unique_ptr<QSettings> store(openStore());
-    const qint64 highest = store->value(serialKey, -1).toLongLong();
-    const CatalogueTrust::Outcome outcome
-        = CatalogueTrust::check(m_pendingCatalogue, signature, m_trustedKeys, highest);
+    const CatalogueTrust::Outcome outcome = CatalogueTrust::check(
+        m_pendingCatalogue, signature, m_trustedKeys, feed, [&](const QString &keyId) {
+            return store->value(CatalogueTrust::serialKey(keyId, feed), -1).toLongLong();
+        });
     QByteArray catalogue;
     catalogue.swap(m_pendingCatalogue);
     if (outcome.verdict != CatalogueTrust::Trusted) {
@@ -280,7 +292,7 @@ void SoftwareUpdateClient::evaluateSignature(QNetworkReply *reply)
     }
     progressLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> catalogue ")
                  + outcome.reason);
-    store->setValue(serialKey, outcome.serial);
+    store->setValue(CatalogueTrust::serialKey(outcome.keyId, feed), outcome.serial);
     QBuffer verified(&catalogue);
     verified.open(QIODevice::ReadOnly);
     finishCheck(&verified);
@@ -298,7 +310,19 @@ void SoftwareUpdateClient::evaluateServerResponse(QNetworkReply *reply)
     const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     bool redirectWithoutTarget = false;
     if (status == 302 || status == 301 || status == 303 || status == 307) {
-        const QUrl url = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+        QUrl url = reply->attribute(QNetworkRequest::RedirectionTargetAttribute).toUrl();
+        if (!url.isEmpty() && !m_trustedKeyTexts.isEmpty()) {
+            // Verified checks end: a relative target is resolved, and a chain of redirects is
+            // cut off as a timeout.
+            url = reply->url().resolved(url);
+            if (++m_redirectCount > kMaxRedirects) {
+                errorLine(QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> more "
+                                         "than %1 redirects; giving up")
+                              .arg(kMaxRedirects));
+                requestTimeout();
+                return;
+            }
+        }
         if (!url.isEmpty()) {
             progressLine(
                 QStringLiteral("SoftwareUpdateClient::evaluateServerResponse() -> redirect url ")
