@@ -16,6 +16,17 @@ StaticServer::StaticServer(const QString &folder, QObject *parent)
     });
 }
 
+// Never served: hidden files and folders (".git", ".env") and minisign secret keys.
+static bool isPrivate(const QString &path)
+{
+    const QStringList sections = path.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    for (const QString &section : sections) {
+        if (section.startsWith(QLatin1Char('.')))
+            return true;
+    }
+    return path.endsWith(QLatin1String(".key"), Qt::CaseInsensitive);
+}
+
 void StaticServer::answer(QTcpSocket *socket)
 {
     if (socket->property("answered").toBool() || !socket->canReadLine())
@@ -25,18 +36,27 @@ void StaticServer::answer(QTcpSocket *socket)
     const QString path
         = QUrl::fromPercentEncoding(QUrl(QString::fromLatin1(request.value(1))).path().toUtf8());
     const QString file = QFileInfo(m_root.filePath(path.mid(1))).canonicalFilePath();
-    QByteArray head;
-    QFile f(file);
+    auto *f = new QFile(file, socket);
     const bool inside = !file.isEmpty() && file.startsWith(m_root.path() + QLatin1Char('/'));
-    if (request.value(0) != "GET" || !inside || !QFileInfo(file).isFile()
-        || !f.open(QIODevice::ReadOnly)) {
+    if (request.value(0) != "GET" || !inside || isPrivate(path)
+        || isPrivate(m_root.relativeFilePath(file)) || !QFileInfo(file).isFile()
+        || !f->open(QIODevice::ReadOnly)) {
         socket->write("HTTP/1.0 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    } else {
-        socket->write(
-            "HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
-            + QByteArray::number(f.size()) + "\r\nConnection: close\r\n\r\n");
-        while (!f.atEnd())
-            socket->write(f.read(1 << 20));
+        socket->disconnectFromHost();
+        return;
     }
-    socket->disconnectFromHost();
+    socket->write("HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
+                  + QByteArray::number(f->size()) + "\r\nConnection: close\r\n\r\n");
+    // The file streams as the socket drains: a large package is never held in memory.
+    const auto more = [socket, f] {
+        if (socket->bytesToWrite() > (1 << 20))
+            return;
+        if (f->atEnd()) {
+            socket->disconnectFromHost();
+            return;
+        }
+        socket->write(f->read(256 * 1024));
+    };
+    connect(socket, &QTcpSocket::bytesWritten, socket, more);
+    more();
 }

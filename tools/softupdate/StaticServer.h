@@ -4,7 +4,8 @@
 #include <QTcpServer>
 
 /// Serves the regular files below one folder over HTTP/1.0 GET, for development: nothing outside
-/// the folder (no "..", no links out), one answer per connection.
+/// the folder (no "..", no links out), no hidden file and no "*.key", one answer per connection;
+/// files stream as the connection takes them.
 class StaticServer : public QTcpServer {
 public:
     explicit StaticServer(const QString &folder, QObject *parent = nullptr);

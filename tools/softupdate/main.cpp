@@ -14,7 +14,7 @@
 #include "StaticServer.h"
 
 #include <DownloadManager.h>
-#include <SoftwareUpdateAvailableDialog.h>
+#include <PackageTable.h>
 #include <SoftwareUpdateClient.h>
 #include <qv/Exceptions.h>
 #include <qv/Minisign.h>
@@ -22,7 +22,6 @@
 #include <qv/StringUtils.h>
 #include <qv/XmlUtils.h>
 
-#include <QApplication>
 #include <QBuffer>
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -31,18 +30,21 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocale>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QRegularExpression>
 #include <QSaveFile>
 #include <QSet>
 #include <QSettings>
-#include <QTableWidget>
 #include <QTemporaryDir>
-#include <QTextStream>
 #include <QTimer>
 
 #include <cstdio>
 #include <memory>
+
+#include <termios.h>
+#include <unistd.h>
 
 namespace {
 
@@ -52,6 +54,32 @@ int fail(const QString &message, int code = Failure)
 {
     std::fprintf(stderr, "softupdate: %s\n", qPrintable(message));
     return code;
+}
+
+// A password: asked for on the terminal with echo off, else the first line of standard input.
+QByteArray readPassword(const QString &prompt)
+{
+    const bool terminal = isatty(STDIN_FILENO);
+    termios saved {};
+    if (terminal) {
+        std::fprintf(stderr, "%s", qPrintable(prompt));
+        std::fflush(stderr);
+        tcgetattr(STDIN_FILENO, &saved);
+        termios silent = saved;
+        silent.c_lflag &= ~tcflag_t(ECHO);
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+    }
+    QByteArray line;
+    char c = 0;
+    while (read(STDIN_FILENO, &c, 1) == 1 && c != '\n' && line.size() < 4096)
+        line += c;
+    if (terminal) {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+        std::fprintf(stderr, "\n");
+    }
+    if (line.endsWith('\r'))
+        line.chop(1);
+    return line;
 }
 
 bool readFile(const QString &path, QByteArray *data, qint64 limit)
@@ -128,6 +156,12 @@ int add(const QStringList &args)
         return fail(QStringLiteral("--type is \"Application\" or \"Camera Firmware\""), Usage);
     const QString catalogue = p.positionalArguments().at(0);
     const QString file = p.positionalArguments().at(1);
+    const QString fileName = QFileInfo(file).fileName();
+    static const QRegularExpression control(QStringLiteral("[\\x00-\\x1f\\x7f]"));
+    if (control.match(fileName).hasMatch())
+        return fail(QStringLiteral("the file name %1 holds a control character; rename the file")
+                        .arg(QString::fromLatin1(QUrl::toPercentEncoding(fileName))),
+                    Usage);
 
     QDomDocument doc;
     if (QFileInfo::exists(catalogue)) {
@@ -168,7 +202,9 @@ int add(const QStringList &args)
     e.setAttribute(qv::DownloadManager::FILE_SIZE, QString::number(info.size()));
     if (p.isSet(baseUrl))
         e.setAttribute(qv::DownloadManager::BASE_URL, p.value(baseUrl));
-    e.setAttribute(qv::DownloadManager::URL, info.fileName());
+    // The name is one path segment of a URL: "#", "?", "%" and blanks are encoded.
+    e.setAttribute(qv::DownloadManager::URL,
+                   QString::fromLatin1(QUrl::toPercentEncoding(fileName)));
     e.setAttribute(qv::DownloadManager::SHA256, QString::fromLatin1(hash.result().toHex()));
     if (p.isSet(platform))
         e.setAttribute(qv::DownloadManager::PLATFORM, p.values(platform).join(QLatin1Char(',')));
@@ -206,10 +242,14 @@ int sign(const QStringList &args)
     QCommandLineParser p;
     p.setApplicationDescription(QStringLiteral(
         "Writes CATALOGUE.minisig with a minisign secret key (the password of an encrypted key "
-        "comes from SOFTUPDATE_PASSWORD, else from the first line of standard input)."));
+        "comes from SOFTUPDATE_PASSWORD, else it is asked for on the terminal without echo, or "
+        "read from the first line of standard input when that is no terminal)."));
     const QCommandLineOption key(QStringLiteral("key"), "The minisign secret key file.", "FILE");
-    const QCommandLineOption comment(QStringLiteral("trusted-comment"), "The signed comment.",
-                                     "TEXT");
+    const QCommandLineOption comment(
+        QStringLiteral("trusted-comment"),
+        "The signed comment; \"<TAB>file:<catalogue name>\" is added when missing, as clients "
+        "accept a catalogue only for the feed it was signed as.",
+        "TEXT");
     p.addOptions({key, comment});
     int code = Usage;
     if (!parse(p, args, {"CATALOGUE"}, &code))
@@ -224,16 +264,20 @@ int sign(const QStringList &args)
     QByteArray password = qgetenv("SOFTUPDATE_PASSWORD");
     SecretKey secret = SecretKey::load(p.value(key), password);
     if (!secret.isValid() && secret.isEncrypted() && password.isEmpty()) {
-        QTextStream in(stdin);
-        password = in.readLine().toUtf8();
+        password = readPassword(QStringLiteral("Password for %1: ").arg(p.value(key)));
         secret = SecretKey::load(p.value(key), password);
     }
     if (!secret.isValid())
         return fail(secret.error());
-    const QString trusted = p.isSet(comment) ? p.value(comment)
-                                             : QStringLiteral("timestamp:%1\tfile:%2\thashed")
-                                                   .arg(QDateTime::currentSecsSinceEpoch())
-                                                   .arg(QFileInfo(catalogue).fileName());
+    // Clients accept a catalogue only for the feed its signature names ("file:"), as minisign
+    // writes it; a comment of the publisher's own keeps that field.
+    const QString feed = QStringLiteral("file:") + QFileInfo(catalogue).fileName();
+    QString trusted = p.isSet(comment) ? p.value(comment)
+                                       : QStringLiteral("timestamp:%1\t%2\thashed")
+                                             .arg(QDateTime::currentSecsSinceEpoch())
+                                             .arg(feed);
+    if (!trusted.split(QLatin1Char('\t')).contains(feed))
+        trusted += QLatin1Char('\t') + feed;
     if (!writeFile(catalogue + QStringLiteral(".minisig"), secret.sign(message, trusted)))
         return fail(QStringLiteral("cannot write %1.minisig").arg(catalogue));
     std::printf("signed %s: %s.minisig\n", qPrintable(catalogue), qPrintable(catalogue));
@@ -284,23 +328,41 @@ QString keyText(const QString &value)
                                                                      : value;
 }
 
-// Fetches a URL the way a check does (redirects followed), for lint.
+// Fetches a URL the way a check does (redirects followed), for lint. An answer larger than any
+// catalogue is not read to its end.
 bool fetch(const QUrl &url, QByteArray *body, QString *error)
 {
+    const qint64 limit = qv::XmlLimits().maxBytes;
     QNetworkAccessManager manager;
     manager.setProxy(QNetworkProxy::NoProxy);
     QNetworkRequest request(url);
     request.setTransferTimeout(15000);
     QNetworkReply *reply = manager.get(request);
+    bool tooLarge = false;
+    QObject::connect(reply, &QNetworkReply::readyRead, reply, [&] {
+        if (body->size() + reply->bytesAvailable() > limit) {
+            tooLarge = true;
+            reply->abort();
+            return;
+        }
+        body->append(reply->readAll());
+    });
     QEventLoop loop;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    loop.exec();
+    if (!reply->isFinished())
+        loop.exec();
     reply->deleteLater();
+    if (tooLarge) {
+        *error = QStringLiteral("the answer is larger than %1 bytes, which no client reads; it was "
+                                "not read to its end")
+                     .arg(limit);
+        return false;
+    }
     if (reply->error() != QNetworkReply::NoError) {
         *error = reply->errorString();
         return false;
     }
-    *body = reply->read(qv::XmlLimits().maxBytes + 1);
+    body->append(reply->readAll());
     return true;
 }
 
@@ -560,21 +622,12 @@ int offer(const QStringList &args)
     if (result != 10)
         return result;
     // The rows of the list the user would see, as that list shows them.
-    client.showAvailableUpdates();
-    for (QWidget *w : QApplication::topLevelWidgets()) {
-        auto *dialog = qobject_cast<qv::SoftwareUpdateAvailableDialog *>(w);
-        auto *table
-            = dialog ? dialog->findChild<QTableWidget *>(QStringLiteral("tableWidget")) : nullptr;
-        if (!table)
-            continue;
-        for (int r = 0; r < table->rowCount(); ++r) {
-            QStringList cells;
-            for (int c = 0; c < table->columnCount(); ++c)
-                cells << (table->item(r, c) ? table->item(r, c)->text() : QString());
-            std::printf("%s%s\n", qPrintable(cells.join(QStringLiteral(" | "))),
-                        table->isRowHidden(r) ? " (hidden: another language)" : "");
-        }
-    }
+    const QList<int> hidden = qv::PackageTable::foreignLanguageRows(
+        client.packageList(), QLocale::system().name().section(QLatin1Char('_'), 0, 0));
+    const QList<QStringList> rows = qv::PackageTable::rows(client.packageList());
+    for (int r = 0; r < rows.size(); ++r)
+        std::printf("%s%s\n", qPrintable(rows.at(r).join(QStringLiteral(" | "))),
+                    hidden.contains(r) ? " (hidden: another language)" : "");
     return 10;
 }
 
@@ -585,17 +638,15 @@ const char kUsage[]
 
 int main(int argc, char **argv)
 {
-    // offer shows the client's list, offscreen, to read its rows.
+    // offer runs the client's check without any window: no GUI application object takes options
+    // such as -platform for itself.
     const bool offering = argc > 1 && qstrcmp(argv[1], "offer") == 0;
-    if (offering && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
     for (int i = 2; offering && i + 1 < argc; ++i) {
         if (qstrcmp(argv[i], "--language")
             == 0) // the client reads the user's language from the locale
             qputenv("LC_ALL", QByteArray(argv[i + 1]) + ".UTF-8");
     }
-    std::unique_ptr<QCoreApplication> app(offering ? new QApplication(argc, argv)
-                                                   : new QCoreApplication(argc, argv));
+    QCoreApplication app(argc, argv);
     QStringList args = QCoreApplication::arguments();
     const QString command = args.value(1);
     if (args.size() > 1)
