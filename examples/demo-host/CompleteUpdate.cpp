@@ -12,6 +12,7 @@
 #include <SoftwareUpdateAvailableDialog.h>
 #include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
+#include <qv/UpdateState.h>
 
 #include <QAbstractButton>
 #include <QApplication>
@@ -178,6 +179,8 @@ int runCompleteDriver(const QString &program, const QString &updater, const QDir
     env.insert(QStringLiteral("DEMO_SERVER"), QStringLiteral("http://127.0.0.1/list.xml"));
     env.insert(QStringLiteral("DEMO_KEY"), readText(pub).section(QLatin1Char('\n'), 1, 1));
     env.insert(QStringLiteral("DEMO_PICTURES"), out.absolutePath());
+    // The updater's journal and notes go to a state folder of this walk's own.
+    env.insert(QStringLiteral("XDG_STATE_HOME"), work.filePath(QStringLiteral("xdg-state")));
     const QString updaterLog = work.filePath(QStringLiteral("UpdateInstaller.log"));
     env.insert(QStringLiteral("UPDATEINSTALLER_LOG"), updaterLog);
     QProcess first;
@@ -220,8 +223,9 @@ int runCompleteStep()
     const QDir state(qEnvironmentVariable("DEMO_STATE"));
     const QDir pictures(qEnvironmentVariable("DEMO_PICTURES"));
     const bool confirming = qEnvironmentVariableIsSet("SOFTWAREUPDATE_HEALTH_FILE");
+    // The updater's note for this application folder, in the user's private state folder.
     const bool rolledBack
-        = QFile::exists(QDir::cleanPath(here) + QStringLiteral(".update-rolled-back"));
+        = QFile::exists(qv::UpdateState::folderFor(here, false) + QStringLiteral("/rolled-back"));
     // One settings store for every version, as one user's would be.
     QSettings::setPath(QSettings::IniFormat, QSettings::UserScope,
                        state.filePath(QStringLiteral("settings")));

@@ -201,6 +201,14 @@
         <source>The new version is unpacked and verified. Restart now to install it: the application closes, is replaced, and starts again. If the new version does not start, this version comes back.</source>
         <translation>Die neue Version ist entpackt und geprüft. Starten Sie jetzt neu, um sie zu installieren: Die Anwendung wird beendet, ersetzt und neu gestartet. Startet die neue Version nicht, kehrt diese Version zurück.</translation>
     </message>
+    <message>
+        <source>The update catalogue is not signed for this update server. No updates are offered.</source>
+        <translation>Der Update-Katalog ist nicht für diesen Update-Server signiert. Es werden keine Updates angeboten.</translation>
+    </message>
+    <message>
+        <source>The application folder %1 can be changed by other users, so the update cannot be installed safely. Nothing was changed.</source>
+        <translation>Der Anwendungsordner %1 kann von anderen Benutzern geändert werden, daher kann das Update nicht sicher installiert werden. Es wurde nichts geändert.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -201,6 +201,14 @@
         <source>The new version is unpacked and verified. Restart now to install it: the application closes, is replaced, and starts again. If the new version does not start, this version comes back.</source>
         <translation>La nouvelle version est décompressée et vérifiée. Redémarrez maintenant pour l&apos;installer : l&apos;application se ferme, est remplacée et redémarre. Si la nouvelle version ne démarre pas, cette version revient.</translation>
     </message>
+    <message>
+        <source>The update catalogue is not signed for this update server. No updates are offered.</source>
+        <translation>Le catalogue de mises à jour n&apos;est pas signé pour ce serveur de mises à jour. Aucune mise à jour n&apos;est proposée.</translation>
+    </message>
+    <message>
+        <source>The application folder %1 can be changed by other users, so the update cannot be installed safely. Nothing was changed.</source>
+        <translation>Le dossier de l&apos;application %1 peut être modifié par d&apos;autres utilisateurs&#xa0;: la mise à jour ne peut pas être installée en toute sécurité. Rien n&apos;a été modifié.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
