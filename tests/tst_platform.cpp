@@ -379,7 +379,7 @@ private Q_SLOTS:
         else if (damage == "byte")
             message[15] = 'X';
         else if (damage == "comment")
-            signature.replace("signed for the tests", "signed for the tests!");
+            signature.replace("file:catalogue.xml", "file:catalogue.xmL");
         else if (damage == "junk")
             signature = "untrusted comment: x\nnot base64 at all\ntrusted comment: y\n????\n";
         else if (damage == "huge")

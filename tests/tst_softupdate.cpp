@@ -6,6 +6,7 @@
 #include <TestHttpServer.h>
 #include <TestSupport.h>
 
+#include <QBuffer>
 #include <QCryptographicHash>
 #include <QLabel>
 #include <QProgressDialog>
@@ -215,6 +216,14 @@ private Q_SLOTS:
         QVERIFY(get("/list.xml").contains("<softwareList/>"));
         QVERIFY(get("/../secret.txt").startsWith("HTTP/1.0 404"));
         QVERIFY(get("/%2e%2e/secret.txt").startsWith("HTTP/1.0 404"));
+        // Secret keys and hidden files never leave the folder.
+        for (const char *hidden : {"/updates.key", "/.env", "/.git/config", "/sub/.hidden"}) {
+            QDir().mkpath(QFileInfo(dir.filePath(QString("www") + hidden)).path());
+            QFile f(dir.filePath(QString("www") + hidden));
+            QVERIFY(f.open(QIODevice::WriteOnly) && f.write("secret") > 0);
+            f.close();
+            QVERIFY2(get(hidden).startsWith("HTTP/1.0 404"), hidden);
+        }
         serve.kill();
         serve.waitForFinished();
         const Run dead = softupdate({"offer", "--server", "http://127.0.0.1:9/list.xml", "--app",
@@ -379,6 +388,73 @@ private Q_SLOTS:
         const Run run = softupdate(args);
         QCOMPARE(run.code, code);
         QVERIFY2(run.out.contains(message), qPrintable(run.out));
+    }
+
+    // What an attacker or a careless publisher hands the tool: it neither crashes nor writes a
+    // catalogue that no client can read.
+    void hostileInput_data()
+    {
+        QTest::addColumn<QStringList>("args"); // "@" is the test folder, "URL" the test server
+        QTest::addColumn<QList<int>>("codes");
+        QTest::addColumn<QString>("said");
+        const QStringList add {"add",    "@/c.xml", "--type",    "Application",
+                               "--name", "V",       "--release", "1"};
+        QTest::newRow("offer --platform X, the space form")
+            << QStringList {"offer",     "--file", "@/c.xml",    "--app", "V",
+                            "--version", "0.1",    "--platform", "linux"}
+            << QList<int> {10} << "V 1 |";
+        QTest::newRow("lint of an endless answer")
+            << QStringList {"lint", "URL"} << QList<int> {1} << "larger than 33554432 bytes";
+        QTest::newRow("add a file name with a control character")
+            << (QStringList(add) << "@/bad\x01name.zip") << QList<int> {2} << "control character";
+        QTest::newRow("add a file name with # and a blank")
+            << (QStringList(add) << "@/v 1#2.zip") << QList<int> {0} << "added V 1";
+    }
+    void hostileInput()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QList<int>, codes);
+        QFETCH(QString, said);
+        const QByteArray catalogue
+            = "<softwareList serial='1' expires='2099-01-01'>"
+              "<package type='Application' name='V' release='1' "
+              "url='http://127.0.0.1/v.tar.gz' file-size='3' platform='linux' status='STABLE'/>"
+              "</softwareList>";
+        const QString file = writeFile("c.xml", catalogue);
+        writeFile("bad\x01name.zip", "zip");
+        writeFile("v 1#2.zip", "zip");
+        TestHttpServer endless([](const TestHttpServer::Request &) {
+            TestHttpServer::Response r = TestHttpServer::Response::ok(QByteArray(40 << 20, 'x'));
+            r.announcedLength = -2; // no length: read until it ends
+            return r;
+        });
+        QVERIFY(endless.listen(QHostAddress::LocalHost));
+        args.replaceInStrings("@", m_dir.path());
+        args.replaceInStrings("URL", QString::fromLatin1(endless.url("/list.xml")));
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(SUC_SOFTUPDATE, args);
+        // This process serves the URL meanwhile.
+        QTRY_VERIFY_WITH_TIMEOUT(p.state() == QProcess::NotRunning, 60000);
+        const QString out = QString::fromUtf8(p.readAll());
+        QVERIFY2(p.exitStatus() == QProcess::NormalExit && codes.contains(p.exitCode()),
+                 qPrintable(QString::number(p.exitCode()) + ": " + out));
+        QVERIFY2(out.contains(said), qPrintable(out));
+        QFile written(file);
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        const QByteArray now = written.readAll();
+        if (args.first() != u"add" || p.exitCode() != 0) {
+            QCOMPARE(now, catalogue); // unchanged
+            return;
+        }
+        // The name is one encoded URL segment, and the client reads it back whole.
+        QBuffer buffer;
+        buffer.setData(now);
+        buffer.open(QIODevice::ReadOnly);
+        const PackageInfoList packages = DownloadManager::parseXML(&buffer);
+        QCOMPARE(packages.size(), 2);
+        QCOMPARE(packages.last().url.fileName(), QString("v 1#2.zip"));
+        QCOMPARE(packages.last().suffix, QString("zip"));
     }
 
     // Each tool verifies the other's signatures, with plain and password-protected keys.

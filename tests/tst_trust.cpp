@@ -8,13 +8,21 @@
 #include <qv/LogQt.h>
 
 #include <QCryptographicHash>
+#include <QElapsedTimer>
 #include <QLabel>
+#include <QProcess>
 #include <QProgressDialog>
+#include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTableWidget>
 #include <QTemporaryDir>
+#include <QTextBrowser>
 #include <QtTest>
+
+#include <limits>
+
+#include <sys/stat.h>
 
 using namespace qv;
 using namespace suc::test;
@@ -32,8 +40,11 @@ class TestTrust : public QObject {
     QScopedPointer<MinisignTool> m_signer, m_other;
     TestHttpServer m_server;
     QHash<QByteArray, QByteArray> m_files; ///< path -> body; a missing path answers 404
+    QHash<QByteArray, QByteArray> m_redirects; ///< path -> Location of a 302
+    TestHttpServer::Handler m_packageAnswer; ///< answers below /dl/ when set
     QList<QByteArray> m_asked;
     QScopedPointer<SoftwareUpdateClient> m_client;
+    QScopedPointer<QTemporaryDir> m_tmp; ///< the running test's TMPDIR
     const QByteArray m_package = QByteArray(5000, 'p');
 
     static QSettings store()
@@ -46,23 +57,29 @@ class TestTrust : public QObject {
     }
 
     // A catalogue of one application package (and one without a hash when asked).
-    QByteArray catalogue(int serial, const QString &expires, bool unhashed = false) const
+    QByteArray catalogue(qint64 serial, const QString &expires, bool unhashed = false,
+                         const QByteArray &file = "viewer-3.0.tar.gz",
+                         const QByteArray &body = QByteArray()) const
     {
+        const QByteArray package = body.isNull() ? m_package : body;
         const QByteArray hash
-            = QCryptographicHash::hash(m_package, QCryptographicHash::Sha256).toHex();
+            = QCryptographicHash::hash(package, QCryptographicHash::Sha256).toHex();
         QByteArray xml = "<softwareList serial='" + QByteArray::number(serial) + "' expires='"
             + expires.toLatin1() + "' base-url='http://127.0.0.1/dl/'>"
             + "<package-set type='Application' name='Viewer' status='STABLE'>"
-            + "<package release='3.0' url='viewer-3.0.tar.gz' file-size='5000' sha256='" + hash
-            + "'/>";
+            + "<package release='3.0' url='" + file + "' file-size='"
+            + QByteArray::number(package.size()) + "' sha256='" + hash + "'/>";
         if (unhashed)
             xml += "<package release='3.1' url='viewer-3.1.tar.gz' file-size='5000'/>";
         return xml + "</package-set></softwareList>";
     }
-    // Publishes `xml` as /list.xml with a signature written by `signer` (none when null).
-    void publish(const QByteArray &xml, const MinisignTool *signer, bool legacy = false)
+    static QString future() { return QDate::currentDate().addDays(30).toString(Qt::ISODate); }
+    // Publishes `xml` as /list.xml with a signature written by `signer` (none when null) for a
+    // file of the name `signedAs` (minisign names it in the trusted comment).
+    void publish(const QByteArray &xml, const MinisignTool *signer, bool legacy = false,
+                 const QString &signedAs = "list.xml")
     {
-        const QString file = m_dir.filePath("list.xml");
+        const QString file = m_dir.filePath(signedAs);
         QFile f(file);
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
         f.write(xml);
@@ -77,6 +94,59 @@ class TestTrust : public QObject {
         QVERIFY(sig.open(QIODevice::ReadOnly));
         m_files["/list.xml.minisig"] = sig.readAll();
     }
+    void restartClient()
+    {
+        m_client.reset();
+        suc::test::closeAllWindows();
+        m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url(), nullptr));
+        m_client->setTrustedKeys({m_signer->publicKey()});
+    }
+    // An application folder Viewer-3 holding `program` (a script saying `says`), packed as
+    // `archive` (zip or tar.gz by its name).
+    QByteArray packApplication(const QString &archive, const QString &program,
+                               const QByteArray &says = "genuine")
+    {
+        QTemporaryDir src;
+        QDir().mkpath(src.filePath("Viewer-3/lib"));
+        QFile exe(src.filePath("Viewer-3/" + program));
+        if (!exe.open(QIODevice::WriteOnly))
+            return QByteArray();
+        exe.write("#!/bin/sh\necho " + says + "\n");
+        exe.close();
+        exe.setPermissions(exe.permissions() | QFile::ExeOwner);
+        const QString packed = src.filePath(archive);
+        if (QProcess::execute("bsdtar", {"-a", "-cf", packed, "-C", src.path(), "Viewer-3"}) != 0)
+            return QByteArray();
+        QFile f(packed);
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }
+    static QString programName()
+    {
+        return QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    }
+    // The unpacked new versions waiting in the temporary folder: their program's words.
+    static QStringList unpackedVersions()
+    {
+        QStringList found;
+        for (const QString &dir : QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs)) {
+            QFile program(QDir::temp().filePath(dir + "/Viewer-3/" + programName()));
+            if (program.open(QIODevice::ReadOnly))
+                found << QString::fromLatin1(program.readAll().split('\n').value(1).mid(5));
+        }
+        return found;
+    }
+    // The contents of every downloaded `file` in the temporary folder.
+    static QList<QByteArray> downloadedFiles(const QString &file)
+    {
+        QList<QByteArray> found;
+        for (const QString &dir : QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs)) {
+            QFile f(QDir::temp().filePath(dir + "/" + file));
+            if (f.open(QIODevice::ReadOnly))
+                found << f.readAll();
+        }
+        return found;
+    }
+
     QString checkFromDialog()
     {
         m_client->queryForUpdate({}, false);
@@ -108,6 +178,10 @@ private Q_SLOTS:
                  "the minisign tool is needed (Debian package minisign)");
         m_server.setHandler([this](const TestHttpServer::Request &r) {
             m_asked << r.target;
+            if (m_redirects.contains(r.target))
+                return Response::redirect(302, m_redirects.value(r.target));
+            if (r.target.startsWith("/dl/") && m_packageAnswer)
+                return m_packageAnswer(r);
             if (r.target == "/dl/viewer-3.0.tar.gz")
                 return Response::ok(m_files.value(r.target, m_package));
             return m_files.contains(r.target) ? Response::ok(m_files.value(r.target), "text/xml")
@@ -117,8 +191,13 @@ private Q_SLOTS:
     }
     void init()
     {
+        // Each test's temporary files, the client's downloads among them, in a folder of its own.
+        m_tmp.reset(new QTemporaryDir(m_dir.filePath("tmp-XXXXXX")));
+        qputenv("TMPDIR", QFile::encodeName(m_tmp->path()));
         QFile::remove(store().fileName());
         m_files.clear();
+        m_redirects.clear();
+        m_packageAnswer = nullptr;
         m_asked.clear();
         m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url(), nullptr));
         m_client->setTrustedKeys({m_signer->publicKey()});
@@ -127,6 +206,7 @@ private Q_SLOTS:
     {
         m_client.reset();
         suc::test::closeAllWindows();
+        qunsetenv("TMPDIR");
     }
 
     void checks_data()
@@ -157,12 +237,21 @@ private Q_SLOTS:
         QTest::newRow("no keys: unverified, one GET") << "no keys"
                                                       << "Viewer 3.1";
         QTest::newRow("an unreadable key is refused, trust stays on") << "bad key" << notSigned;
+        // The same publisher's catalogue of another product, with the highest serial there is:
+        // refused for this feed, and the genuine one is still taken afterwards.
+        QTest::newRow("another feed of the same key, then the genuine one")
+            << "other feed" << offered;
+        QTest::newRow("a rotated key starts a serial record of its own") << "rotated" << offered;
+        QTest::newRow("a redirect loop ends as a timeout")
+            << "loop"
+            << "Timeout error! Update server unreachable!";
+        QTest::newRow("a relative redirect is resolved") << "relative" << offered;
     }
     void checks()
     {
         QFETCH(QString, variant);
         QFETCH(QString, outcome);
-        const QString future = QDate::currentDate().addDays(30).toString(Qt::ISODate);
+        const QString future = this->future();
         QByteArray xml = catalogue(7, future, variant == "unhashed" || variant == "no keys");
         publish(xml, variant == "wrong key" ? m_other.data() : m_signer.data(),
                 variant == "legacy");
@@ -191,25 +280,43 @@ private Q_SLOTS:
                                                     "minisign public key: RWQnot"));
             m_client->setTrustedKeys({"RWQnot-a-key"});
         }
-        if (variant == "rollback") {
+        if (variant == "rollback" || variant == "rotated") {
             QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
-            cleanup();
-            m_client.reset(
-                new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url(), nullptr));
-            m_client->setTrustedKeys({m_signer->publicKey()});
-            publish(catalogue(6, future), m_signer.data());
+            restartClient();
+            publish(catalogue(6, future), variant == "rotated" ? m_other.data() : m_signer.data());
+            if (variant == "rotated")
+                m_client->setTrustedKeys({m_signer->publicKey(), m_other->publicKey()});
+        } else if (variant == "other feed") {
+            publish(catalogue(std::numeric_limits<qint64>::max(), future), m_signer.data(), false,
+                    "other.xml");
+            QCOMPARE(checkFromDialog(),
+                     QString("The update catalogue is not signed for this update server. No "
+                             "updates are offered."));
+            restartClient();
+            publish(xml, m_signer.data());
+        } else if (variant == "loop") {
+            m_redirects["/list.xml"] = "/list.xml";
+        } else if (variant == "relative") {
+            m_redirects["/list.xml"] = "moved/list.xml";
+            m_files["/moved/list.xml"] = m_files.take("/list.xml");
+            m_files["/moved/list.xml.minisig"] = m_files.take("/list.xml.minisig");
         }
+        QElapsedTimer clock;
+        clock.start();
         QCOMPARE(checkFromDialog(), outcome);
         if (variant == "no keys")
             QCOMPARE(m_asked, QList<QByteArray>({"/list.xml"}));
+        if (variant == "loop") {
+            QVERIFY(m_asked.size() <= 21);
+            QVERIFY(clock.elapsed() < 60000);
+        }
     }
 
     // The manager's queries follow the same rules; only verified answers are cached, and the
     // highest serial survives storeHistory/loadHistory.
     void queries()
     {
-        const QString future = QDate::currentDate().addDays(30).toString(Qt::ISODate);
-        publish(catalogue(5, future), m_signer.data());
+        publish(catalogue(5, future()), m_signer.data());
         const QString settingsFile = m_dir.filePath("manager.ini");
         QFile::remove(settingsFile);
         {
@@ -223,7 +330,7 @@ private Q_SLOTS:
             QCOMPARE(found.size(), 1);
             manager.storeHistory(settings, QString());
         }
-        publish(catalogue(4, future), m_signer.data());
+        publish(catalogue(4, future()), m_signer.data());
         QSettings settings(settingsFile, QSettings::IniFormat);
         settings.setValue("Download/ver", 3);
         DownloadManager later(settings, QString());
@@ -237,6 +344,95 @@ private Q_SLOTS:
         QVERIFY(later.recentPackages(PackageInfo()).isEmpty()); // nothing unverified cached
     }
 
+    // Every catalogue value shown in the comment is text: markup in it is shown, never run (an
+    // image naming a FIFO froze the GUI).
+    void catalogueValuesAreText_data()
+    {
+        QTest::addColumn<QByteArray>("from"); // replaced in the catalogue by `to`
+        QTest::addColumn<QByteArray>("to");
+        QTest::addColumn<QString>("shown");
+        const QByteArray img
+            = "&lt;img src=&quot;" + m_dir.filePath("fifo").toUtf8() + "&quot;&gt;";
+        const QString shown = "<img src=\"" + m_dir.filePath("fifo") + "\">";
+        QTest::newRow("public-release")
+            << QByteArray("release='3.0'") << "release='3.0' public-release='" + img + "'" << shown;
+        QTest::newRow("url") << QByteArray("url='viewer-3.0.tar.gz'")
+                             << "url='" + img + "/viewer-3.0.tar.gz'" << QString("img src=");
+        QTest::newRow("camera model")
+            << QByteArray("type='Application' name='Viewer'")
+            << "type='Camera Firmware' platform='M1' name='" + img + "'" << shown;
+    }
+    void catalogueValuesAreText()
+    {
+        QFETCH(QByteArray, from);
+        QFETCH(QByteArray, to);
+        QFETCH(QString, shown);
+        QFile::remove(m_dir.filePath("fifo"));
+        QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("fifo")).constData(), 0600), 0);
+        publish(catalogue(7, future()).replace(from, to), m_signer.data());
+        m_client->setCurrentCameraVersions({{QString("M1"), VersionNumber("1.0")}});
+        checkFromDialog();
+        auto *list = openDialog<SoftwareUpdateAvailableDialog>();
+        QVERIFY(list);
+        list->findChild<QTableWidget *>("tableWidget")->selectRow(0);
+        auto *comment = list->findChild<QTextBrowser *>("commentText");
+        QTRY_VERIFY(comment->isVisible());
+        QVERIFY2(comment->toPlainText().contains(shown), qPrintable(comment->toPlainText()));
+        QVERIFY(!comment->toHtml().contains("<img"));
+    }
+
+    // With keys, the manager's kept copy of the last answer is offered only while it verifies:
+    // not one kept before keys were set, not one that has expired since, not one without its
+    // signature.
+    void cachedOffers_data()
+    {
+        QTest::addColumn<QString>("variant");
+        QTest::addColumn<int>("offered");
+        QTest::newRow("verified and kept with its signature") << "verified" << 1;
+        QTest::newRow("kept before keys were set") << "unsigned" << 0;
+        QTest::newRow("expired since it was kept (2001)") << "expired" << 0;
+        QTest::newRow("its signature removed") << "no signature" << 0;
+        QTest::newRow("a signature of another feed") << "other feed" << 0;
+    }
+    void cachedOffers()
+    {
+        QFETCH(QString, variant);
+        QFETCH(int, offered);
+        const QString settingsFile = m_dir.filePath("cache.ini");
+        const QString cacheFile = m_dir.filePath("cache.xml");
+        for (const QString &f : {settingsFile, cacheFile, QString(cacheFile + ".minisig")})
+            QFile::remove(f);
+        publish(catalogue(5, variant == "expired" ? "2001-01-01" : future()), m_signer.data(),
+                false, variant == "other feed" ? "other.xml" : "list.xml");
+        if (variant == "verified" || variant == "unsigned") {
+            QSettings settings(settingsFile, QSettings::IniFormat);
+            DownloadManager manager {QUrl(url())};
+            if (variant == "verified")
+                manager.setTrustedKeys({m_signer->publicKey()});
+            QSignalSpy finished(&manager, &DownloadManager::queryFinished);
+            manager.queryUpdate();
+            QVERIFY(finished.wait(10000));
+            manager.storeHistory(settings, cacheFile);
+        } else {
+            // Written by someone else, or long ago.
+            QFile xml(cacheFile), sig(cacheFile + ".minisig");
+            QVERIFY(xml.open(QIODevice::WriteOnly) && sig.open(QIODevice::WriteOnly));
+            xml.write(m_files.value("/list.xml"));
+            if (variant != "no signature")
+                sig.write(m_files.value("/list.xml.minisig"));
+        }
+        QVERIFY(QFileInfo(cacheFile).size() > 0);
+        QSettings settings(settingsFile, QSettings::IniFormat);
+        settings.setValue("Download/ver", 3);
+        DownloadManager later(settings, cacheFile);
+        later.setServer(QUrl(url()));
+        later.setTrustedKeys({m_signer->publicKey()});
+        if (!offered)
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression("dropping the kept catalogue"));
+        QCOMPARE(later.recentPackages(PackageInfo()).size(), offered);
+        QCOMPARE(later.recentPackages(PackageInfo()).size(), offered); // and each time it is read
+    }
+
     // A download is checked against the published hash while it streams.
     void downloads_data()
     {
@@ -247,13 +443,10 @@ private Q_SLOTS:
     void downloads()
     {
         QFETCH(bool, tampered);
-        publish(catalogue(7, QDate::currentDate().addDays(30).toString(Qt::ISODate)),
-                m_signer.data());
+        publish(catalogue(7, future()), m_signer.data());
         if (tampered)
             m_files["/dl/viewer-3.0.tar.gz"] = QByteArray(m_package).replace(100, 1, "X");
-        const QString tmp = m_dir.filePath(QString("tmp-%1").arg(tampered));
-        QDir().mkpath(tmp);
-        qputenv("TMPDIR", tmp.toLocal8Bit());
+        const QString tmp = QDir::tempPath();
         QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
         BoxAnswerer answerer({"Proceed", "OK"});
         QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
@@ -275,7 +468,184 @@ private Q_SLOTS:
             QCOMPARE(QFileInfo(tmp + "/" + left.first()).permissions() & 0x0077,
                      QFile::Permissions());
         }
-        qunsetenv("TMPDIR");
+    }
+
+    // CompleteInstall: the verified package is unpacked before the restart question and must
+    // hold the program (named like the running one); without trusted keys it installs nothing,
+    // and is handled as without CompleteInstall, with a log line.
+    void completeInstall_data()
+    {
+        QTest::addColumn<QString>("archive");
+        QTest::addColumn<bool>("withProgram");
+        QTest::addColumn<bool>("keys");
+        QTest::addColumn<QString>("lastBox");
+        const QString ready = "Restart required | The new version is unpacked and verified.";
+        QTest::newRow("zip") << "viewer-3.0.zip" << true << true << ready;
+        QTest::newRow("tar.gz") << "viewer-3.0.tar.gz" << true << true << ready;
+        QTest::newRow("zip without the program")
+            << "viewer-3.0.zip" << false << true
+            << "Installation failed | The package does not contain the program " + programName();
+        QTest::newRow("zip without trusted keys: as designed")
+            << "viewer-3.0.zip" << true << false
+            << "Restart required | Please restart your application to finish";
+    }
+    void completeInstall()
+    {
+        QFETCH(QString, archive);
+        QFETCH(bool, withProgram);
+        QFETCH(bool, keys);
+        QFETCH(QString, lastBox);
+        const QByteArray body = packApplication(archive, withProgram ? programName() : "other");
+        QVERIFY(!body.isEmpty());
+        m_files["/dl/" + archive.toUtf8()] = body;
+        m_packageAnswer = [this](const TestHttpServer::Request &r) {
+            return Response::ok(m_files.value(r.target));
+        };
+        publish(catalogue(7, future(), false, archive.toUtf8(), body), m_signer.data());
+        SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
+        const auto restore = qScopeGuard(
+            [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
+        restartClient();
+        if (!keys)
+            m_client->setTrustedKeys({});
+        LogWatcher log;
+        QVERIFY(checkFromDialog().startsWith("Viewer 3"));
+        BoxAnswerer answerer({"Proceed", "Restart later", "OK"});
+        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
+        QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= 2, 20000);
+        QTRY_VERIFY(!QApplication::activeModalWidget());
+        QVERIFY2(answerer.seen.last().startsWith(lastBox), qPrintable(answerer.seen.join('\n')));
+        if (!keys) {
+            QVERIFY(log.saw("a complete install needs trusted keys"));
+            return;
+        }
+        // Only the unpacked new version is left: the archive's folder is gone, and a package
+        // without the program leaves nothing.
+        QTRY_COMPARE(unpackedVersions(), withProgram ? QStringList {"genuine"} : QStringList());
+        const QStringList left = QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs);
+        QStringList contents;
+        for (const QString &dir : left)
+            contents << dir + ": " + filesBelow(QDir::temp().filePath(dir)).join(' ');
+        QVERIFY2(left.size() == (withProgram ? 1 : 0), qPrintable(contents.join('\n')));
+    }
+
+    // Install pressed again while the first download runs: in CompleteInstall the second press
+    // is refused and the button disabled; in every mode only the file of the download that
+    // succeeded is used, never one another request wrote meanwhile.
+    void secondInstallPress_data()
+    {
+        QTest::addColumn<bool>("complete");
+        QTest::newRow("complete install: refused, one download") << true;
+        QTest::newRow("designed install: the first download's own file is used") << false;
+    }
+    void secondInstallPress()
+    {
+        QFETCH(bool, complete);
+        const QByteArray archive = complete ? "viewer-3.0.zip" : "viewer-3.0.tar.gz";
+        const QByteArray genuine = packApplication(archive, programName());
+        const QByteArray attackers = packApplication(archive, programName(), "attacker");
+        int served = 0;
+        // The first answer drips (the download is running when Install is pressed again); any
+        // later one is the attacker's.
+        m_packageAnswer = [&](const TestHttpServer::Request &) {
+            Response r = Response::ok(served++ == 0 ? genuine : attackers);
+            r.mode = Response::Drip;
+            r.dripIntervalMs = 2;
+            return r;
+        };
+        publish(catalogue(7, future(), false, archive, genuine), m_signer.data());
+        if (complete)
+            SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
+        const auto restore = qScopeGuard(
+            [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
+        restartClient();
+        LogWatcher log;
+        QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
+        QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
+        auto *list = openDialog<SoftwareUpdateAvailableDialog>();
+        list->findChild<QTableWidget *>("tableWidget")->selectRow(0);
+        BoxAnswerer answerer({"Proceed", "Restart later", "OK"});
+        Q_EMIT list->installPackage(0);
+        QTRY_COMPARE(served, 1);
+        if (complete)
+            QVERIFY(!list->findChild<QPushButton *>("installPushButton")->isEnabled());
+        Q_EMIT list->installPackage(0);
+        QTRY_VERIFY_WITH_TIMEOUT(installing.size() == 1, 20000);
+        if (complete) {
+            QVERIFY(log.saw("an installation is already running; refusing another"));
+            QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.last().startsWith("Restart required"), 20000);
+            QCOMPARE(served, 1);
+            QCOMPARE(unpackedVersions(), QStringList {"genuine"});
+        } else {
+            // The file handed on is the verified first download; the second, the attacker's,
+            // was erased by its own verification.
+            QTRY_COMPARE(served, 2);
+            QTRY_COMPARE(downloadedFiles(archive), QList<QByteArray> {genuine});
+        }
+        QTRY_VERIFY(!QApplication::activeModalWidget());
+    }
+
+    // The updater that runs is a private copy of the one installed beside the program: one
+    // planted in the application's parent folder never runs, and a parent that others can write
+    // refuses the install before anything is downloaded. A host process installs for real.
+    void updaterThatRuns_data()
+    {
+        QTest::addColumn<int>("parentMode");
+        QTest::addColumn<QString>("ran"); // what the updater scripts noted
+        QTest::newRow("a planted updater in the parent is never run") << 0755 << "ours ";
+        QTest::newRow("a parent others can write (1777): refused") << 01777 << "";
+    }
+    void updaterThatRuns()
+    {
+        QFETCH(int, parentMode);
+        QFETCH(QString, ran);
+        QTemporaryDir parent;
+        const QString app = parent.filePath("Viewer");
+        const QString marker = parent.filePath("updater-ran.txt");
+        QVERIFY(QDir().mkpath(app));
+        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
+        for (const auto &[path, who] :
+             {std::pair<QString, QByteArray>(app + "/UpdateInstaller", "ours"),
+              std::pair<QString, QByteArray>(parent.filePath("UpdateInstaller"), "planted")}) {
+            QFile script(path);
+            QVERIFY(script.open(QIODevice::WriteOnly));
+            script.write("#!/bin/sh\necho " + who + " \"$0\" >> \"" + marker.toUtf8() + "\"\n");
+            script.close();
+            QVERIFY(script.setPermissions(script.permissions() | QFile::ExeOwner));
+        }
+        QCOMPARE(chmod(QFile::encodeName(parent.path()).constData(), mode_t(parentMode)), 0);
+        chmod(QFile::encodeName(app).constData(), 0755);
+        const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper");
+        m_files["/dl/viewer-3.0.zip"] = body;
+        m_packageAnswer = [this](const TestHttpServer::Request &r) {
+            return Response::ok(m_files.value(r.target));
+        };
+        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
+
+        QProcess host;
+        host.start(app + "/exec_helper", {"completeInstall", url(), m_signer->publicKey()});
+        QVERIFY(host.waitForStarted());
+        // The host runs the client's event loop; this test serves it meanwhile.
+        QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
+        const QString said = QString::fromUtf8(host.readAllStandardOutput());
+        QFile noted(marker);
+        noted.open(QIODevice::ReadOnly);
+        // The updater ran as a copy in a private temporary folder of its own.
+        const QString copy = QDir::tempPath() + "/softwareupdate-";
+        QVERIFY2(QString::fromUtf8(noted.readAll()).trimmed().section(copy, 0, 0) == ran,
+                 qPrintable(
+                     said + host.readAllStandardError().right(3000)
+                     + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
+        if (ran.isEmpty()) {
+            QCOMPARE(host.exitCode(), 5);
+            QVERIFY2(said.contains("Installation failed | The application folder " + parent.path()
+                                   + " can be changed by other users"),
+                     qPrintable(said));
+            QVERIFY(!m_asked.contains("/dl/viewer-3.0.zip"));
+        } else {
+            QVERIFY2(said.contains("Restart required"), qPrintable(said));
+        }
+        chmod(QFile::encodeName(parent.path()).constData(), 0700);
     }
 };
 

@@ -146,10 +146,11 @@ public:
     }
     QString secretKeyFile() const { return m_sec; }
     QString publicKeyFile() const { return m_pub; }
-    /// Writes `file`.minisig (or `signature`), pre-hashed or in the legacy form.
+    /// Writes `file`.minisig (or `signature`), pre-hashed or in the legacy form, with minisign's
+    /// own trusted comment, which names the file ("file:list.xml").
     bool sign(const QString &file, bool legacy = false, const QString &signature = QString()) const
     {
-        QStringList args {"-S", "-s", m_sec, "-m", file, "-t", "signed for the tests"};
+        QStringList args {"-S", "-s", m_sec, "-m", file};
         if (legacy)
             args << "-l";
         if (!signature.isEmpty())

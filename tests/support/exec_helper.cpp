@@ -3,6 +3,7 @@
 //   exec_helper host
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
+//   exec_helper completeInstall <catalogue URL> <trusted key>   (check, Install, Restart now)
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
 
@@ -14,6 +15,7 @@
 #include <QApplication>
 #include <QFileDialog>
 #include <QMessageBox>
+#include <QSettings>
 #include <QStandardPaths>
 #include <QTimer>
 
@@ -65,6 +67,44 @@ int main(int argc, char **argv)
         }
         return 3;
     }
-    std::fprintf(stderr, "usage: exec_helper startUpdate|runZipInstaller ...\n");
+    if (args.value(1) == u"completeInstall" && args.size() == 4) {
+        // A host of version 2.9 that installs what its signed catalogue offers, answering every
+        // box (printed) with Proceed, Restart now or OK. Exit 5 after an "Installation failed"
+        // box; "Restart now" replaces the process with the updater.
+        QStandardPaths::setTestModeEnabled(true);
+        QCoreApplication::setOrganizationName("SucTestHelper");
+        QCoreApplication::setApplicationName("Viewer");
+        qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::CompleteInstall);
+        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9"), args.at(2), nullptr);
+        client.setTrustedKeys({args.at(3)});
+        client.setInteractive(false);
+        QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
+        auto *answer = new QTimer(&app);
+        QObject::connect(answer, &QTimer::timeout, [] {
+            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+            if (!box)
+                return;
+            std::printf("box: %s | %s\n", qPrintable(box->windowTitle()), qPrintable(box->text()));
+            std::fflush(stdout);
+            if (box->windowTitle() == u"Installation failed")
+                QTimer::singleShot(0, [] { QCoreApplication::exit(5); });
+            for (QAbstractButton *b : box->buttons()) {
+                if (b->text() == u"Proceed" || b->text() == u"Restart now" || b->text() == u"OK") {
+                    b->click();
+                    return;
+                }
+            }
+        });
+        answer->start(20);
+        QObject::connect(&client, &qv::SoftwareUpdateClient::updatesAvailable, &client, [&client] {
+            QMetaObject::invokeMethod(&client, "installPackage", Qt::QueuedConnection,
+                                      Q_ARG(int, 0));
+        });
+        client.checkForUpdate(0);
+        QTimer::singleShot(30000, [] { QCoreApplication::exit(3); });
+        return app.exec();
+    }
+    std::fprintf(stderr, "usage: exec_helper startUpdate|runZipInstaller|completeInstall ...\n");
     return 2;
 }
