@@ -405,6 +405,9 @@ private Q_SLOTS:
             << QList<int> {10} << "V 1 |";
         QTest::newRow("lint of an endless answer")
             << QStringList {"lint", "URL"} << QList<int> {1} << "larger than 33554432 bytes";
+        QTest::newRow("offer of an endless answer")
+            << QStringList {"offer", "--server", "URL", "--app", "V", "--version", "0.1"}
+            << QList<int> {1} << "larger than 33554432 bytes";
         QTest::newRow("add a file name with a control character")
             << (QStringList(add) << "@/bad\x01name.zip") << QList<int> {2} << "control character";
         QTest::newRow("add a file name with # and a blank")

@@ -437,13 +437,25 @@ private Q_SLOTS:
     void downloads_data()
     {
         QTest::addColumn<bool>("tampered");
-        QTest::newRow("the published package") << false;
-        QTest::newRow("one byte changed in the package") << true;
+        QTest::addColumn<bool>("ownPort"); // the package URL names a port other than 80
+        QTest::newRow("the published package") << false << false;
+        QTest::newRow("one byte changed in the package") << true << false;
+        QTest::newRow("from the port the package URL names") << false << true;
     }
     void downloads()
     {
         QFETCH(bool, tampered);
-        publish(catalogue(7, future()), m_signer.data());
+        QFETCH(bool, ownPort);
+        // With trusted keys a package comes from its URL's own port (integrity is by hash).
+        TestHttpServer other([this](const TestHttpServer::Request &r) {
+            m_asked << "other:" + r.target;
+            return Response::ok(m_package);
+        });
+        QVERIFY(other.listen(QHostAddress::LocalHost));
+        QByteArray xml = catalogue(7, future());
+        if (ownPort)
+            xml.replace("http://127.0.0.1/dl/", other.url("/dl/"));
+        publish(xml, m_signer.data());
         if (tampered)
             m_files["/dl/viewer-3.0.tar.gz"] = QByteArray(m_package).replace(100, 1, "X");
         const QString tmp = QDir::tempPath();
@@ -451,7 +463,8 @@ private Q_SLOTS:
         BoxAnswerer answerer({"Proceed", "OK"});
         QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
         Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
-        QTRY_VERIFY(m_asked.contains("/dl/viewer-3.0.tar.gz"));
+        QTRY_VERIFY(
+            m_asked.contains(ownPort ? "other:/dl/viewer-3.0.tar.gz" : "/dl/viewer-3.0.tar.gz"));
         // Done: the error box was answered and the folder removed, or the verified file is kept.
         QTRY_VERIFY_WITH_TIMEOUT(tampered ? answerer.seen.size() == 2 && filesBelow(tmp).isEmpty()
                                           : installing.size() == 1,
