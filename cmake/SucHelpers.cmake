@@ -20,6 +20,9 @@ function(suc_add_test name)
   target_compile_definitions(${name} PRIVATE QT_FORCE_ASSERTS
     SUC_TEST_DATA_DIR="${CMAKE_CURRENT_SOURCE_DIR}/data")
   target_link_libraries(${name} PRIVATE Qt6::Test ${ARG_LIBS})
+  if(TARGET SucTestSupport)
+    target_link_libraries(${name} PRIVATE SucTestSupport)
+  endif()
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES ENVIRONMENT
     "QT_QPA_PLATFORM=offscreen;QT_FORCE_ASSERTS=1;${SUC_TEST_ENV};${ARG_ENV}")

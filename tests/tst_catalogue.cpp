@@ -1,4 +1,5 @@
 #include <DownloadManager.h>
+#include <TestSupport.h>
 #include <qv/LogQt.h>
 
 #include <QBuffer>
@@ -98,85 +99,7 @@ class TestCatalogue : public QObject {
 private Q_SLOTS:
     void initTestCase() { qv::LogQt::setLevel(qv::Log::Warning); }
 
-    void inheritanceAndPrecedence_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<int>("index");
-        QTest::addColumn<QString>("fieldName");
-        QTest::addColumn<QString>("expected");
-        const QString inh = "inheritance.xml";
-        QTest::newRow("root packages come first") << inh << 0 << "type"
-                                                  << "Tool";
-        QTest::newRow("empty base-url on package wins") << inh << 0 << "url"
-                                                        << "http://other.example.test/tool.tar.gz";
-        QTest::newRow("root attribute inherited") << inh << 0 << "status"
-                                                  << "ROOT";
-        QTest::newRow("unreadable size is 0") << inh << 0 << "fileSize"
-                                              << "0";
-        QTest::newRow("unreadable date is null") << inh << 0 << "releaseDate"
-                                                 << "";
-        QTest::newRow("note without language is en") << inh << 0 << "releaseNotes"
-                                                     << "en=http://dl.example.test/notes/tool.html";
-        QTest::newRow("element wins over attribute") << inh << 1 << "name"
-                                                     << "element-name";
-        QTest::newRow("package element over set attribute") << inh << 1 << "status"
-                                                            << "PKG";
-        QTest::newRow("set element inherited") << inh << 1 << "publicName"
-                                               << "Camera Viewer";
-        QTest::newRow("platforms accumulate") << inh << 1 << "platforms"
-                                              << "any linux linux-x86_64 win32";
-        QTest::newRow("base url joined without separator")
-            << inh << 1 << "url"
-            << "http://dl.example.test/viewer/2.1/setup.exe";
-        QTest::newRow("size in MB") << inh << 1 << "fileSize"
-                                    << "12582912";
-        QTest::newRow("date with time") << inh << 1 << "releaseDate"
-                                        << "2011-04-05T13:45:00";
-        QTest::newRow("release from package element") << inh << 1 << "release"
-                                                      << "2.1";
-        QTest::newRow("set note takes set language")
-            << inh << 1 << "releaseNotes"
-            << "de=http://dl.example.test/notes/set-en.html";
-        QTest::newRow("suffix exe") << inh << 1 << "suffix"
-                                    << "exe";
-        QTest::newRow("file element wins over all") << inh << 2 << "status"
-                                                    << "FILE";
-        QTest::newRow("date only is midnight") << inh << 2 << "releaseDate"
-                                               << "2011-05-01T00:00:00";
-        QTest::newRow("size truncated before scaling") << inh << 2 << "fileSize"
-                                                       << "1048576";
-        QTest::newRow("translated urls in insertion order")
-            << inh << 2 << "releaseNotes"
-            << "de=http://dl.example.test/notes/set-en.html "
-               "de=http://dl.example.test/notes/pkg-de.html "
-               "fr=http://dl.example.test/notes/fr.html";
-        QTest::newRow("outer level wins a lookup") << inh << 2 << "releaseNotes(de)"
-                                                   << "http://dl.example.test/notes/set-en.html";
-        QTest::newRow("readme url is not its text") << inh << 2 << "readme"
-                                                    << "de=";
-        QTest::newRow("missing release stays empty") << inh << 2 << "release"
-                                                     << "";
-        QTest::newRow("empty element is a definition") << inh << 3 << "status"
-                                                       << "";
-        QTest::newRow("hash inherited from the set") << inh << 1 << "sha256" << QString(64, 'a');
-        QTest::newRow("hash element, trimmed and lower case")
-            << inh << 2 << "sha256" << QString("b0").repeated(32);
-        QTest::newRow("text kept as it stands") << inh << 3 << "comment"
-                                                << "  spaced comment  ";
-        QTest::newRow("no url gives the base url") << inh << 3 << "url"
-                                                   << "http://dl.example.test/";
-        QTest::newRow("language word list") << inh << 3 << "languages"
-                                            << "de";
-        QTest::newRow("realistic: set comment attribute") << "realistic.xml" << 0 << "comment"
-                                                          << "Viewer for network cameras";
-        QTest::newRow("realistic: languages from set element")
-            << "realistic.xml" << 0 << "languages"
-            << "de en fr";
-        QTest::newRow("realistic: firmware platform") << "realistic.xml" << 7 << "platforms"
-                                                      << "M1004";
-        QTest::newRow("realistic: firmware name from inner set") << "realistic.xml" << 7 << "name"
-                                                                 << "M1004 Firmware";
-    }
+    void inheritanceAndPrecedence_data() { suc::test::addRows("catalogue-fields"); }
     void inheritanceAndPrecedence()
     {
         QFETCH(QString, file);

@@ -225,11 +225,7 @@ private Q_SLOTS:
     // A receiver may delete the manager in the slot that hears the outcome.
     void managerDeletedByItsReceiver_data()
     {
-        QTest::addColumn<QString>("signal");
-        QTest::newRow("download success") << "success";
-        QTest::newRow("download failure") << "failure";
-        QTest::newRow("package found") << "found";
-        QTest::newRow("no package found") << "none";
+        suc::test::addRows("downloadmanager-manager-deleted-by-its-receiver");
     }
     void managerDeletedByItsReceiver()
     {

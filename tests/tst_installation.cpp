@@ -230,17 +230,7 @@ private Q_SLOTS:
         QVERIFY_THROWS_EXCEPTION(qv::IOException, broken.fileList());
     }
 
-    void defaultExecutable_data()
-    {
-        QTest::addColumn<QStringList>("files"); // "name:size:x" with x for executable
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("program in bin")
-            << QStringList {"readme.txt:10:", "bin/viewer:100:x"} << "bin/viewer";
-        QTest::newRow("larger program wins")
-            << QStringList {"small:10:x", "large:500:x", "bin/other:900:x"} << "large";
-        QTest::newRow("no program") << QStringList {"readme.txt:10:", "lib/data:5:"} << "";
-        QTest::newRow("empty folder") << QStringList {} << "";
-    }
+    void defaultExecutable_data() { suc::test::addRows("installation-default-executable"); }
     void defaultExecutable()
     {
         QFETCH(QStringList, files);

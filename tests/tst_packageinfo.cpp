@@ -1,4 +1,5 @@
 #include <PackageInfo.h>
+#include <TestSupport.h>
 
 #include <QtTest>
 
@@ -73,27 +74,7 @@ private Q_SLOTS:
         QTEST(p.timeToString(Qt::ISODate), "text");
     }
 
-    void translatedUrl_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<QString>("fallback");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("full locale key") << "de_CH"
-                                         << "en_US"
-                                         << "http://h/ch";
-        QTest::newRow("two-letter language") << "de_DE"
-                                             << "en_US"
-                                             << "http://h/de";
-        QTest::newRow("full fallback") << "fr_FR"
-                                       << "en_US"
-                                       << "http://h/us";
-        QTest::newRow("two-letter fallback") << "fr_FR"
-                                             << "en_GB"
-                                             << "http://h/en-newest";
-        QTest::newRow("nothing matches") << "fr_FR"
-                                         << "it_IT"
-                                         << "";
-    }
+    void translatedUrl_data() { suc::test::addRows("packageinfo-translated-url"); }
     void translatedUrl()
     {
         QFETCH(QString, language);
@@ -115,41 +96,7 @@ private Q_SLOTS:
         QVERIFY(PackageInfo::translatedUrl(UrlMap(), language, fallback).isEmpty());
     }
 
-    void displayTexts_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("publicName");
-        QTest::addColumn<QString>("release");
-        QTest::addColumn<QString>("publicRelease");
-        QTest::addColumn<bool>("usePublic");
-        QTest::addColumn<QString>("shownName");
-        QTest::addColumn<QString>("shownRelease");
-        QTest::newRow("public wanted and present") << "n"
-                                                   << "Pub"
-                                                   << "2.1"
-                                                   << "2.1 SP1" << true << "Pub"
-                                                   << "2.1 SP1";
-        QTest::newRow("public wanted but empty") << "n"
-                                                 << ""
-                                                 << "2.1"
-                                                 << "" << true << "n"
-                                                 << "2.1";
-        QTest::newRow("internal wanted") << "n"
-                                         << "Pub"
-                                         << "2.1"
-                                         << "2.1 SP1" << false << "n"
-                                         << "2.1";
-        QTest::newRow("no release falls to public") << "n"
-                                                    << ""
-                                                    << ""
-                                                    << "2 SP" << false << "n"
-                                                    << "2 SP";
-        QTest::newRow("unreadable release") << "n"
-                                            << ""
-                                            << "beta"
-                                            << "" << false << "n"
-                                            << "?";
-    }
+    void displayTexts_data() { suc::test::addRows("packageinfo-display-texts"); }
     void displayTexts()
     {
         QFETCH(bool, usePublic);
@@ -168,17 +115,7 @@ private Q_SLOTS:
 
     void textOrderVersusStatusOrder_data()
     {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<int>("versionSign");
-        QTest::newRow("10 sorts before 9") << "10"
-                                           << "9" << -1;
-        QTest::newRow("2.10 sorts before 2.9") << "2.10"
-                                               << "2.9" << -1;
-        QTest::newRow("equal") << "2.1"
-                               << "2.1" << 0;
-        QTest::newRow("case-sensitive") << "BETA"
-                                        << "beta" << -1;
+        suc::test::addRows("packageinfo-text-order-versus-status-order");
     }
     void textOrderVersusStatusOrder()
     {

@@ -40,32 +40,7 @@ class TestPlatform : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void versionCompare_data()
-    {
-        QTest::addColumn<QString>("a");
-        QTest::addColumn<QString>("b");
-        QTest::addColumn<int>("order");
-        QTest::newRow("2.10 after 2.9") << "2.10"
-                                        << "2.9" << 1;
-        QTest::newRow("2.9.1 after 2.9") << "2.9.1"
-                                         << "2.9" << 1;
-        QTest::newRow("missing parts are zero") << "2.1"
-                                                << "2.1.0" << 0;
-        QTest::newRow("leading zeros") << "02.01"
-                                       << "2.1" << 0;
-        QTest::newRow("suffix text ignored") << "2.9-beta"
-                                             << "2.9" << 0;
-        QTest::newRow("letters end a part") << "3.10b"
-                                            << "3.9" << 1;
-        QTest::newRow("junk equals zero") << "junk"
-                                          << "0" << 0;
-        QTest::newRow("empty equals zero") << ""
-                                           << "0.0" << 0;
-        QTest::newRow("huge part saturates") << "99999999999999999999999"
-                                             << "18446744073709551615" << 0;
-        QTest::newRow("older major") << "1.99.99"
-                                     << "2" << -1;
-    }
+    void versionCompare_data() { suc::test::addRows("platform-version-compare"); }
     void versionCompare()
     {
         QFETCH(QString, a);
@@ -79,27 +54,7 @@ private Q_SLOTS:
         QCOMPARE(va <= vb, order <= 0);
     }
 
-    void versionText_data()
-    {
-        QTest::addColumn<QString>("input");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("shortText");
-        QTest::newRow("four parts") << "3.2.0.0"
-                                    << "3.2.0.0"
-                                    << "3.2";
-        QTest::newRow("keeps non-zero tail") << "3.2.1.0"
-                                             << "3.2.1.0"
-                                             << "3.2.1";
-        QTest::newRow("two parts stay") << "3.0"
-                                        << "3.0"
-                                        << "3.0";
-        QTest::newRow("default prints zero") << ""
-                                             << "0"
-                                             << "0";
-        QTest::newRow("normalised") << "007.08x.9"
-                                    << "7.8.9"
-                                    << "7.8.9";
-    }
+    void versionText_data() { suc::test::addRows("platform-version-text"); }
     void versionText()
     {
         QFETCH(QString, input);
@@ -109,23 +64,7 @@ private Q_SLOTS:
         QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
     }
 
-    void intersections_data()
-    {
-        QTest::addColumn<QStringList>("a");
-        QTest::addColumn<QStringList>("b");
-        QTest::addColumn<bool>("onBeginning");
-        QTest::addColumn<bool>("shared");
-        QTest::newRow("equal word")
-            << QStringList {"linux"} << QStringList {"linux"} << true << true;
-        QTest::newRow("filter is prefix")
-            << QStringList {"linux"} << QStringList {"linux-x86_64"} << true << false;
-        QTest::newRow("package is prefix")
-            << QStringList {"win32-x64"} << QStringList {"win32"} << true << false;
-        QTest::newRow("disjoint") << QStringList {"mac"} << QStringList {"linux"} << false << false;
-        QTest::newRow("case matters")
-            << QStringList {"Linux"} << QStringList {"linux"} << false << false;
-        QTest::newRow("empty side") << QStringList {} << QStringList {"linux"} << false << false;
-    }
+    void intersections_data() { suc::test::addRows("platform-intersections"); }
     void intersections()
     {
         QFETCH(QStringList, a);
@@ -136,22 +75,7 @@ private Q_SLOTS:
         QTEST(qv::StringUtils::intersectsWith(sa, sb), "shared");
     }
 
-    void preferencesFallBack_data()
-    {
-        QTest::addColumn<QString>("iniLine");
-        QTest::addColumn<bool>("boolResult");
-        QTest::addColumn<int>("intResult");
-        QTest::addColumn<bool>("dateValid");
-        QTest::newRow("absent") << "" << true << 7 << false;
-        QTest::newRow("junk text") << "v=junk" << true << 7 << false;
-        QTest::newRow("false word") << "v=false" << false << 7 << false;
-        QTest::newRow("zero") << "v=0" << false << 0 << false;
-        QTest::newRow("number") << "v=42" << true << 42 << false;
-        QTest::newRow("string list") << "v=a,b" << true << 7 << false;
-        QTest::newRow("iso date") << "v=2024-02-29T10:00:00.000" << true << 7 << true;
-        QTest::newRow("broken date") << "v=2024-02-30T10:00:00" << true << 7 << false;
-        QTest::newRow("binary junk") << "v=@ByteArray(\\0\\x1\\xff)" << true << 7 << false;
-    }
+    void preferencesFallBack_data() { suc::test::addRows("platform-preferences-fall-back"); }
     void preferencesFallBack()
     {
         QFETCH(QString, iniLine);
@@ -307,11 +231,7 @@ private Q_SLOTS:
     // Reading never blocks on a FIFO and never takes more than it was allowed.
     void readBytesRefusesWhatCannotBeAFile_data()
     {
-        QTest::addColumn<QString>("kind");
-        QTest::newRow("FIFO") << "fifo";
-        QTest::newRow("folder") << "folder";
-        QTest::newRow("over the limit") << "large";
-        QTest::newRow("missing") << "missing";
+        suc::test::addRows("platform-read-bytes-refuses-what-cannot-be-a-file");
     }
     void readBytesRefusesWhatCannotBeAFile()
     {

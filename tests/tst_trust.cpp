@@ -384,16 +384,7 @@ private Q_SLOTS:
     // With keys, the manager's kept copy of the last answer is offered only while it verifies:
     // not one kept before keys were set, not one that has expired since, not one without its
     // signature.
-    void cachedOffers_data()
-    {
-        QTest::addColumn<QString>("variant");
-        QTest::addColumn<int>("offered");
-        QTest::newRow("verified and kept with its signature") << "verified" << 1;
-        QTest::newRow("kept before keys were set") << "unsigned" << 0;
-        QTest::newRow("expired since it was kept (2001)") << "expired" << 0;
-        QTest::newRow("its signature removed") << "no signature" << 0;
-        QTest::newRow("a signature of another feed") << "other feed" << 0;
-    }
+    void cachedOffers_data() { suc::test::addRows("trust-cached-offers"); }
     void cachedOffers()
     {
         QFETCH(QString, variant);

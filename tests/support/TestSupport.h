@@ -6,6 +6,9 @@
 #include <QApplication>
 #include <QDirIterator>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMessageBox>
 #include <QMutex>
 #include <QProcess>
@@ -23,6 +26,51 @@ inline QByteArray testData(const QString &name)
 {
     QFile f(QStringLiteral(SUC_TEST_DATA_DIR "/") + name);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+/// Adds the columns and rows of the table tests/data/tables/`name`.json to the running _data()
+/// function: {"columns": [["name", "type"], ...], "rows": [["row tag", value, ...], ...]}, with
+/// the types QString, QByteArray, int, bool and QStringList (a JSON array of strings). A table
+/// that cannot be read fails the test.
+inline void addRows(const QString &name)
+{
+    const QByteArray text = testData("tables/" + name + ".json");
+    QJsonParseError error;
+    const QJsonObject table = QJsonDocument::fromJson(text, &error).object();
+    if (table.isEmpty())
+        QFAIL(qPrintable("tests/data/tables/" + name + ".json: " + error.errorString()));
+    QList<int> types;
+    // Qt Test keeps the column names' pointers: they must outlive the table.
+    static QList<QByteArray> names;
+    for (const QJsonValue &column : table.value("columns").toArray()) {
+        const QJsonArray pair = column.toArray();
+        types << QMetaType::fromName(pair.at(1).toString().toLatin1()).id();
+        names << pair.at(0).toString().toLatin1();
+        QTest::addColumnInternal(types.last(), names.last().constData());
+    }
+    for (const QJsonValue &rowValue : table.value("rows").toArray()) {
+        const QJsonArray row = rowValue.toArray();
+        QTestData &data = QTest::newRow(qPrintable(row.at(0).toString()));
+        for (int i = 0; i < types.size(); ++i) {
+            const QJsonValue v = row.at(i + 1);
+            if (types.at(i) == QMetaType::QString) {
+                const QString value = v.toString();
+                data.append(types.at(i), &value);
+            } else if (types.at(i) == QMetaType::QByteArray) {
+                const QByteArray value = v.toString().toUtf8();
+                data.append(types.at(i), &value);
+            } else if (types.at(i) == QMetaType::Int) {
+                const int value = v.toInt();
+                data.append(types.at(i), &value);
+            } else if (types.at(i) == QMetaType::Bool) {
+                const bool value = v.toBool();
+                data.append(types.at(i), &value);
+            } else {
+                const QStringList value = v.toVariant().toStringList();
+                data.append(types.at(i), &value);
+            }
+        }
+    }
 }
 
 /// The visible top-level dialog of type T, or null.
