@@ -10,6 +10,9 @@ SoftwareUpdateDialog::SoftwareUpdateDialog(QWidget *parent, Qt::WindowFlags flag
     : QDialog(parent, flags), ui(new Ui_SoftwareUpdateDialogGui)
 {
     ui->setupUi(this);
+    // The line shows server answers (an error text names the URL, which a redirect chose): text,
+    // never markup that could load an image.
+    ui->updateNotificationLabel->setTextFormat(Qt::PlainText);
     if (QApplication::keyboardModifiers() == Qt::NoModifier) {
         ui->checkForBetaCheckBox->hide();
         ui->updateServerLabel->hide();

@@ -349,6 +349,12 @@ private Q_SLOTS:
         dialog.show();
         QVERIFY(QTest::qWaitForWindowExposed(&dialog));
         QCOMPARE(comment->toPlainText().right(1), QString("x"));
+        // The settings dialog's line shows server errors, which name URLs a redirect chose.
+        SoftwareUpdateDialog settings(nullptr, {});
+        settings.setNotificationText("Error transferring http://h/<img src=\"" + fifo + "\">");
+        settings.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&settings));
+        QCOMPARE(child<QLabel>(&settings, "updateNotificationLabel")->textFormat(), Qt::PlainText);
 
         m_opened.clear();
         for (const char *scheme : {"http", "https", "file", "smb"})
