@@ -122,11 +122,7 @@ private Q_SLOTS:
     // DOM gives, package by package.
     void parseAgreesWithTheDomWalk_data()
     {
-        QTest::addColumn<QString>("file");
-        QTest::newRow("inheritance") << "inheritance.xml";
-        QTest::newRow("nested") << "nested.xml";
-        QTest::newRow("realistic") << "realistic.xml";
-        QTest::newRow("corner cases") << "corners.xml";
+        suc::test::addRows("catalogue-parse-agrees-with-the-dom-walk");
     }
     void parseAgreesWithTheDomWalk()
     {
@@ -183,24 +179,7 @@ private Q_SLOTS:
         }
     }
 
-    void fileSizes_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<qint64>("bytes");
-        QTest::newRow("plain bytes") << "2048" << qint64(2048);
-        QTest::newRow("kB") << "4kB" << qint64(4096);
-        QTest::newRow("KB any case") << "4KB" << qint64(4096);
-        QTest::newRow("1.5MB truncated") << "1.5MB" << qint64(1048576);
-        QTest::newRow("12.9mb") << "12.9mb" << qint64(12582912);
-        QTest::newRow("spaces around the number") << " 3 MB" << qint64(3145728);
-        QTest::newRow("junk") << "abc" << qint64(0);
-        QTest::newRow("junk MB") << "xMB" << qint64(0);
-        QTest::newRow("negative MB") << "-5MB" << qint64(0);
-        QTest::newRow("negative bytes") << "-5" << qint64(0);
-        QTest::newRow("gigabytes not known") << "2GB" << qint64(0);
-        QTest::newRow("empty") << "" << qint64(0);
-        QTest::newRow("huge MB wraps, no crash") << "1e300MB" << qint64(-1048576);
-    }
+    void fileSizes_data() { suc::test::addRows("catalogue-file-sizes"); }
     void fileSizes()
     {
         QFETCH(QString, text);
@@ -228,32 +207,7 @@ private Q_SLOTS:
             QCOMPARE(got, expected);
     }
 
-    void suffixes_data()
-    {
-        QTest::addColumn<QString>("url");
-        QTest::addColumn<QString>("suffix");
-        QTest::addColumn<bool>("warned");
-        QTest::newRow("exe") << "http://h/setup.exe"
-                             << "exe" << false;
-        QTest::newRow("tar.gz") << "http://h/pkg.tar.gz"
-                                << "tar.gz" << false;
-        QTest::newRow("tar.bz2") << "http://h/pkg.tar.bz2"
-                                 << "tar.bz2" << false;
-        QTest::newRow("mpkg.zip") << "http://h/Tool.mpkg.zip"
-                                  << "mpkg" << false;
-        QTest::newRow("zip") << "http://h/a.zip"
-                             << "zip" << false;
-        QTest::newRow("upper case stays") << "http://h/A.TAR.GZ"
-                                          << "GZ" << true;
-        QTest::newRow("gz alone") << "http://h/file.gz"
-                                  << "gz" << true;
-        QTest::newRow("long") << "http://h/archive.jpeg2000"
-                              << "jpeg2000" << true;
-        QTest::newRow("no dot in file") << "http://host.example.test/download"
-                                        << "test/download" << true;
-        QTest::newRow("trailing dots skipped") << "http://h/a.zip.."
-                                               << "zip" << false;
-    }
+    void suffixes_data() { suc::test::addRows("catalogue-suffixes"); }
     void suffixes()
     {
         QFETCH(QString, url);
@@ -319,50 +273,7 @@ private Q_SLOTS:
 
     // Selection on the realistic catalogue.
 
-    void candidates_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("release");
-        QTest::addColumn<QString>("status");
-        QTest::addColumn<QStringList>("platforms");
-        QTest::addColumn<QStringList>("suffixes");
-        QTest::addColumn<QStringList>("expected"); // url file names
-        QTest::newRow("numeric order keeps 2.10 over 2.9.1")
-            << "Viewer"
-            << "2.9"
-            << "STABLE" << QStringList {"linux"} << QStringList {}
-            << QStringList {"Viewer-linux.zip", "Viewer-linux.deb"};
-        QTest::newRow("wanted suffixes")
-            << "Viewer"
-            << "2.9"
-            << "STABLE" << QStringList {"linux"} << QStringList {"tar.gz", "deb"}
-            << QStringList {"Viewer-linux.deb"};
-        QTest::newRow("suffix case matters")
-            << "Viewer"
-            << "2.9"
-            << "STABLE" << QStringList {"linux"} << QStringList {"ZIP"} << QStringList {};
-        QTest::newRow("any status takes the beta")
-            << "Viewer"
-            << "2.9"
-            << "" << QStringList {"win32"} << QStringList {} << QStringList {"ViewerSetup.exe"};
-        QTest::newRow("up to date")
-            << "Viewer"
-            << "2.10"
-            << "STABLE" << QStringList {"win32"} << QStringList {} << QStringList {};
-        QTest::newRow("name must match exactly")
-            << "viewer"
-            << "1.0"
-            << "STABLE" << QStringList {} << QStringList {} << QStringList {};
-        QTest::newRow("camera model as platform")
-            << ""
-            << "5.2.1"
-            << "STABLE" << QStringList {"M1004"} << QStringList {}
-            << QStringList {"M1004-de_en.bin", "M1004-fr.bin"};
-        QTest::newRow("model prefix matches") << ""
-                                              << "5.0"
-                                              << "" << QStringList {"Q6034"} << QStringList {}
-                                              << QStringList {"Q6034-de_en.bin", "Q6034-ja.bin"};
-    }
+    void candidates_data() { suc::test::addRows("catalogue-candidates"); }
     void candidates()
     {
         QFETCH(QString, name);
@@ -453,35 +364,7 @@ private Q_SLOTS:
         QTEST(files, "expected");
     }
 
-    void betterMatchRules_data()
-    {
-        QTest::addColumn<QString>("releaseA");
-        QTest::addColumn<QString>("statusA");
-        QTest::addColumn<int>("dayA");
-        QTest::addColumn<QString>("releaseB");
-        QTest::addColumn<QString>("statusB");
-        QTest::addColumn<int>("dayB");
-        QTest::addColumn<QString>("winner");
-        QTest::newRow("higher release") << "1.2"
-                                        << "STABLE" << 1 << "1.3"
-                                        << "STABLE" << 1 << "B";
-        QTest::newRow("higher release kept against a later one") << "1.3"
-                                                                 << "STABLE" << 1 << "1.2"
-                                                                 << "STABLE" << 1 << "A";
-        // The comparison goes on past a lower release: status, then date, may still win.
-        QTest::newRow("lower release, better status") << "1.3"
-                                                      << "STABLE" << 1 << "1.2"
-                                                      << "BETA" << 1 << "B";
-        QTest::newRow("lower release, later date") << "1.3"
-                                                   << "STABLE" << 1 << "1.2"
-                                                   << "STABLE" << 9 << "B";
-        QTest::newRow("later date") << "1.2"
-                                    << "STABLE" << 1 << "1.2"
-                                    << "STABLE" << 5 << "B";
-        QTest::newRow("all equal keeps the first") << "1.2"
-                                                   << "STABLE" << 3 << "1.2"
-                                                   << "STABLE" << 3 << "A";
-    }
+    void betterMatchRules_data() { suc::test::addRows("catalogue-better-match-rules"); }
     void betterMatchRules()
     {
         QFETCH(QString, releaseA);
@@ -501,18 +384,7 @@ private Q_SLOTS:
         QTEST(best.first().comment, "winner");
     }
 
-    void matchesFilter_data()
-    {
-        QTest::addColumn<QStringList>("languages");
-        QTest::addColumn<QString>("status");
-        QTest::addColumn<bool>("matches");
-        QTest::newRow("shares an excluded language")
-            << QStringList {"de", "en"} << "STABLE" << false;
-        QTest::newRow("other language") << QStringList {"fr"} << "STABLE" << true;
-        QTest::newRow("no languages") << QStringList {} << "STABLE" << true;
-        QTest::newRow("beta admitted by stable filter") << QStringList {} << "BETA" << true;
-        QTest::newRow("status sorting after the filter's") << QStringList {} << "TESTING" << false;
-    }
+    void matchesFilter_data() { suc::test::addRows("catalogue-matches-filter"); }
     void matchesFilter()
     {
         QFETCH(QStringList, languages);

@@ -355,21 +355,7 @@ private Q_SLOTS:
         QVERIFY(!QApplication::activeModalWidget());
     }
 
-    void hourlyRhythm_data()
-    {
-        QTest::addColumn<int>("interval");
-        QTest::addColumn<int>("hoursAgo"); // -1: never checked
-        QTest::addColumn<bool>("fires");
-        QTest::newRow("at start: never by the timer") << 0 << 1000 << false;
-        QTest::newRow("daily, 25 hours") << 1 << 25 << true;
-        QTest::newRow("daily, 23 hours") << 1 << 23 << false;
-        QTest::newRow("daily, never checked") << 1 << -1 << true;
-        QTest::newRow("weekly, 8 days") << 2 << 8 * 24 << true;
-        QTest::newRow("weekly, 6 days") << 2 << 6 * 24 << false;
-        QTest::newRow("monthly, 32 days") << 3 << 32 * 24 << true;
-        QTest::newRow("monthly, 27 days") << 3 << 27 * 24 << false;
-        QTest::newRow("unknown interval") << 7 << 5000 << false;
-    }
+    void hourlyRhythm_data() { suc::test::addRows("client-hourly-rhythm"); }
     void hourlyRhythm()
     {
         QFETCH(int, interval);

@@ -1,4 +1,5 @@
 #include <SoftwareUpdateClient.h>
+#include <TestSupport.h>
 #include <qv/NodeDB.h>
 
 #include <QApplication>
@@ -135,20 +136,7 @@ private Q_SLOTS:
                  QString("M1004:5.2.1,P3301:4.10"));
     }
 
-    void storedCameraTexts_data()
-    {
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<QStringList>("models");
-        QTest::addColumn<QStringList>("versions");
-        QTest::newRow("second without version")
-            << "M1:1.2,M2:" << QStringList {"M1", "M2"} << QStringList {"1.2", "0"};
-        QTest::newRow("empty parts skipped")
-            << ",,M1:3,," << QStringList {"M1"} << QStringList {"3"};
-        QTest::newRow("no colon") << "M9" << QStringList {"M9"} << QStringList {"0"};
-        QTest::newRow("extra colons") << "M1:2.0:x" << QStringList {"M1"} << QStringList {"2.0"};
-        // The model is section 0 as it stands; the version skips empty sections.
-        QTest::newRow("no model") << ":1.0" << QStringList {""} << QStringList {""};
-    }
+    void storedCameraTexts_data() { suc::test::addRows("clientsettings-stored-camera-texts"); }
     void storedCameraTexts()
     {
         QFETCH(QString, stored);

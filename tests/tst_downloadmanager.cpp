@@ -581,15 +581,7 @@ private Q_SLOTS:
     // written through) fails like an unwritable one (a missing folder, a full disk).
     void targetsThatLeadElsewhereAreRefused_data()
     {
-        QTest::addColumn<QString>("target"); // "@" is the test folder
-        QTest::addColumn<bool>("refused"); // never opened, rather than unwritable
-        QTest::newRow("ends in /..") << "@/sub/.." << true;
-        QTest::newRow("ends in /.") << "@/sub/." << true;
-        QTest::newRow("a .. section") << "@/sub/../x.zip" << true;
-        QTest::newRow("ends in /") << "@/sub/" << true;
-        QTest::newRow("a link to a file outside") << "@/sub/link.zip" << true;
-        QTest::newRow("missing folder") << "/nonexistent-folder-for-tests/x.zip" << false;
-        QTest::newRow("full disk") << "/dev/full" << false;
+        suc::test::addRows("downloadmanager-targets-that-lead-elsewhere-are-refused");
     }
     void targetsThatLeadElsewhereAreRefused()
     {

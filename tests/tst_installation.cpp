@@ -243,15 +243,7 @@ private Q_SLOTS:
         QTEST(manager.findDefaultExecutable(QDir(dir.path())), "expected");
     }
 
-    void pendingInstallation_data()
-    {
-        QTest::addColumn<qint64>("onDisk"); // -1: no file
-        QTest::addColumn<bool>("ready");
-        QTest::newRow("announced size") << qint64(1000) << true;
-        QTest::newRow("one byte short") << qint64(999) << false;
-        QTest::newRow("one byte long") << qint64(1001) << false;
-        QTest::newRow("missing") << qint64(-1) << false;
-    }
+    void pendingInstallation_data() { suc::test::addRows("installation-pending-installation"); }
     void pendingInstallation()
     {
         QFETCH(qint64, onDisk);

@@ -351,32 +351,7 @@ private Q_SLOTS:
         QCOMPARE(packages.at(1).release, QString("2.11"));
     }
 
-    void refusals_data()
-    {
-        QTest::addColumn<QStringList>("args"); // "@" is the test folder
-        QTest::addColumn<int>("code");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("no command") << QStringList() << 2 << "usage";
-        QTest::newRow("add without --type")
-            << QStringList {"add", "@/c.xml", "@/p.zip", "--name", "V", "--release", "1"} << 2
-            << "--type";
-        QTest::newRow("add with another type")
-            << QStringList {"add",    "@/c.xml", "@/p.zip",   "--type", "Tool",
-                            "--name", "V",       "--release", "1"}
-            << 2 << "Camera Firmware";
-        QTest::newRow("add a missing file")
-            << QStringList {"add",    "@/c.xml", "@/none.zip", "--type", "Application",
-                            "--name", "V",       "--release",  "1"}
-            << 1 << "cannot read";
-        QTest::newRow("add to a catalogue with a DTD")
-            << QStringList {"add",    "@/dtd.xml", "@/p.zip",   "--type", "Application",
-                            "--name", "V",         "--release", "1"}
-            << 1 << "not a catalogue";
-        QTest::newRow("sign without a key") << QStringList {"sign", "@/c.xml"} << 2 << "--key";
-        QTest::newRow("verify with junk for a key")
-            << QStringList {"verify", "@/c.xml", "--key", "nonsense"} << 2
-            << "not a minisign public key";
-    }
+    void refusals_data() { suc::test::addRows("softupdate-refusals"); }
     void refusals()
     {
         QFETCH(QStringList, args);

@@ -1,3 +1,4 @@
+#include <TestSupport.h>
 #include <qv/UpdateState.h>
 
 #include <QProcess>
@@ -157,51 +158,7 @@ private Q_SLOTS:
 
     void refusesAndRestartsTheOldVersion_data()
     {
-        QTest::addColumn<QString>("newDir"); // "@" is replaced by the test folder
-        QTest::addColumn<QString>("exe");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("empty new folder") << ""
-                                          << "app"
-                                          << "-newDir is empty";
-        QTest::newRow("missing new folder") << "@/nothing"
-                                            << "app"
-                                            << "does not exist";
-        QTest::newRow("same folder") << "@/Viewer"
-                                     << "app"
-                                     << "are the same";
-        QTest::newRow("new folder holds the old one") << "@"
-                                                      << "app"
-                                                      << "lies inside the other";
-        QTest::newRow("new folder inside the old one") << "@/Viewer/lib"
-                                                       << "app"
-                                                       << "lies inside the other";
-        QTest::newRow("program missing in new folder") << "@/unpacked"
-                                                       << "viewer"
-                                                       << "has no program viewer";
-        QTest::newRow("program outside the folder") << "@/unpacked"
-                                                    << "../../../../bin/true"
-                                                    << "not a plain file name";
-        QTest::newRow("program ..") << "@/unpacked"
-                                    << ".."
-                                    << "not a plain file name";
-        QTest::newRow("new folder is the backup path") << "@/Viewer.update-backup"
-                                                       << "app"
-                                                       << "a path the updater uses itself";
-        QTest::newRow("new folder inside the staging path") << "@/Viewer.update-incoming/x"
-                                                            << "app"
-                                                            << "a path the updater uses itself";
-        QTest::newRow("new folder is a link") << "@/link-to-unpacked"
-                                              << "app"
-                                              << "is a symbolic link";
-        QTest::newRow("application folder is a link")
-            << "@/unpacked"
-            << "app"
-            << "is a symbolic link; name the folder itself";
-        // A FIFO in the new version once hung the cross-file-system copy forever, with the
-        // application moved aside.
-        QTest::newRow("new folder holds a FIFO") << "@/unpacked"
-                                                 << "app"
-                                                 << "not a file, folder or link";
+        suc::test::addRows("updateinstaller-refuses-and-restarts-the-old-version");
     }
     void refusesAndRestartsTheOldVersion()
     {

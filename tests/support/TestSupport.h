@@ -30,8 +30,8 @@ inline QByteArray testData(const QString &name)
 
 /// Adds the columns and rows of the table tests/data/tables/`name`.json to the running _data()
 /// function: {"columns": [["name", "type"], ...], "rows": [["row tag", value, ...], ...]}, with
-/// the types QString, QByteArray, int, bool and QStringList (a JSON array of strings). A table
-/// that cannot be read fails the test.
+/// the types QString, QByteArray, int, qint64, bool, QStringList and QList<int> (JSON arrays). A
+/// table that cannot be read fails the test.
 inline void addRows(const QString &name)
 {
     const QByteArray text = testData("tables/" + name + ".json");
@@ -61,6 +61,14 @@ inline void addRows(const QString &name)
                 data.append(types.at(i), &value);
             } else if (types.at(i) == QMetaType::Int) {
                 const int value = v.toInt();
+                data.append(types.at(i), &value);
+            } else if (types.at(i) == QMetaType::LongLong) {
+                const qint64 value = qint64(v.toDouble());
+                data.append(types.at(i), &value);
+            } else if (types.at(i) == QMetaType::fromType<QList<int>>().id()) {
+                QList<int> value;
+                for (const QJsonValue &n : v.toArray())
+                    value << n.toInt();
                 data.append(types.at(i), &value);
             } else if (types.at(i) == QMetaType::Bool) {
                 const bool value = v.toBool();
