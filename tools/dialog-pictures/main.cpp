@@ -30,6 +30,7 @@ int main(int argc, char **argv)
     QApplication app(argc, argv);
     QApplication::setStyle(QStringLiteral("Fusion"));
     const QDir out(argc > 1 ? QString::fromLocal8Bit(argv[1]) : QStringLiteral("docs"));
+    out.mkpath(QStringLiteral("."));
     bool ok = true;
 
     qv::SoftwareUpdateDialogSettings settings;
