@@ -16,6 +16,7 @@ class TestUpdateInstaller : public QObject {
 
     QTemporaryDir m_dir;
     QString m_marker;
+    bool m_noExchange = false;
 
     // `start` is what the program does after noting its start: "" confirms to the updater when
     // asked (as the client does), "fail" exits with 3, "quiet" exits without confirming, "hang"
@@ -82,6 +83,8 @@ class TestUpdateInstaller : public QObject {
                         const QByteArray &stopAfter = QByteArray())
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        if (m_noExchange) // a file system that cannot exchange two folders
+            env.insert("UPDATEINSTALLER_NO_EXCHANGE", "1");
         env.insert("SUC_MARKER", m_marker);
         env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
         if (!stopAfter.isEmpty())
@@ -289,6 +292,33 @@ private Q_SLOTS:
                  QFile::Permissions());
     }
 
+    // Killed while the new version was being checked, then run again: the version that stays is
+    // the confirmed new one, or else the old one, put back and started.
+    void resumedDuringTheCheck_data()
+    {
+        QTest::addColumn<QByteArray>("start");
+        QTest::addColumn<QString>("remains");
+        QTest::newRow("confirmed before the kill: the new one is kept") << QByteArray() << "v2";
+        QTest::newRow("unconfirmed: the old one is back") << QByteArray("hang") << "v1";
+    }
+    void resumedDuringTheCheck()
+    {
+        QFETCH(QByteArray, start);
+        QFETCH(QString, remains);
+        const QString app = m_dir.filePath("Viewer");
+        makeApp(app, "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
+        const QStringList args {"-oldDir", app,   "-newDir",        m_dir.filePath("unpacked"),
+                                "-exe",    "app", "-healthTimeout", "20"};
+        QCOMPARE(runInstaller(args, "start"), -1);
+        QTRY_VERIFY(started().contains("v2"));
+        if (remains == "v2")
+            QTRY_VERIFY(QFileInfo::exists(side(app, "health")));
+        QCOMPARE(runInstaller(args), remains == "v2" ? 0 : 1);
+        QCOMPARE(completeVersion(app), remains);
+        QTRY_COMPARE(started(), remains == "v2" ? QStringList {"v2"} : QStringList({"v2", "v1"}));
+    }
+
     // The new version's client confirms by itself: no host code is needed.
     void theClientConfirmsByItself()
     {
@@ -330,11 +360,11 @@ private Q_SLOTS:
         QTest::addColumn<bool>("acrossFileSystems");
         QTest::addColumn<QString>("stale");
         for (const char *stale :
-             {"clean", "health check", "stale backup", "stale journal of other arguments",
-              "backup linked outside", "concurrent run"}) {
+             {"clean", "no exchange", "health check", "stale backup",
+              "stale journal of other arguments", "backup linked outside", "concurrent run"}) {
             for (bool across : {false, true}) {
-                for (const char *step : {"", "journal", "backup", "copy", "move", "start",
-                                         "confirm", "discard", "cleanup"}) {
+                for (const char *step : {"", "journal", "copy", "stage", "exchange", "backup",
+                                         "move", "start", "confirm", "discard", "cleanup"}) {
                     if (QByteArray(step) == "confirm" && QByteArray(stale) != "health check")
                         continue;
                     if (QByteArray(step) == "copy" && !across)
@@ -356,6 +386,8 @@ private Q_SLOTS:
         QFETCH(QByteArray, step);
         QFETCH(bool, acrossFileSystems);
         QFETCH(QString, stale);
+        m_noExchange = stale == "no exchange";
+        const auto exchangeAgain = qScopeGuard([this] { m_noExchange = false; });
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         QScopedPointer<QTemporaryDir> other;
@@ -398,11 +430,22 @@ private Q_SLOTS:
             // Killed while the new version starts: it confirms by itself meanwhile.
             if (step == "start" && stale == "health check")
                 QTRY_VERIFY(started().contains("v2"));
+            // Right after the kill, with no further run, the application path holds a whole
+            // application: the old one until the exchange, the new one from then on (a first
+            // discard is of what an earlier run left, before anything moves).
+            const bool leftovers = stale.startsWith("stale") || stale == "backup linked outside";
+            const bool beforeExchange = step == "journal" || step == "copy" || step == "stage"
+                || (step == "discard" && leftovers);
+            // Without the exchange the old folder is set aside before the new one moves in: then
+            // the backup holds the whole old version.
+            if (m_noExchange && step == "backup" && killed == -1)
+                QCOMPARE(completeVersion(app + ".update-backup"), QString("v1"));
+            else
+                QVERIFY2(completeVersion(app) == (killed == -1 && beforeExchange ? "v1" : "v2"),
+                         qPrintable(QString("in place '%1'\n%2").arg(completeVersion(app), log())));
         }
-        const QString inPlace = completeVersion(app);
-        const QString backup = completeVersion(app + ".update-backup");
-        QVERIFY2(!inPlace.isEmpty() || backup == "v1",
-                 qPrintable(QString("in place '%1', backup '%2'\n%3").arg(inPlace, backup, log())));
+        QVERIFY2(m_noExchange || !completeVersion(app).isEmpty(), qPrintable(log()));
+
         if (QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir))
             QCOMPARE(runInstaller(args), 0);
 
@@ -423,6 +466,10 @@ private Q_SLOTS:
         // has finished restarts the application it finds, which is v2 then.
         if (stale != "concurrent run")
             QCOMPARE(started().count("v2"), 1);
+        if (step.isEmpty() && stale == "clean") // the exchange is what put it in place
+            QVERIFY2(log().contains("step done: exchange"), qPrintable(log()));
+        if (m_noExchange)
+            QVERIFY2(log().contains("cannot exchange"), qPrintable(log()));
     }
 };
 

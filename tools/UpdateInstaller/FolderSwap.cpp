@@ -17,10 +17,15 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <utility>
+
+#ifndef RENAME_EXCHANGE
+#define RENAME_EXCHANGE (1 << 1)
+#endif
 
 using namespace qv;
 
@@ -41,6 +46,36 @@ mode_t typeAt(const QString &path)
 bool isThere(const QString &path)
 {
     return typeAt(path) != 0;
+}
+
+// The identity of what is at `path` (device and inode): a folder keeps it through renames and
+// exchanges, so it tells afterwards where a folder went.
+QByteArray identityOf(const QString &path)
+{
+    struct stat st;
+    if (lstat(encoded(path).constData(), &st) != 0)
+        return QByteArray();
+    return QByteArray::number(qulonglong(st.st_dev)) + ':'
+        + QByteArray::number(qulonglong(st.st_ino));
+}
+
+dev_t deviceOf(const QString &path)
+{
+    struct stat st;
+    return lstat(encoded(path).constData(), &st) == 0 ? st.st_dev : dev_t(-1);
+}
+
+// Swaps two folders in one step: at no instant is either path empty. The test hook
+// UPDATEINSTALLER_NO_EXCHANGE stands for a file system that has no exchange.
+bool exchangeFolders(const QString &a, const QString &b)
+{
+    if (qEnvironmentVariableIsSet("UPDATEINSTALLER_NO_EXCHANGE")) {
+        errno = EINVAL;
+        return false;
+    }
+    return syscall(SYS_renameat2, AT_FDCWD, encoded(a).constData(), AT_FDCWD,
+                   encoded(b).constData(), RENAME_EXCHANGE)
+        == 0;
 }
 
 bool sameOrInside(const QString &path, const QString &folder)
@@ -251,10 +286,13 @@ FolderSwap::Journal FolderSwap::readJournal() const
     journal.state = state == u"launched" ? State::Launched
         : state == u"checking"           ? State::Checking
         : state == u"moved"              ? State::Moved
+        : state == u"staged"             ? State::Staged
                                          : State::Started;
     journal.options = {lines.value(1), lines.value(2), lines.value(3)};
     journal.pid = lines.value(4).toLongLong();
     journal.token = lines.value(5).toLatin1();
+    journal.staging = lines.value(6);
+    journal.stagedId = lines.value(7).toLatin1();
     return journal;
 }
 
@@ -263,10 +301,11 @@ bool FolderSwap::writeJournal(State state, qint64 pid, const QByteArray &token)
     const char *text = state == State::Launched ? "launched"
         : state == State::Checking              ? "checking"
         : state == State::Moved                 ? "moved"
+        : state == State::Staged                ? "staged"
                                                 : "started";
     const QByteArray content = QByteArray(text) + '\n' + m_options.oldDir.toUtf8() + '\n'
         + m_options.newDir.toUtf8() + '\n' + m_options.exe.toUtf8() + '\n' + QByteArray::number(pid)
-        + '\n' + token + '\n';
+        + '\n' + token + '\n' + m_staging.toUtf8() + '\n' + m_stagedId + '\n';
     return UpdateState::writePrivate(m_journal, content);
 }
 
@@ -324,7 +363,14 @@ void FolderSwap::rollBack(const QString &why)
 {
     say(QStringLiteral("rolling back: ") + why);
     discard(m_incoming);
-    if (isThere(m_backup)) {
+    if (isThere(m_backup) && isThere(m_options.oldDir)
+        && exchangeFolders(m_backup, m_options.oldDir)) {
+        // The same exchange the other way: the new version now stands at the backup path; it
+        // goes back to its own folder, or is dropped when its source is still there.
+        step("restore");
+        if (isThere(m_options.newDir) || !QDir().rename(m_backup, m_options.newDir))
+            discard(m_backup);
+    } else if (isThere(m_backup)) {
         if (isThere(m_options.oldDir)) {
             // The new version stands in the old place: give it back to its own folder, or drop
             // it when its source is still there.
@@ -348,6 +394,10 @@ void FolderSwap::settleEarlierUpdate(const Journal &earlier)
 {
     say(QStringLiteral("settling an earlier update that did not finish (new folder %1)")
             .arg(earlier.options.newDir));
+    if (earlier.state == State::Staged && !earlier.stagedId.isEmpty()
+        && identityOf(m_options.oldDir) == earlier.stagedId && isThere(earlier.staging)
+        && !isThere(m_backup) && exchangeFolders(earlier.staging, m_options.oldDir))
+        step("restore"); // its exchange was done, its backup not yet set aside
     discard(m_incoming);
     if (earlier.state != State::Launched && isThere(m_backup)) {
         if (isThere(m_options.oldDir) && !discard(m_options.oldDir))
@@ -409,6 +459,8 @@ int FolderSwap::run()
         return notConfirmed(
             journal.pid,
             QStringLiteral("it had not confirmed that it runs when the check was interrupted"));
+    case State::Staged:
+        return resumeStaged(journal);
     case State::Started:
         if (isThere(m_backup)) {
             say(QStringLiteral("resuming an interrupted update: the old version is set aside"));
@@ -454,6 +506,59 @@ int FolderSwap::swap()
         return 1;
     }
     step("journal");
+    // Whatever is slow happens while the old version stays in place and runnable.
+    if (!stage()) {
+        refuse(QStringLiteral("cannot stage the new version beside %1").arg(m_options.oldDir));
+        discard(m_incoming);
+        UpdateState::removePrivate(m_journal);
+        startProgram(m_options.oldDir);
+        return 1;
+    }
+    return exchangeIntoPlace();
+}
+
+// Makes the new version ready on the application's own file system: the new folder itself when
+// it is there already, else a copy beside the application.
+bool FolderSwap::stage()
+{
+    const QString parent = QFileInfo(m_options.oldDir).path();
+    if (deviceOf(m_options.newDir) == deviceOf(parent)) {
+        m_staging = m_options.newDir;
+    } else {
+        say(QStringLiteral("copying %1 to %2 beside the application, which stays in place")
+                .arg(m_options.newDir, m_incoming));
+        if (!discard(m_incoming) || !copyTree(m_options.newDir, m_incoming))
+            return false;
+        step("copy");
+        m_staging = m_incoming;
+    }
+    m_stagedId = identityOf(m_staging);
+    if (!writeJournal(State::Staged))
+        return false;
+    step("stage");
+    return true;
+}
+
+// Puts the staged version in place: one exchange of the two folders where the file system has
+// it (the old version then stands where the staged one was, and becomes the backup), else the
+// old folder moved aside and the staged one moved in.
+int FolderSwap::exchangeIntoPlace()
+{
+    if (exchangeFolders(m_staging, m_options.oldDir)) {
+        step("exchange");
+        if (rename(encoded(m_staging).constData(), encoded(m_backup).constData()) != 0) {
+            exchangeFolders(m_staging, m_options.oldDir);
+            refuse(QStringLiteral("cannot set the old version aside as %1").arg(m_backup));
+            UpdateState::removePrivate(m_journal);
+            startProgram(m_options.oldDir);
+            return 1;
+        }
+        step("backup");
+        return startNewVersion();
+    }
+    say(QStringLiteral("the file system cannot exchange %1 and %2 (%3): moving one, then the "
+                       "other")
+            .arg(m_staging, m_options.oldDir, QString::fromLocal8Bit(strerror(errno))));
     if (rename(encoded(m_options.oldDir).constData(), encoded(m_backup).constData()) != 0) {
         refuse(QStringLiteral("cannot move %1 aside").arg(m_options.oldDir));
         UpdateState::removePrivate(m_journal);
@@ -461,11 +566,41 @@ int FolderSwap::swap()
         return 1;
     }
     step("backup");
-    if (!moveNewIntoPlace()) {
+    if (rename(encoded(m_staging).constData(), encoded(m_options.oldDir).constData()) != 0) {
         rollBack(QStringLiteral("cannot move the new version into place"));
         return 1;
     }
+    step("move");
     return startNewVersion();
+}
+
+// Resumes an update killed after its new version was staged: the identity of the staged folder
+// tells whether it already stands in place.
+int FolderSwap::resumeStaged(const Journal &journal)
+{
+    say(QStringLiteral("resuming an interrupted update: the new version was staged in %1")
+            .arg(journal.staging));
+    m_staging = journal.staging;
+    m_stagedId = journal.stagedId;
+    if (!m_stagedId.isEmpty() && identityOf(m_options.oldDir) == m_stagedId) {
+        if (isThere(m_staging) && !isThere(m_backup)
+            && rename(encoded(m_staging).constData(), encoded(m_backup).constData()) == 0)
+            step("backup");
+        return startNewVersion();
+    }
+    if (!isThere(m_options.oldDir) && isThere(m_backup)) {
+        if (rename(encoded(m_staging).constData(), encoded(m_options.oldDir).constData()) != 0) {
+            rollBack(QStringLiteral("cannot move the new version into place"));
+            return 1;
+        }
+        step("move");
+        return startNewVersion();
+    }
+    if (!m_stagedId.isEmpty() && identityOf(m_staging) == m_stagedId)
+        return exchangeIntoPlace();
+    // The staged copy is gone: nothing was swapped, so the update starts again.
+    UpdateState::removePrivate(m_journal);
+    return swap();
 }
 
 int FolderSwap::startNewVersion()

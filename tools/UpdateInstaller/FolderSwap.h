@@ -7,13 +7,18 @@
 
 /// Replaces an application folder with a new version as a transaction.
 ///
-/// The old folder is moved aside to "<old>.update-backup", the new one is moved (or, across file
-/// systems, copied through "<old>.update-incoming") into its place, the new program is started,
-/// and only then is the backup removed. On any failure the old folder is put back and the old
-/// program started. A journal records the progress and the arguments, so that a run that was
-/// killed half-way completes or rolls back when started again with the same arguments; a journal
-/// of other arguments is an earlier update, finished or rolled back before this one starts. An
-/// exclusive lock keeps two runs from working on one folder at once.
+/// The new version is first staged on the application's own file system while the old one stays
+/// in place and runnable (the new folder itself when it is there, else a copy in
+/// "<old>.update-incoming"). Then one renameat2(RENAME_EXCHANGE) swaps the staged folder and the
+/// application folder, and the old version, now where the staged one was, is set aside as
+/// "<old>.update-backup"; at no instant is the application path empty. Where the file system
+/// cannot exchange, the old folder is moved aside and the staged one moved in (logged). The new
+/// program is started, and only then is the backup removed. On any failure the old folder is
+/// put back (by the same exchange) and the old program started. A journal records the progress,
+/// the arguments and the staged folder's identity, so that a run that was killed half-way
+/// completes or rolls back when started again with the same arguments; a journal of other
+/// arguments is an earlier update, finished or rolled back before this one starts. An exclusive
+/// lock keeps two runs from working on one folder at once.
 ///
 /// The journal, the lock, the health confirmation and the roll-back note live in the user's
 /// private state folder for this application folder (qv::UpdateState), opened without following
@@ -48,12 +53,14 @@ public:
     int run();
 
 private:
-    enum class State { None, Started, Moved, Checking, Launched };
+    enum class State { None, Started, Staged, Moved, Checking, Launched };
     struct Journal {
         State state = State::None;
         Options options;
         qint64 pid = 0; ///< of the new program while it is being checked
         QByteArray token; ///< the secret its confirmation must carry
+        QString staging; ///< where the new version was staged on the application's file system
+        QByteArray stagedId; ///< that folder's identity (device and inode) before the exchange
     };
 
     bool validateArguments(QString *why) const;
@@ -66,6 +73,9 @@ private:
     int notConfirmed(qint64 pid, const QString &why);
     void settleEarlierUpdate(const Journal &earlier);
     int swap();
+    bool stage();
+    int exchangeIntoPlace();
+    int resumeStaged(const Journal &journal);
     int startNewVersion();
     bool moveNewIntoPlace();
     void rollBack(const QString &why);
@@ -83,6 +93,8 @@ private:
     QString m_lock;
     QString m_discard;
     QString m_state;
+    QString m_staging; ///< the staged new version, beside the application (this run's)
+    QByteArray m_stagedId;
     QString m_health;
     QString m_rolledBack;
     int m_lockFd = -1;
