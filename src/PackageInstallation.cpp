@@ -23,6 +23,9 @@
 #include <QProcess>
 #include <QProgressDialog>
 #include <QPushButton>
+#include <QSettings>
+
+#include <memory>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -232,6 +235,7 @@ void SoftwareUpdateClient::installDownloaded(const PackageInfo &package)
         setInstallRunning(false);
     }
     if (installMode() == CompleteInstall && completeType && !m_trustedKeyTexts.isEmpty()) {
+        m_installingRelease = package.release;
         installCompletePackage();
     } else if (suffix == u"exe") {
         installEXEPackage();
@@ -425,12 +429,25 @@ void SoftwareUpdateClient::startPrivateUpdater()
                                 "with the new version in %3")
                      .arg(updater, applicationFolder, m_unpackedFolder));
     const QString executable = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-    if (installMode() == CompleteInstall)
+    if (installMode() == CompleteInstall) {
+        // Remembered until the new version confirms, or is rolled back and then not offered again.
+        const std::unique_ptr<QSettings> store(openStore());
+        store->setValue(QStringLiteral("updateInstalling"), m_installingRelease);
+        // What the next start removes, whichever version it is: the unpacked package's
+        // temporary folder and the updater's copy.
+        const QString temp = QDir::cleanPath(QDir::tempPath()) + QLatin1Char('/');
+        const QString unpacked = QDir::cleanPath(m_unpackedFolder);
+        QStringList leftovers {folder};
+        if (unpacked.startsWith(temp))
+            leftovers << temp + unpacked.mid(temp.size()).section(QLatin1Char('/'), 0, 0);
+        store->setValue(QStringLiteral("updateLeftovers"), leftovers);
+        store->sync();
         startUpdaterWithHealthCheck(updater, applicationFolder, m_unpackedFolder, executable);
-    else
+    } else
         DownloadManager::startUpdate(updater, applicationFolder, m_unpackedFolder, executable);
     errorLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> could not start ")
               + updater);
+    std::unique_ptr<QSettings>(openStore())->remove(QStringLiteral("updateInstalling"));
     FileUtils::erase(folder);
     setInstallRunning(false);
     showError(m_parent, m_windowFlags, Text::tr("Installation failed"),

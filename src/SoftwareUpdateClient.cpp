@@ -3,6 +3,7 @@
 #include "CatalogueTrust.h"
 #include "Logging.h"
 
+#include <qv/FileUtils.h>
 #include <qv/NodeDB.h>
 #include <qv/Preferences.h>
 #include <qv/QtHelpers.h>
@@ -41,6 +42,10 @@ const QString kSupportedPlatforms = QStringLiteral("supportedPlatforms");
 const QString kSupportedPackageTypes = QStringLiteral("supportedPackageTypes");
 const QString kInstallablePackageTypes = QStringLiteral("installablePackageTypes");
 const QString kCurrentCameraVersions = QStringLiteral("currentCameraVersions");
+// Complete installs: the release handed to the updater, and the releases that were rolled back.
+const QString kUpdateInstalling = QStringLiteral("updateInstalling");
+const QString kRolledBackVersions = QStringLiteral("rolledBackVersions");
+const QString kUpdateLeftovers = QStringLiteral("updateLeftovers");
 
 const int kCheckTimerInterval = 3600 * 1000;
 
@@ -215,6 +220,7 @@ SoftwareUpdateClient::InstallMode SoftwareUpdateClient::installMode()
 // update was rolled back to tells the user once.
 void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
 {
+    removeUpdateLeftovers();
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {
         // The updater's secret is the confirmation; the file is replaced, never followed.
@@ -224,6 +230,8 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
         if (UpdateState::writePrivate(health, token + '\n'))
             progressLine(QStringLiteral(
                 "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
+        const std::unique_ptr<QSettings> store(openStore());
+        store->remove(kUpdateInstalling);
         // Not for the programs this one starts.
         qunsetenv("SOFTWAREUPDATE_HEALTH_FILE");
         qunsetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
@@ -235,16 +243,60 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
         return;
     UpdateState::removePrivate(note);
     const QString why = QString::fromUtf8(reason).trimmed();
-    errorLine(QStringLiteral("SoftwareUpdateClient -> the last update was rolled back: ") + why);
-    QTimer::singleShot(0, this, [this] {
+    // The version that did not start is not offered again until a newer one is published.
+    const std::unique_ptr<QSettings> store(openStore());
+    const QString failed = Preferences::toText(store->value(kUpdateInstalling));
+    store->remove(kUpdateInstalling);
+    if (!failed.isEmpty()) {
+        QStringList versions = rolledBackVersions();
+        if (!versions.contains(failed))
+            versions << failed;
+        store->setValue(kRolledBackVersions, versions.join(QLatin1Char(',')));
+    }
+    errorLine(QStringLiteral("SoftwareUpdateClient -> the last update (%1) was rolled back: %2")
+                  .arg(failed.isEmpty() ? QStringLiteral("version unknown") : failed, why));
+    QTimer::singleShot(0, this, [this, failed] {
         if (!m_interactive)
             return;
-        QMessageBox box(QMessageBox::Warning, Text::tr("Update rolled back"),
-                        Text::tr("The new version did not start, so the update was rolled back. "
-                                 "This is the version you had before."),
-                        QMessageBox::Ok, m_parent, m_windowFlags);
+        QString text = Text::tr("The new version did not start, so the update was rolled back. "
+                                "This is the version you had before.");
+        if (!failed.isEmpty())
+            text += QLatin1Char(' ')
+                + Text::tr("Version %1 is not offered again until a newer one is published.")
+                      .arg(failed);
+        QMessageBox box(QMessageBox::Warning, Text::tr("Update rolled back"), text, QMessageBox::Ok,
+                        m_parent, m_windowFlags);
         box.exec();
     });
+}
+
+// The temporary folders of a complete install handed to the updater (its unpacked package, the
+// updater's copy) go at the next start, whether the update stayed or was rolled back. Only
+// folders inside the temporary folder are ever removed.
+void SoftwareUpdateClient::removeUpdateLeftovers()
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    const QStringList leftovers = store->value(kUpdateLeftovers).toStringList();
+    if (leftovers.isEmpty())
+        return;
+    for (const QString &folder : leftovers) {
+        if (QFileInfo(folder).fileName().startsWith(QLatin1String("softwareupdate-"))
+            && FileUtils::erase(folder, QDir::tempPath()))
+            progressLine(QStringLiteral("SoftwareUpdateClient -> removed ") + folder);
+    }
+    store->remove(kUpdateLeftovers);
+}
+
+QStringList SoftwareUpdateClient::rolledBackVersions() const
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    return splitList(store->value(kRolledBackVersions));
+}
+
+void SoftwareUpdateClient::forgetRolledBackVersions()
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    store->remove(kRolledBackVersions);
 }
 
 bool SoftwareUpdateClient::installTranslator(const QLocale &locale)

@@ -105,6 +105,10 @@ public:
     void setInteractive(bool interactive) { m_interactive = interactive; }
     bool isInteractive() const { return m_interactive; }
 
+    /// The application releases that were installed (CompleteInstall), did not confirm that they
+    /// run, and were rolled back: checks do not offer them again (a newer release is offered).
+    QStringList rolledBackVersions() const;
+
     /// Loads and installs the library's translation for `locale` (any German or French locale;
     /// false for the others, which need none). The translator belongs to the application.
     static bool installTranslator(const QLocale &locale);
@@ -149,6 +153,8 @@ public Q_SLOTS:
     void setParent(QWidget *parent);
     /// Replaces the window flags of the dialogs.
     void setWindowFlags(Qt::WindowFlags flags);
+    /// Offers the rolled-back releases again from the next check on.
+    void forgetRolledBackVersions();
 
 private Q_SLOTS:
     void updateAvailable();
@@ -195,6 +201,7 @@ private:
     void setInstallRunning(bool running);
     void completePackageUnpacked(const QString &folder);
     void confirmHealthAndNoticeRollBack();
+    void removeUpdateLeftovers();
     QNetworkAccessManager *networkManager();
     void startRequestTimeout();
     void fetchSignature(const QUrl &catalogueUrl);
@@ -229,6 +236,7 @@ private:
     bool m_interactive = true;
     bool m_checkRunning = false; ///< between checkStarted() and its outcome
     bool m_installRunning = false; ///< a complete install, from Proceed to its hand-over or end
+    QString m_installingRelease; ///< the release of the running complete install
 };
 
 } // namespace qv

@@ -429,8 +429,14 @@ int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
     const PackageInfo application(QString(), QCoreApplication::applicationName(),
                                   settings.versionNumber.toString(), status, QDateTime(), platforms,
                                   QStringSet(), QLatin1String(""), QLatin1String(""));
+    // A release that was installed and rolled back is not offered again; a newer one is.
+    const QStringList rolledBack = rolledBackVersions();
+    PackageInfoList offerable = m_packageList;
+    offerable.removeIf([&rolledBack](const PackageInfo &p) {
+        return p.type == kApplicationKind && rolledBack.contains(p.release);
+    });
     const PackageInfoList applications = DownloadManager::findPackageCandidates(
-        m_packageList, application, kApplicationKind, settings.supportedPackageTypes);
+        offerable, application, kApplicationKind, settings.supportedPackageTypes);
     m_packageList = applications + cameras;
     return 0;
 }

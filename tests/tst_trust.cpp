@@ -6,6 +6,7 @@
 #include <TestHttpServer.h>
 #include <TestSupport.h>
 #include <qv/LogQt.h>
+#include <qv/UpdateState.h>
 
 #include <QCryptographicHash>
 #include <QElapsedTimer>
@@ -650,6 +651,55 @@ private Q_SLOTS:
             QVERIFY2(said.contains("Restart required"), qPrintable(said));
         }
         chmod(QFile::encodeName(parent.path()).constData(), 0700);
+    }
+
+    // A release that was installed and rolled back is not offered again (the user is told so
+    // once) until a newer one is published, or the host forgets it.
+    void rolledBackReleaseIsNotOfferedAgain()
+    {
+        qputenv("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
+        const auto restore = qScopeGuard([] { qunsetenv("XDG_STATE_HOME"); });
+        m_client.reset();
+        store().setValue("updateInstalling", "3.0");
+        QVERIFY(qv::UpdateState::writePrivate(
+            qv::UpdateState::folderFor(QCoreApplication::applicationDirPath()) + "/rolled-back",
+            "the new program exited with code 3\n"));
+        publish(catalogue(7, future()), m_signer.data());
+        BoxAnswerer answerer({"OK"});
+        restartClient();
+        QTRY_COMPARE(answerer.seen.size(), 1);
+        QVERIFY2(answerer.seen.first().contains(
+                     "Version 3.0 is not offered again until a newer one is published."),
+                 qPrintable(answerer.seen.first()));
+        QCOMPARE(m_client->rolledBackVersions(), QStringList {"3.0"});
+        QCOMPARE(checkFromDialog(), QString("Congratulations! Your product is up-to-date!"));
+        publish(catalogue(8, future()).replace("release='3.0'", "release='3.1'"), m_signer.data());
+        QCOMPARE(checkFromDialog(), QString("Viewer 3.1"));
+        suc::test::closeAllWindows();
+        m_client->forgetRolledBackVersions();
+        publish(catalogue(9, future()), m_signer.data());
+        QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
+    }
+
+    // A complete install leaves its unpacked package and the updater's copy in temporary
+    // folders: the next start removes them (only ours, only inside the temporary folder).
+    void nextStartRemovesWhatTheUpdateLeft()
+    {
+        const QString temp = QDir::tempPath();
+        for (const char *folder :
+             {"softwareupdate-unpacked/Viewer-3", "softwareupdate-updater", "someone-elses"})
+            QVERIFY(QDir().mkpath(temp + "/" + folder));
+        const QString outside = m_dir.filePath("softwareupdate-outside");
+        QVERIFY(QDir().mkpath(outside));
+        store().setValue("updateLeftovers",
+                         QStringList {temp + "/softwareupdate-unpacked",
+                                      temp + "/softwareupdate-updater", temp + "/someone-elses",
+                                      outside});
+        restartClient();
+        QCOMPARE(QDir(temp).entryList(QDir::Dirs | QDir::NoDotAndDotDot),
+                 QStringList {"someone-elses"});
+        QVERIFY(QFileInfo::exists(outside));
+        QVERIFY(!store().contains("updateLeftovers"));
     }
 };
 

@@ -2,8 +2,10 @@
 #include <qv/UpdateState.h>
 
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QStorageInfo>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QtTest>
 
 #include <sys/stat.h>
@@ -317,6 +319,46 @@ private Q_SLOTS:
         QCOMPARE(runInstaller(args), remains == "v2" ? 0 : 1);
         QCOMPARE(completeVersion(app), remains);
         QTRY_COMPARE(started(), remains == "v2" ? QStringList {"v2"} : QStringList({"v2", "v1"}));
+    }
+
+    // A power cut or a kill can come at any moment, not only after a named step: killed at a
+    // random instant (seeded), the application path must hold a whole application right away,
+    // and the next run must settle the update.
+    void randomKillsLeaveAWholeApplication()
+    {
+        QRandomGenerator random(20261124);
+        const QString app = m_dir.filePath("Viewer");
+        const QString other = otherFileSystem(m_dir.path());
+        int killedMidway = 0;
+        for (int i = 0; i < 150; ++i) {
+            QDir(app).removeRecursively();
+            makeApp(app, "v1");
+            QScopedPointer<QTemporaryDir> elsewhere;
+            QString newDir = m_dir.filePath("unpacked");
+            if (i % 2 && !other.isEmpty()) {
+                elsewhere.reset(new QTemporaryDir(other + "/suc-XXXXXX"));
+                newDir = elsewhere->filePath("unpacked");
+            }
+            QDir(newDir).removeRecursively();
+            makeApp(newDir, "v2");
+            const QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
+            QProcess p;
+            startInstaller(p, args);
+            QVERIFY(p.waitForStarted());
+            QThread::usleep(random.bounded(40000));
+            p.kill();
+            QVERIFY(p.waitForFinished(10000));
+            killedMidway += p.exitStatus() == QProcess::CrashExit;
+            const QString now = completeVersion(app);
+            QVERIFY2(now == "v1" || now == "v2",
+                     qPrintable(QString("iteration %1: '%2'\n%3").arg(i).arg(now, log())));
+            if (QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir))
+                QCOMPARE(runInstaller(args), 0);
+            QVERIFY2(completeVersion(app) == "v2",
+                     qPrintable(QString("iteration %1\n%2").arg(i).arg(log())));
+            QVERIFY(!QFileInfo::exists(side(app, "journal")));
+        }
+        qInfo("%d of 150 runs were killed before they ended", killedMidway);
     }
 
     // The new version's client confirms by itself: no host code is needed.

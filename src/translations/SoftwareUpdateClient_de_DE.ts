@@ -209,6 +209,10 @@
         <source>The application folder %1 can be changed by other users, so the update cannot be installed safely. Nothing was changed.</source>
         <translation>Der Anwendungsordner %1 kann von anderen Benutzern geändert werden, daher kann das Update nicht sicher installiert werden. Es wurde nichts geändert.</translation>
     </message>
+    <message>
+        <source>Version %1 is not offered again until a newer one is published.</source>
+        <translation>Version %1 wird erst wieder angeboten, wenn eine neuere veröffentlicht ist.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

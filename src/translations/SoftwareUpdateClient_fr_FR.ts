@@ -209,6 +209,10 @@
         <source>The application folder %1 can be changed by other users, so the update cannot be installed safely. Nothing was changed.</source>
         <translation>Le dossier de l&apos;application %1 peut être modifié par d&apos;autres utilisateurs&#xa0;: la mise à jour ne peut pas être installée en toute sécurité. Rien n&apos;a été modifié.</translation>
     </message>
+    <message>
+        <source>Version %1 is not offered again until a newer one is published.</source>
+        <translation>La version %1 n&apos;est plus proposée tant qu&apos;aucune version plus récente n&apos;est publiée.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
