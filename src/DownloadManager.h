@@ -201,6 +201,8 @@ public Q_SLOTS:
     /// Unpacks the package into a new temporary folder in the background; unzippingDone() tells
     /// where. A manager unpacks at most one package in its lifetime.
     void unzipPackage(const QString &packageFile);
+    /// The same into `targetFolder`, which must exist (and is removed when unpacking fails).
+    void unzipPackage(const QString &packageFile, const QString &targetFolder);
     /// Replaces the running process with the updater program, passing "-oldDir"
     /// `installationPath`, "-newDir" `tempApplicationPath` and "-exe" `newApplication`. Returns
     /// only when the program could not be started.

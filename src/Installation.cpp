@@ -22,7 +22,11 @@ namespace qv {
 
 void DownloadManager::unzipPackage(const QString &packageFile)
 {
-    const QString folder = FileUtils::createTempDir();
+    unzipPackage(packageFile, FileUtils::createTempDir());
+}
+
+void DownloadManager::unzipPackage(const QString &packageFile, const QString &folder)
+{
     if (folder.isEmpty() || (!QDir(folder).exists() && !QDir().mkpath(folder))) {
         LogQt::write(
             lcDownload(), Log::Error,

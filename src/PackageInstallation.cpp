@@ -9,10 +9,12 @@
 #include "Logging.h"
 #include "SoftwareUpdateAvailableDialog.h"
 
+#include <qv/Exceptions.h>
 #include <qv/FileUtils.h>
 #include <qv/HttpHost.h>
 #include <qv/QtHelpers.h>
 #include <qv/Sha256.h>
+#include <qv/ZipReader.h>
 
 #include <QCoreApplication>
 #include <QDesktopServices>
@@ -24,6 +26,8 @@
 #include <QProgressDialog>
 #include <QPushButton>
 #include <QSettings>
+#include <QStorageInfo>
+#include <QTemporaryDir>
 
 #include <memory>
 
@@ -435,12 +439,7 @@ void SoftwareUpdateClient::startPrivateUpdater()
         store->setValue(QStringLiteral("updateInstalling"), m_installingRelease);
         // What the next start removes, whichever version it is: the unpacked package's
         // temporary folder and the updater's copy.
-        const QString temp = QDir::cleanPath(QDir::tempPath()) + QLatin1Char('/');
-        const QString unpacked = QDir::cleanPath(m_unpackedFolder);
-        QStringList leftovers {folder};
-        if (unpacked.startsWith(temp))
-            leftovers << temp + unpacked.mid(temp.size()).section(QLatin1Char('/'), 0, 0);
-        store->setValue(QStringLiteral("updateLeftovers"), leftovers);
+        store->setValue(QStringLiteral("updateLeftovers"), QStringList {folder, m_unpackTarget});
         store->sync();
         startUpdaterWithHealthCheck(updater, applicationFolder, m_unpackedFolder, executable);
     } else
@@ -483,9 +482,46 @@ void SoftwareUpdateClient::setInstallRunning(bool running)
         m_updateAvailableDialog->setInstallButtonState(false);
 }
 
-// CompleteInstall: the verified package is unpacked, and only then is the user asked.
+// CompleteInstall: the verified package is unpacked, and only then is the user asked. It is
+// unpacked beside the application where it can be (the same file system: the updater exchanges
+// the folders without copying), else in the temporary folder, and only when the disk holds it.
 void SoftwareUpdateClient::installCompletePackage()
 {
+    const QString application = QDir::cleanPath(QCoreApplication::applicationDirPath());
+    QTemporaryDir beside(application + QStringLiteral(".update-unpacked-XXXXXX"));
+    beside.setAutoRemove(false);
+    const QString target = beside.isValid() ? beside.path() : FileUtils::createTempDir();
+    if (!beside.isValid())
+        progressLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> cannot "
+                                    "unpack beside %1; unpacking in %2")
+                         .arg(application, target));
+    qint64 needed = 0;
+    try {
+        ZipReader archive(m_downloadedFilePath);
+        archive.open(QIODevice::ReadOnly);
+        // What the entries declare, and a margin for the file system's own blocks.
+        needed = archive.unpackedSize() + archive.unpackedSize() / 20 + (16 << 20);
+    } catch (const ExceptionQt &e) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> ")
+                  + e.message()); // the unpacking below reports it to the user
+    }
+    const qint64 available = QStorageInfo(target).bytesAvailable();
+    if (target.isEmpty() || (available >= 0 && available < needed)) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> %1 bytes "
+                                 "needed to unpack, %2 free in %3")
+                      .arg(needed)
+                      .arg(available)
+                      .arg(target));
+        FileUtils::erase(target);
+        abortDownload();
+        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
+                  Text::tr("There is not enough free disk space to unpack the update (%1 MB "
+                           "needed, %2 MB free). Nothing was changed.")
+                      .arg((needed + (1 << 20) - 1) >> 20)
+                      .arg(qMax<qint64>(0, available) >> 20));
+        return;
+    }
+    m_unpackTarget = target;
     auto *unpacker = new DownloadManager();
     unpacker->setParent(this);
     connect(unpacker, &DownloadManager::unzippingDone, this,
@@ -494,7 +530,7 @@ void SoftwareUpdateClient::installCompletePackage()
                 completePackageUnpacked(folder);
             });
     removeDownloadFolderWhenUnpacked(unpacker);
-    unpacker->unzipPackage(m_downloadedFilePath);
+    unpacker->unzipPackage(m_downloadedFilePath, target);
 }
 
 void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
@@ -529,6 +565,9 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
         startZipInstall();
         return;
     }
+    // Not installed now: the unpacked version goes at the next start.
+    const std::unique_ptr<QSettings> store(openStore());
+    store->setValue(QStringLiteral("updateLeftovers"), QStringList {m_unpackTarget});
     setInstallRunning(false);
 }
 

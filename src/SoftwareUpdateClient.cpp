@@ -279,9 +279,17 @@ void SoftwareUpdateClient::removeUpdateLeftovers()
     const QStringList leftovers = store->value(kUpdateLeftovers).toStringList();
     if (leftovers.isEmpty())
         return;
+    // Ours by their names: a temporary folder, or the unpacked version beside the application.
+    const QString application = QDir::cleanPath(QCoreApplication::applicationDirPath());
+    const QString besidePrefix
+        = QFileInfo(application).fileName() + QStringLiteral(".update-unpacked-");
     for (const QString &folder : leftovers) {
-        if (QFileInfo(folder).fileName().startsWith(QLatin1String("softwareupdate-"))
-            && FileUtils::erase(folder, QDir::tempPath()))
+        const QString name = QFileInfo(folder).fileName();
+        const bool removed = name.startsWith(QLatin1String("softwareupdate-"))
+            ? FileUtils::erase(folder, QDir::tempPath())
+            : name.startsWith(besidePrefix)
+                && FileUtils::erase(folder, QFileInfo(application).path());
+        if (removed)
             progressLine(QStringLiteral("SoftwareUpdateClient -> removed ") + folder);
     }
     store->remove(kUpdateLeftovers);

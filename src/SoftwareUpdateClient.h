@@ -237,6 +237,7 @@ private:
     bool m_checkRunning = false; ///< between checkStarted() and its outcome
     bool m_installRunning = false; ///< a complete install, from Proceed to its hand-over or end
     QString m_installingRelease; ///< the release of the running complete install
+    QString m_unpackTarget; ///< where the running complete install unpacks
 };
 
 } // namespace qv

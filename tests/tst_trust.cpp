@@ -125,16 +125,27 @@ class TestTrust : public QObject {
     {
         return QFileInfo(QCoreApplication::applicationFilePath()).fileName();
     }
-    // The unpacked new versions waiting in the temporary folder: their program's words.
+    // The unpacked new versions waiting beside the application (the test program's folder):
+    // what their programs say.
     static QStringList unpackedVersions()
     {
         QStringList found;
-        for (const QString &dir : QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs)) {
-            QFile program(QDir::temp().filePath(dir + "/Viewer-3/" + programName()));
+        for (const QString &dir : unpackedFolders()) {
+            QFile program(dir + "/Viewer-3/" + programName());
             if (program.open(QIODevice::ReadOnly))
                 found << QString::fromLatin1(program.readAll().split('\n').value(1).mid(5));
         }
         return found;
+    }
+    static QStringList unpackedFolders()
+    {
+        const QFileInfo application(QCoreApplication::applicationDirPath());
+        QStringList folders;
+        for (const QFileInfo &f :
+             QDir(application.path())
+                 .entryInfoList({application.fileName() + ".update-unpacked-*"}, QDir::Dirs))
+            folders << f.filePath();
+        return folders;
     }
     // The contents of every downloaded `file` in the temporary folder.
     static QList<QByteArray> downloadedFiles(const QString &file)
@@ -208,6 +219,8 @@ private Q_SLOTS:
         m_client.reset();
         suc::test::closeAllWindows();
         qunsetenv("TMPDIR");
+        for (const QString &folder : unpackedFolders())
+            QDir(folder).removeRecursively();
     }
 
     void checks_data()
@@ -527,11 +540,8 @@ private Q_SLOTS:
         // Only the unpacked new version is left: the archive's folder is gone, and a package
         // without the program leaves nothing.
         QTRY_COMPARE(unpackedVersions(), withProgram ? QStringList {"genuine"} : QStringList());
-        const QStringList left = QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs);
-        QStringList contents;
-        for (const QString &dir : left)
-            contents << dir + ": " + filesBelow(QDir::temp().filePath(dir)).join(' ');
-        QVERIFY2(left.size() == (withProgram ? 1 : 0), qPrintable(contents.join('\n')));
+        QCOMPARE(unpackedFolders().size(), withProgram ? 1 : 0);
+        QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs), QStringList());
     }
 
     // Install pressed again while the first download runs: in CompleteInstall the second press
@@ -597,13 +607,23 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("parentMode");
         QTest::addColumn<QString>("ran"); // what the updater scripts noted
-        QTest::newRow("a planted updater in the parent is never run") << 0755 << "ours ";
-        QTest::newRow("a parent others can write (1777): refused") << 01777 << "";
+        QTest::addColumn<QString>("box"); // the failure box, when the install is refused
+        QTest::newRow("a planted updater in the parent is never run") << 0755 << "ours "
+                                                                      << "";
+        QTest::newRow("a parent others can write (1777): refused")
+            << 01777 << ""
+            << "The application folder %1 can be changed by other users";
+        // The application on a small file system (its own mount namespace): the package does
+        // not fit beside it, and nothing is unpacked.
+        QTest::newRow("too little space to unpack: refused")
+            << 0755 << ""
+            << "There is not enough free disk space to unpack the update";
     }
     void updaterThatRuns()
     {
         QFETCH(int, parentMode);
         QFETCH(QString, ran);
+        QFETCH(QString, box);
         QTemporaryDir parent;
         const QString app = parent.filePath("Viewer");
         const QString marker = parent.filePath("updater-ran.txt");
@@ -628,7 +648,24 @@ private Q_SLOTS:
         publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
 
         QProcess host;
-        host.start(app + "/exec_helper", {"completeInstall", url(), m_signer->publicKey()});
+        const QStringList hostArgs {"completeInstall", url(), m_signer->publicKey()};
+        if (box.contains("free disk space")) {
+            const QString small = parent.filePath("small");
+            QVERIFY(QDir().mkpath(small));
+            // Room for the program and little more: less than any package needs to unpack.
+            const QString room
+                = QString::number(QFileInfo(app + "/exec_helper").size() / 1024 + 4096) + "k";
+            host.start("unshare",
+                       QStringList {"--mount", "--propagation", "private", "sh", "-c",
+                                    "mount -t tmpfs -o size=" + room
+                                        + ",mode=0755 tmpfs \"$0\" "
+                                          "&& cp -a \"$1\" \"$0/\" && exec \"$0/Viewer/"
+                                          "exec_helper\" \"$2\" \"$3\" \"$4\"",
+                                    small, app}
+                           + hostArgs);
+        } else {
+            host.start(app + "/exec_helper", hostArgs);
+        }
         QVERIFY(host.waitForStarted());
         // The host runs the client's event loop; this test serves it meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
@@ -642,11 +679,11 @@ private Q_SLOTS:
                      said + host.readAllStandardError().right(3000)
                      + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
         if (ran.isEmpty()) {
-            QCOMPARE(host.exitCode(), 5);
-            QVERIFY2(said.contains("Installation failed | The application folder " + parent.path()
-                                   + " can be changed by other users"),
+            QVERIFY2(host.exitCode() == 5, qPrintable(said + host.readAllStandardError()));
+            QVERIFY2(said.contains("Installation failed | " + box.arg(parent.path())),
                      qPrintable(said));
-            QVERIFY(!m_asked.contains("/dl/viewer-3.0.zip"));
+            // Refused before the download, or before anything was unpacked.
+            QVERIFY(!m_asked.contains("/dl/viewer-3.0.zip") || box.contains("free disk space"));
         } else {
             QVERIFY2(said.contains("Restart required"), qPrintable(said));
         }

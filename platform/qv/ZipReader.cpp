@@ -341,6 +341,23 @@ QStringList ZipReader::fileList(const QRegularExpression &pattern) const
     return names;
 }
 
+qint64 ZipReader::unpackedSize() const
+{
+    if (!m_open)
+        throw IOException(QStringLiteral("%1 is not open").arg(m_file));
+    ReadArchive in(m_file);
+    qint64 total = 0;
+    qint64 entries = 0;
+    while (archive_entry *entry = in.next()) {
+        if (archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0)
+            total += archive_entry_size(entry);
+        if (++entries > m_limits.maxEntries)
+            throw IOException(QStringLiteral("more than %1 entries").arg(m_limits.maxEntries));
+        archive_read_data_skip(in.a);
+    }
+    return qMax(total, QFileInfo(m_file).size());
+}
+
 void ZipReader::extractFiles(const QStringList &files, const QString &targetFolder, bool overwrite)
 {
     extract(&files, files.size(), targetFolder, overwrite);

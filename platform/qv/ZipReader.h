@@ -63,6 +63,9 @@ public:
     /// The entry names matching `pattern` (an empty pattern matches every entry), in archive
     /// order.
     QStringList fileList(const QRegularExpression &pattern = QRegularExpression()) const;
+    /// The bytes the entries declare (never less than the archive's own size): what unpacking
+    /// needs on disk, give or take what a lying archive hides (extraction stops at limits()).
+    qint64 unpackedSize() const;
     /// Extracts the named entries below `targetFolder`; `overwrite` false refuses to replace an
     /// existing file (so an archive naming one file twice is refused).
     void extractFiles(const QStringList &files, const QString &targetFolder, bool overwrite);

@@ -213,6 +213,10 @@
         <source>Version %1 is not offered again until a newer one is published.</source>
         <translation>Version %1 wird erst wieder angeboten, wenn eine neuere veröffentlicht ist.</translation>
     </message>
+    <message>
+        <source>There is not enough free disk space to unpack the update (%1 MB needed, %2 MB free). Nothing was changed.</source>
+        <translation>Es ist nicht genug freier Speicherplatz vorhanden, um das Update zu entpacken (%1 MB benötigt, %2 MB frei). Es wurde nichts geändert.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -213,6 +213,10 @@
         <source>Version %1 is not offered again until a newer one is published.</source>
         <translation>La version %1 n&apos;est plus proposée tant qu&apos;aucune version plus récente n&apos;est publiée.</translation>
     </message>
+    <message>
+        <source>There is not enough free disk space to unpack the update (%1 MB needed, %2 MB free). Nothing was changed.</source>
+        <translation>L&apos;espace disque libre ne suffit pas pour décompresser la mise à jour (%1 Mo nécessaires, %2 Mo libres). Rien n&apos;a été modifié.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
