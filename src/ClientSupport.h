@@ -19,6 +19,13 @@ class Text {
     Q_DECLARE_TR_FUNCTIONS(SoftwareUpdateClient)
 };
 
+inline const QString kUpdaterName = QStringLiteral("UpdateInstaller");
+
+/// A copy of the UpdateInstaller installed beside the running program, in a new private (0700)
+/// temporary folder: the only updater that is ever run with trusted keys. Empty (and logged)
+/// when it cannot be made.
+QString privateUpdaterCopy();
+
 inline void progressLine(const QString &line)
 {
     LogQt::write(lcClient(), Log::Debug, line);

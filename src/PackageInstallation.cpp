@@ -42,8 +42,6 @@ using client::Text;
 
 namespace {
 
-const QString kUpdaterName = QStringLiteral("UpdateInstaller");
-
 // Replaces the running process with the updater, which checks that the new version runs.
 void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
                                  const QString &newDir, const QString &exe)
@@ -371,11 +369,12 @@ void SoftwareUpdateClient::startZipInstall()
         return;
     }
     const QString applicationFolder = QCoreApplication::applicationDirPath();
-    const QString updaterSource = applicationFolder + QLatin1Char('/') + kUpdaterName;
+    const QString updaterSource = applicationFolder + QLatin1Char('/') + client::kUpdaterName;
     QDir folder(applicationFolder);
     if (folder.exists() && QFile::exists(updaterSource)) {
         folder.cdUp();
-        const QString updaterTarget = folder.absolutePath() + QLatin1Char('/') + kUpdaterName;
+        const QString updaterTarget
+            = folder.absolutePath() + QLatin1Char('/') + client::kUpdaterName;
         progressLine(
             QStringLiteral(
                 "SoftwareUpdateClient::startInstallZip() -> starting zip installation application ")
@@ -412,18 +411,9 @@ void SoftwareUpdateClient::startZipInstall()
 void SoftwareUpdateClient::startPrivateUpdater()
 {
     const QString applicationFolder = QCoreApplication::applicationDirPath();
-    const QString updaterSource = applicationFolder + QLatin1Char('/') + kUpdaterName;
-    const QString folder = FileUtils::createTempDir();
-    const QString updater = folder + QLatin1Char('/') + kUpdaterName;
-    if (folder.isEmpty() || !QFileInfo(updaterSource).isFile()
-        || !QFile::copy(updaterSource, updater)
-        || !QFile::setPermissions(updater,
-                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner)) {
-        errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> could not "
-                                 "copy %1 to a private folder")
-                      .arg(updaterSource));
-        if (!folder.isEmpty())
-            FileUtils::erase(folder);
+    const QString updater = client::privateUpdaterCopy();
+    const QString folder = QFileInfo(updater).path();
+    if (updater.isEmpty()) {
         setInstallRunning(false);
         showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
                   Text::tr("Installation process failed. If problem persists try manual install."));

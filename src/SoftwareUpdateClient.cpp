@@ -15,10 +15,15 @@
 #include <QDir>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
+#include <QProcess>
 #include <QTimer>
 #include <QTranslator>
 
 #include <memory>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace qv {
 
@@ -218,8 +223,58 @@ SoftwareUpdateClient::InstallMode SoftwareUpdateClient::installMode()
 
 // A new version started by UpdateInstaller confirms here that it runs; an old version that an
 // update was rolled back to tells the user once.
+QString client::privateUpdaterCopy()
+{
+    const QString source = QCoreApplication::applicationDirPath() + QLatin1Char('/') + kUpdaterName;
+    const QString folder = FileUtils::createTempDir();
+    const QString updater = folder + QLatin1Char('/') + kUpdaterName;
+    if (!folder.isEmpty() && QFileInfo(source).isFile() && QFile::copy(source, updater)
+        && QFile::setPermissions(updater, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner))
+        return updater;
+    errorLine(QStringLiteral("SoftwareUpdateClient::startInstallApplication() -> could not copy "
+                             "%1 to a private folder")
+                  .arg(source));
+    if (!folder.isEmpty())
+        FileUtils::erase(folder);
+    return QString();
+}
+
+// An update that a power cut or a kill interrupted (its journal is there, and no updater holds
+// its lock) is settled before anything else: the version in the folder now, the running one,
+// stays.
+void SoftwareUpdateClient::settleInterruptedUpdate()
+{
+    const QString state = UpdateState::folderFor(QCoreApplication::applicationDirPath(), false);
+    const QByteArray journal = UpdateState::readPrivate(state + QStringLiteral("/journal"));
+    if (journal.isNull())
+        return;
+    const int lock = UpdateState::openPrivate(state + QStringLiteral("/lock"), O_RDWR, false);
+    const bool held = lock >= 0 && flock(lock, LOCK_EX | LOCK_NB) != 0;
+    if (lock >= 0)
+        ::close(lock);
+    if (held)
+        return; // an updater is at work, maybe checking this very program
+    const QStringList lines = QString::fromUtf8(journal).split(QLatin1Char('\n'));
+    const QString updater = client::privateUpdaterCopy();
+    if (updater.isEmpty())
+        return;
+    QProcess settle;
+    settle.start(updater,
+                 {QStringLiteral("-oldDir"), lines.value(1), QStringLiteral("-newDir"),
+                  lines.value(2), QStringLiteral("-exe"), lines.value(3),
+                  QStringLiteral("-settle")});
+    const bool ended = settle.waitForFinished(120000);
+    errorLine(QStringLiteral("SoftwareUpdateClient -> an interrupted update of %1 was settled: %2")
+                  .arg(lines.value(1),
+                       !ended                       ? QStringLiteral("the updater did not finish")
+                           : settle.exitCode() == 0 ? QStringLiteral("the new version stays")
+                                                    : QStringLiteral("the old version stays")));
+    FileUtils::erase(QFileInfo(updater).path());
+}
+
 void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
 {
+    settleInterruptedUpdate();
     removeUpdateLeftovers();
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {

@@ -202,6 +202,7 @@ private:
     void completePackageUnpacked(const QString &folder);
     void confirmHealthAndNoticeRollBack();
     void removeUpdateLeftovers();
+    void settleInterruptedUpdate();
     QNetworkAccessManager *networkManager();
     void startRequestTimeout();
     void fetchSignature(const QUrl &catalogueUrl);

@@ -361,6 +361,55 @@ private Q_SLOTS:
         qInfo("%d of 150 runs were killed before they ended", killedMidway);
     }
 
+    // Killed after a step, then the program is started again by the user (or at boot): its
+    // client settles the update before anything else. The version in the folder then, which
+    // is the one running, stays; the other goes; nothing is started twice.
+    void theNextStartSettlesAnInterruptedUpdate_data()
+    {
+        QTest::addColumn<QByteArray>("step");
+        QTest::addColumn<QString>("remains");
+        QTest::newRow("killed once staged: the old version stays") << QByteArray("stage") << "v1";
+        QTest::newRow("killed after the exchange: the new version stays")
+            << QByteArray("exchange") << "v2";
+        QTest::newRow("killed during the check: the new version stays")
+            << QByteArray("start") << "v2";
+    }
+    void theNextStartSettlesAnInterruptedUpdate()
+    {
+        QFETCH(QByteArray, step);
+        QFETCH(QString, remains);
+        const QString app = m_dir.filePath("Viewer");
+        const QString newDir = m_dir.filePath("unpacked");
+        makeApp(app, "v1");
+        makeApp(newDir, "v2", true, "hang");
+        for (const QString &folder : {app, newDir}) { // each version is a host with its updater
+            QVERIFY(QFile::copy(SUC_EXEC_HELPER, folder + "/host"));
+            QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller"));
+        }
+        QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
+        if (step == "start")
+            args << "-healthTimeout"
+                 << "20";
+        QCOMPARE(runInstaller(args, step), -1);
+        QVERIFY(QFileInfo::exists(side(app, "journal")));
+        if (step == "start") // the program under check notes its start by itself
+            QTRY_VERIFY(started().contains("v2"));
+        const int startsBefore = started().size();
+        QProcess host;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
+        host.setProcessEnvironment(env);
+        host.start(app + "/host", {"host"});
+        QVERIFY(host.waitForFinished(60000));
+        QCOMPARE(host.exitCode(), 0);
+        QVERIFY2(!QFileInfo::exists(side(app, "journal")), qPrintable(log()));
+        QCOMPARE(completeVersion(app), remains);
+        for (const char *leftover : {".update-backup", ".update-incoming", ".update-discard"})
+            QVERIFY2(!QFileInfo::exists(app + leftover), leftover);
+        QVERIFY2(log().contains("settling an interrupted update"), qPrintable(log()));
+        QCOMPARE(started().size(), startsBefore);
+    }
+
     // The new version's client confirms by itself: no host code is needed.
     void theClientConfirmsByItself()
     {

@@ -331,6 +331,10 @@ bool FolderSwap::discard(const QString &path)
 bool FolderSwap::startProgram(const QString &folder)
 {
     const QString program = folder + QLatin1Char('/') + m_options.exe;
+    if (m_options.settle) {
+        say(QStringLiteral("not starting %1: the program is running already").arg(program));
+        return true;
+    }
     const bool ok = m_starter(program, folder);
     say(QStringLiteral("%1 %2").arg(
         ok ? QStringLiteral("started") : QStringLiteral("could not start"), program));
@@ -431,6 +435,8 @@ int FolderSwap::run()
         return refuse(QStringLiteral("another update of %1 is running").arg(m_options.oldDir));
 
     Journal journal = readJournal();
+    if (m_options.settle)
+        return settle(journal);
     if (journal.state != State::None
         && (journal.options.oldDir != m_options.oldDir || journal.options.newDir != m_options.newDir
             || journal.options.exe != m_options.exe)) {
@@ -702,6 +708,39 @@ int FolderSwap::notConfirmed(qint64 pid, const QString &why)
     UpdateState::writePrivate(m_rolledBack, why.toUtf8() + '\n');
     UpdateState::removePrivate(m_health);
     rollBack(why);
+    return 1;
+}
+
+// An update interrupted by a power cut or a kill, found by the program's next start: the version
+// that stands in the application folder now is the one running, so it stays, and the other is
+// dropped. Nothing is started.
+int FolderSwap::settle(const Journal &journal)
+{
+    if (journal.state == State::None) {
+        say(QStringLiteral("nothing to settle"));
+        return 0;
+    }
+    m_staging = journal.staging;
+    const bool newInPlace = journal.state == State::Moved || journal.state == State::Checking
+        || journal.state == State::Launched
+        || (journal.state == State::Staged && !journal.stagedId.isEmpty()
+            && identityOf(m_options.oldDir) == journal.stagedId);
+    if (newInPlace) {
+        say(QStringLiteral("settling an interrupted update: the new version stays"));
+        if (journal.state == State::Staged && isThere(m_staging) && m_staging != m_options.newDir)
+            discard(m_staging); // the old version, where the staged one was
+        else if (journal.state == State::Staged && isThere(m_staging))
+            rename(encoded(m_staging).constData(), encoded(m_backup).constData());
+        UpdateState::removePrivate(m_health);
+        cleanUp();
+        return 0;
+    }
+    say(QStringLiteral("settling an interrupted update: the old version stays"));
+    if (!isThere(m_options.oldDir) && isThere(m_backup)
+        && rename(encoded(m_backup).constData(), encoded(m_options.oldDir).constData()) == 0)
+        step("restore");
+    discard(m_incoming);
+    UpdateState::removePrivate(m_journal);
     return 1;
 }
 

@@ -39,6 +39,9 @@ public:
         /// SOFTWAREUPDATE_HEALTH_FILE); if it does not, or exits first, it is stopped and the old
         /// version put back.
         int healthTimeout = 0;
+        /// Settles an interrupted update instead of installing: the version in the application
+        /// folder stays (it is the one running), the other is dropped, nothing is started.
+        bool settle = false;
     };
     /// Starts a program; true when it started.
     using Starter = std::function<bool(const QString &program, const QString &workingDir)>;
@@ -69,6 +72,7 @@ private:
     Journal readJournal() const;
     bool writeJournal(State state, qint64 pid = 0, const QByteArray &token = QByteArray());
     bool confirmed(const QByteArray &token) const;
+    int settle(const Journal &journal);
     int startAndCheck();
     int notConfirmed(qint64 pid, const QString &why);
     void settleEarlierUpdate(const Journal &earlier);

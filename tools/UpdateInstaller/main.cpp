@@ -1,4 +1,5 @@
 // UpdateInstaller -oldDir <application folder> -newDir <unpacked new version> -exe <program>
+//                 [-healthTimeout <seconds>] [-settle]
 //
 // Replaces the application folder with the new version and starts the program; see FolderSwap.
 // Every step is written to SoftwareUpdate/UpdateInstaller.log in the user's state folder (or to
@@ -19,6 +20,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     FolderSwap::Options options;
     const QStringList args = QCoreApplication::arguments();
+    options.settle = args.contains(QStringLiteral("-settle"));
     for (qsizetype i = 1; i + 1 < args.size(); ++i) {
         if (args.at(i) == u"-oldDir")
             options.oldDir = args.at(++i);
