@@ -42,6 +42,8 @@ using client::Text;
 
 namespace {
 
+const QString kInstallOnQuit = QStringLiteral("installOnQuit");
+
 // Replaces the running process with the updater, which checks that the new version runs.
 void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
                                  const QString &newDir, const QString &exe)
@@ -555,10 +557,53 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
         startZipInstall();
         return;
     }
-    // Not installed now: the unpacked version goes at the next start.
+    // Not installed now: when the host quits (or, without that, the unpacked version goes at
+    // the next start).
     const std::unique_ptr<QSettings> store(openStore());
-    store->setValue(QStringLiteral("updateLeftovers"), QStringList {m_unpackTarget});
+    if (m_installOnQuit) {
+        store->setValue(kInstallOnQuit, QStringList {m_unpackedFolder, m_unpackTarget});
+        armInstallOnQuit();
+    } else {
+        store->setValue(QStringLiteral("updateLeftovers"), QStringList {m_unpackTarget});
+    }
     setInstallRunning(false);
+}
+
+void SoftwareUpdateClient::armInstallOnQuit()
+{
+    if (m_quitHookArmed)
+        return;
+    m_quitHookArmed = true;
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &SoftwareUpdateClient::installOnQuit);
+    progressLine(QStringLiteral("SoftwareUpdateClient -> the update is installed when the "
+                                "application quits"));
+}
+
+// The host quits normally with an update unpacked and accepted for later: a private updater
+// waits for this process to end, swaps the folders and starts nothing.
+void SoftwareUpdateClient::installOnQuit()
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    const QStringList pending = store->value(kInstallOnQuit).toStringList();
+    if (!m_installOnQuit || pending.size() != 2 || !QFileInfo(pending.at(0)).isDir())
+        return;
+    const QString updater = client::privateUpdaterCopy();
+    if (updater.isEmpty())
+        return;
+    store->remove(kInstallOnQuit);
+    store->setValue(QStringLiteral("updateLeftovers"),
+                    QStringList {QFileInfo(updater).path(), pending.at(1)});
+    store->sync();
+    const bool started = QProcess::startDetached(
+        updater,
+        {QStringLiteral("-oldDir"), QCoreApplication::applicationDirPath(),
+         QStringLiteral("-newDir"), pending.at(0), QStringLiteral("-exe"),
+         QFileInfo(QCoreApplication::applicationFilePath()).fileName(),
+         QStringLiteral("-waitFor"), QString::number(QCoreApplication::applicationPid()),
+         QStringLiteral("-noStart")});
+    errorLine(QStringLiteral("SoftwareUpdateClient -> %1 the update in %2 on quit")
+                  .arg(started ? QStringLiteral("installing") : QStringLiteral("could not install"),
+                       pending.at(0)));
 }
 
 void SoftwareUpdateClient::installMSIPackage()

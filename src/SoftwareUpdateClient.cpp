@@ -276,6 +276,15 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
 {
     settleInterruptedUpdate();
     removeUpdateLeftovers();
+    // An update accepted for later in an earlier session is still waiting: it goes in when this
+    // session quits.
+    const std::unique_ptr<QSettings> store(openStore());
+    const QStringList pending = store->value(QStringLiteral("installOnQuit")).toStringList();
+    if (pending.size() == 2 && QFileInfo(pending.at(0)).isDir()
+        && installMode() == CompleteInstall)
+        armInstallOnQuit();
+    else if (!pending.isEmpty())
+        store->remove(QStringLiteral("installOnQuit"));
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {
         // The updater's secret is the confirmation; the file is replaced, never followed.
@@ -285,7 +294,6 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
         if (UpdateState::writePrivate(health, token + '\n'))
             progressLine(QStringLiteral(
                 "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
-        const std::unique_ptr<QSettings> store(openStore());
         store->remove(kUpdateInstalling);
         // Not for the programs this one starts.
         qunsetenv("SOFTWAREUPDATE_HEALTH_FILE");
@@ -299,7 +307,6 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
     UpdateState::removePrivate(note);
     const QString why = QString::fromUtf8(reason).trimmed();
     // The version that did not start is not offered again until a newer one is published.
-    const std::unique_ptr<QSettings> store(openStore());
     const QString failed = Preferences::toText(store->value(kUpdateInstalling));
     store->remove(kUpdateInstalling);
     if (!failed.isEmpty()) {

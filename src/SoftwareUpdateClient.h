@@ -155,6 +155,10 @@ public Q_SLOTS:
     void setWindowFlags(Qt::WindowFlags flags);
     /// Offers the rolled-back releases again from the next check on.
     void forgetRolledBackVersions();
+    /// Whether an update unpacked and accepted with "Restart later" is installed when the host
+    /// quits normally (CompleteInstall; on by default): the updater waits for the process to end,
+    /// swaps the folders and starts nothing. Until then it waits, also across sessions.
+    void setInstallOnQuit(bool on) { m_installOnQuit = on; }
 
 private Q_SLOTS:
     void updateAvailable();
@@ -203,6 +207,8 @@ private:
     void confirmHealthAndNoticeRollBack();
     void removeUpdateLeftovers();
     void settleInterruptedUpdate();
+    void armInstallOnQuit();
+    void installOnQuit();
     QNetworkAccessManager *networkManager();
     void startRequestTimeout();
     void fetchSignature(const QUrl &catalogueUrl);
@@ -239,6 +245,8 @@ private:
     bool m_installRunning = false; ///< a complete install, from Proceed to its hand-over or end
     QString m_installingRelease; ///< the release of the running complete install
     QString m_unpackTarget; ///< where the running complete install unpacks
+    bool m_installOnQuit = true;
+    bool m_quitHookArmed = false;
 };
 
 } // namespace qv

@@ -738,6 +738,45 @@ private Q_SLOTS:
         QVERIFY(QFileInfo::exists(outside));
         QVERIFY(!store().contains("updateLeftovers"));
     }
+
+    // "Restart later" still installs: when the host quits normally, the updater waits for it
+    // to end, swaps the folders and starts nothing. A real host process and the real updater.
+    void restartLaterInstallsOnQuit()
+    {
+        QTemporaryDir parent;
+        const QString app = parent.filePath("Viewer");
+        QVERIFY(QDir().mkpath(app));
+        chmod(QFile::encodeName(parent.path()).constData(), 0755);
+        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
+        QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, app + "/UpdateInstaller"));
+        const QByteArray body
+            = packApplication("viewer-3.0.zip", "exec_helper", "installed-on-quit");
+        m_files["/dl/viewer-3.0.zip"] = body;
+        m_packageAnswer = [this](const TestHttpServer::Request &r) {
+            return Response::ok(m_files.value(r.target));
+        };
+        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
+        QProcess host;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_STATE_HOME", parent.filePath("state"));
+        env.insert("UPDATEINSTALLER_LOG", parent.filePath("UpdateInstaller.log"));
+        host.setProcessEnvironment(env);
+        host.start(app + "/exec_helper",
+                   {"completeInstall", url(), m_signer->publicKey(), "later"});
+        QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
+        const QString said = QString::fromUtf8(host.readAllStandardOutput());
+        QVERIFY2(host.exitCode() == 0 && said.contains("Restart required"), qPrintable(said));
+        // The updater, waiting for the host to end, installs now.
+        const auto read = [](const QString &path) {
+            QFile f(path);
+            return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(read(app + "/exec_helper").contains("installed-on-quit"), 20000);
+        const QByteArray account = read(parent.filePath("UpdateInstaller.log"));
+        QVERIFY2(account.contains("waiting for process")
+                     && account.contains("installed when it quit"),
+                 account.constData());
+    }
 };
 
 QTEST_MAIN(TestTrust)

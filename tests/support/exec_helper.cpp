@@ -3,7 +3,8 @@
 //   exec_helper host
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
-//   exec_helper completeInstall <catalogue URL> <trusted key>   (check, Install, Restart now)
+//   exec_helper completeInstall <catalogue URL> <trusted key> [later]
+//                                    (check, Install, Restart now; or Restart later, then quit)
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
 
@@ -67,7 +68,9 @@ int main(int argc, char **argv)
         }
         return 3;
     }
-    if (args.value(1) == u"completeInstall" && args.size() == 4) {
+    if (args.value(1) == u"completeInstall" && (args.size() == 4 || args.size() == 5)) {
+        // With "later" as a fifth argument, "Restart later" is chosen and the host then quits.
+        const bool later = args.value(4) == u"later";
         // A host of version 2.9 that installs what its signed catalogue offers, answering every
         // box (printed) with Proceed, Restart now or OK. Exit 5 after an "Installation failed"
         // box; "Restart now" replaces the process with the updater.
@@ -81,7 +84,7 @@ int main(int argc, char **argv)
         client.setInteractive(false);
         QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
         auto *answer = new QTimer(&app);
-        QObject::connect(answer, &QTimer::timeout, [] {
+        QObject::connect(answer, &QTimer::timeout, [later] {
             auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
             if (!box)
                 return;
@@ -89,8 +92,12 @@ int main(int argc, char **argv)
             std::fflush(stdout);
             if (box->windowTitle() == u"Installation failed")
                 QTimer::singleShot(0, [] { QCoreApplication::exit(5); });
+            const QString restart
+                = later ? QStringLiteral("Restart later") : QStringLiteral("Restart now");
+            if (later && box->windowTitle() == u"Restart required")
+                QTimer::singleShot(0, [] { QCoreApplication::quit(); });
             for (QAbstractButton *b : box->buttons()) {
-                if (b->text() == u"Proceed" || b->text() == u"Restart now" || b->text() == u"OK") {
+                if (b->text() == u"Proceed" || b->text() == restart || b->text() == u"OK") {
                     b->click();
                     return;
                 }

@@ -331,8 +331,10 @@ bool FolderSwap::discard(const QString &path)
 bool FolderSwap::startProgram(const QString &folder)
 {
     const QString program = folder + QLatin1Char('/') + m_options.exe;
-    if (m_options.settle) {
-        say(QStringLiteral("not starting %1: the program is running already").arg(program));
+    if (m_options.settle || m_options.noStart) {
+        say(QStringLiteral("not starting %1 (%2)")
+                .arg(program, m_options.settle ? QStringLiteral("it is running already")
+                                               : QStringLiteral("installed when it quit")));
         return true;
     }
     const bool ok = m_starter(program, folder);
@@ -615,7 +617,7 @@ int FolderSwap::startNewVersion()
         rollBack(QStringLiteral("cannot write the journal"));
         return 1;
     }
-    if (m_options.healthTimeout > 0)
+    if (m_options.healthTimeout > 0 && !m_options.noStart)
         return startAndCheck();
     if (!startProgram(m_options.oldDir)) {
         rollBack(QStringLiteral("the new program did not start"));

@@ -42,6 +42,9 @@ public:
         /// Settles an interrupted update instead of installing: the version in the application
         /// folder stays (it is the one running), the other is dropped, nothing is started.
         bool settle = false;
+        /// Installs without starting the program (an install when the host quits): no health
+        /// check, and a roll-back starts nothing either.
+        bool noStart = false;
     };
     /// Starts a program; true when it started.
     using Starter = std::function<bool(const QString &program, const QString &workingDir)>;

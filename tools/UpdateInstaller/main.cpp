@@ -1,5 +1,5 @@
 // UpdateInstaller -oldDir <application folder> -newDir <unpacked new version> -exe <program>
-//                 [-healthTimeout <seconds>] [-settle]
+//                 [-healthTimeout <seconds>] [-settle] [-waitFor <pid> -noStart]
 //
 // Replaces the application folder with the new version and starts the program; see FolderSwap.
 // Every step is written to SoftwareUpdate/UpdateInstaller.log in the user's state folder (or to
@@ -12,8 +12,11 @@
 #include <QFile>
 #include <QProcess>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+
+#include <unistd.h>
 
 int main(int argc, char **argv)
 {
@@ -21,6 +24,8 @@ int main(int argc, char **argv)
     FolderSwap::Options options;
     const QStringList args = QCoreApplication::arguments();
     options.settle = args.contains(QStringLiteral("-settle"));
+    options.noStart = args.contains(QStringLiteral("-noStart"));
+    qint64 waitFor = 0;
     for (qsizetype i = 1; i + 1 < args.size(); ++i) {
         if (args.at(i) == u"-oldDir")
             options.oldDir = args.at(++i);
@@ -30,6 +35,8 @@ int main(int argc, char **argv)
             options.exe = args.at(++i);
         else if (args.at(i) == u"-healthTimeout")
             options.healthTimeout = qMax(1, args.at(++i).toInt());
+        else if (args.at(i) == u"-waitFor")
+            waitFor = args.at(++i).toLongLong();
     }
 
     // The user's state folder ($XDG_STATE_HOME, else ~/.local/state): the program's own folder
@@ -65,6 +72,12 @@ int main(int argc, char **argv)
     const auto starter = [](const QString &program, const QString &folder) {
         return QProcess::startDetached(program, {}, folder);
     };
+    // Installed when the host quits: nothing moves before that process has ended.
+    if (waitFor > 0) {
+        log << "waiting for process " << waitFor << " to end" << Qt::endl;
+        while (kill(pid_t(waitFor), 0) == 0 || errno == EPERM)
+            usleep(100 * 1000);
+    }
     FolderSwap swap(options, log, starter, hook);
     const int result = swap.run();
     if (result != 0)
