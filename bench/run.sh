@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
-# in the same run.  bench/run.sh [catalogue|download|unzip]
+# in the same run.  bench/run.sh [catalogue|download|unzip|swap]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
@@ -20,4 +20,7 @@ if [ "$what" = all ] || [ "$what" = download ]; then
 fi
 if [ "$what" = all ] || [ "$what" = unzip ]; then
   "$build/bench/unzip_bench"
+fi
+if [ "$what" = all ] || [ "$what" = swap ]; then
+  bench/swap_bench.sh "$build/tools/UpdateInstaller/UpdateInstaller"
 fi
