@@ -516,12 +516,13 @@ void SoftwareUpdateClient::installCompletePackage()
     m_unpackTarget = target;
     auto *unpacker = new DownloadManager();
     unpacker->setParent(this);
+    // The emptied download folder goes first: the restart question may end the process.
+    removeDownloadFolderWhenUnpacked(unpacker);
     connect(unpacker, &DownloadManager::unzippingDone, this,
             [this, unpacker](const QString &folder) {
                 unpacker->deleteLater();
                 completePackageUnpacked(folder);
             });
-    removeDownloadFolderWhenUnpacked(unpacker);
     unpacker->unzipPackage(m_downloadedFilePath, target);
 }
 
@@ -598,9 +599,8 @@ void SoftwareUpdateClient::installOnQuit()
         updater,
         {QStringLiteral("-oldDir"), QCoreApplication::applicationDirPath(),
          QStringLiteral("-newDir"), pending.at(0), QStringLiteral("-exe"),
-         QFileInfo(QCoreApplication::applicationFilePath()).fileName(),
-         QStringLiteral("-waitFor"), QString::number(QCoreApplication::applicationPid()),
-         QStringLiteral("-noStart")});
+         QFileInfo(QCoreApplication::applicationFilePath()).fileName(), QStringLiteral("-waitFor"),
+         QString::number(QCoreApplication::applicationPid()), QStringLiteral("-noStart")});
     errorLine(QStringLiteral("SoftwareUpdateClient -> %1 the update in %2 on quit")
                   .arg(started ? QStringLiteral("installing") : QStringLiteral("could not install"),
                        pending.at(0)));

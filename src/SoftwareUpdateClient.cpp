@@ -280,8 +280,7 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
     // session quits.
     const std::unique_ptr<QSettings> store(openStore());
     const QStringList pending = store->value(QStringLiteral("installOnQuit")).toStringList();
-    if (pending.size() == 2 && QFileInfo(pending.at(0)).isDir()
-        && installMode() == CompleteInstall)
+    if (pending.size() == 2 && QFileInfo(pending.at(0)).isDir() && installMode() == CompleteInstall)
         armInstallOnQuit();
     else if (!pending.isEmpty())
         store->remove(QStringLiteral("installOnQuit"));

@@ -618,6 +618,11 @@ private Q_SLOTS:
         QTest::newRow("too little space to unpack: refused")
             << 0755 << ""
             << "There is not enough free disk space to unpack the update";
+        // Nothing can be made beside the application: it is unpacked in the temporary folder,
+        // and the update goes on.
+        QTest::newRow("read-only beside the application: unpacked in the temporary folder")
+            << 0755 << "ours "
+            << "read-only";
     }
     void updaterThatRuns()
     {
@@ -649,20 +654,23 @@ private Q_SLOTS:
 
         QProcess host;
         const QStringList hostArgs {"completeInstall", url(), m_signer->publicKey()};
-        if (box.contains("free disk space")) {
+        if (box.contains("free disk space") || box == "read-only") {
             const QString small = parent.filePath("small");
             QVERIFY(QDir().mkpath(small));
             // Room for the program and little more: less than any package needs to unpack.
             const QString room
                 = QString::number(QFileInfo(app + "/exec_helper").size() / 1024 + 4096) + "k";
-            host.start("unshare",
-                       QStringList {"--mount", "--propagation", "private", "sh", "-c",
-                                    "mount -t tmpfs -o size=" + room
-                                        + ",mode=0755 tmpfs \"$0\" "
-                                          "&& cp -a \"$1\" \"$0/\" && exec \"$0/Viewer/"
-                                          "exec_helper\" \"$2\" \"$3\" \"$4\"",
-                                    small, app}
-                           + hostArgs);
+            host.start(
+                "unshare",
+                QStringList {"--mount", "--propagation", "private", "sh", "-c",
+                             "mount -t tmpfs -o size=" + room
+                                 + ",mode=0755 tmpfs \"$0\" "
+                                   "&& cp -a \"$1\" \"$0/\" "
+                                 + (box == "read-only" ? "&& mount -o remount,ro \"$0\" " : "")
+                                 + "&& exec \"$0/Viewer/"
+                                   "exec_helper\" \"$2\" \"$3\" \"$4\"",
+                             small, app}
+                    + hostArgs);
         } else {
             host.start(app + "/exec_helper", hostArgs);
         }
@@ -686,6 +694,10 @@ private Q_SLOTS:
             QVERIFY(!m_asked.contains("/dl/viewer-3.0.zip") || box.contains("free disk space"));
         } else {
             QVERIFY2(said.contains("Restart required"), qPrintable(said));
+            // Left in the temporary folder: the updater's copy (and the unpacked version, when
+            // nothing could be made beside the application), for the next start to remove.
+            QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(),
+                     box == "read-only" ? 2 : 1);
         }
         chmod(QFile::encodeName(parent.path()).constData(), 0700);
     }
