@@ -58,6 +58,18 @@ class TestUpdateInstaller : public QObject {
             app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
     }
 
+    // Viewer in version v1, the unpacked v2 doing `start` when started, and the updater's
+    // arguments for them with a health check of `seconds`.
+    QStringList healthCheckedUpdate(const QByteArray &start, int seconds)
+    {
+        makeApp(m_dir.filePath("Viewer"), "v1");
+        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
+        return {"-oldDir",        m_dir.filePath("Viewer"),
+                "-newDir",        m_dir.filePath("unpacked"),
+                "-exe",           "app",
+                "-healthTimeout", QString::number(seconds)};
+    }
+
     // A file the updater keeps for `app` in the user's private state folder.
     static QString side(const QString &app, const char *name)
     {
@@ -219,10 +231,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, start);
         QFETCH(QString, why);
         const QString app = m_dir.filePath("Viewer");
-        makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
-        const QStringList args {"-oldDir", app,   "-newDir",        m_dir.filePath("unpacked"),
-                                "-exe",    "app", "-healthTimeout", "1"};
+        const QStringList args = healthCheckedUpdate(start, 1);
         QCOMPARE(runInstaller(args), why.isEmpty() ? 0 : 1);
         QVERIFY(!QFileInfo::exists(side(app, "journal")));
         QVERIFY(!QFileInfo::exists(side(app, "health")));
@@ -308,10 +317,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, start);
         QFETCH(QString, remains);
         const QString app = m_dir.filePath("Viewer");
-        makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
-        const QStringList args {"-oldDir", app,   "-newDir",        m_dir.filePath("unpacked"),
-                                "-exe",    "app", "-healthTimeout", "20"};
+        const QStringList args = healthCheckedUpdate(start, 20);
         QCOMPARE(runInstaller(args, "start"), -1);
         QTRY_VERIFY(started().contains("v2"));
         if (remains == "v2")
