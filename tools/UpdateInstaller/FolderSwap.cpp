@@ -333,8 +333,9 @@ bool FolderSwap::startProgram(const QString &folder)
     const QString program = folder + QLatin1Char('/') + m_options.exe;
     if (m_options.settle || m_options.noStart) {
         say(QStringLiteral("not starting %1 (%2)")
-                .arg(program, m_options.settle ? QStringLiteral("it is running already")
-                                               : QStringLiteral("installed when it quit")));
+                .arg(program,
+                     m_options.settle ? QStringLiteral("it is running already")
+                                      : QStringLiteral("installed when it quit")));
         return true;
     }
     const bool ok = m_starter(program, folder);
