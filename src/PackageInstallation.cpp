@@ -562,12 +562,34 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
     // the next start).
     const std::unique_ptr<QSettings> store(openStore());
     if (m_installOnQuit) {
-        store->setValue(kInstallOnQuit, QStringList {m_unpackedFolder, m_unpackTarget});
+        store->setValue(kInstallOnQuit,
+                        QStringList {m_unpackedFolder, m_unpackTarget, m_installingRelease,
+                                     QString::number(QCoreApplication::applicationPid())});
         armInstallOnQuit();
     } else {
         store->setValue(QStringLiteral("updateLeftovers"), QStringList {m_unpackTarget});
     }
     setInstallRunning(false);
+}
+
+// An update accepted for later in a session that did not quit normally: it goes in now, at the
+// start of this one, as "Restart now" would have put it in (the host has set its keys and
+// options by the time the event loop runs this).
+void SoftwareUpdateClient::installPendingAtStart()
+{
+    const std::unique_ptr<QSettings> store(openStore());
+    const QStringList pending = store->value(kInstallOnQuit).toStringList();
+    if (pending.size() != 4 || !QFileInfo(pending.at(0)).isDir() || !m_installOnQuit
+        || m_trustedKeyTexts.isEmpty() || installMode() != CompleteInstall)
+        return;
+    store->remove(kInstallOnQuit);
+    progressLine(QStringLiteral("SoftwareUpdateClient -> installing the update accepted for "
+                                "later in an earlier session: ")
+                 + pending.at(0));
+    m_unpackedFolder = pending.at(0);
+    m_unpackTarget = pending.at(1);
+    m_installingRelease = pending.at(2);
+    startZipInstall();
 }
 
 void SoftwareUpdateClient::armInstallOnQuit()
@@ -586,7 +608,7 @@ void SoftwareUpdateClient::installOnQuit()
 {
     const std::unique_ptr<QSettings> store(openStore());
     const QStringList pending = store->value(kInstallOnQuit).toStringList();
-    if (!m_installOnQuit || pending.size() != 2 || !QFileInfo(pending.at(0)).isDir())
+    if (!m_installOnQuit || pending.size() != 4 || !QFileInfo(pending.at(0)).isDir())
         return;
     const QString updater = client::privateUpdaterCopy();
     if (updater.isEmpty())

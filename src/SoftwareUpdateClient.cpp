@@ -276,14 +276,19 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
 {
     settleInterruptedUpdate();
     removeUpdateLeftovers();
-    // An update accepted for later in an earlier session is still waiting: it goes in when this
-    // session quits.
+    // An update accepted for later in an earlier session is still waiting.
     const std::unique_ptr<QSettings> store(openStore());
+    // When that session did not quit normally (or the update would be in), it goes in now.
     const QStringList pending = store->value(QStringLiteral("installOnQuit")).toStringList();
-    if (pending.size() == 2 && QFileInfo(pending.at(0)).isDir() && installMode() == CompleteInstall)
-        armInstallOnQuit();
-    else if (!pending.isEmpty())
+    if (pending.size() == 4 && QFileInfo(pending.at(0)).isDir()
+        && installMode() == CompleteInstall) {
+        if (pending.at(3) == QString::number(QCoreApplication::applicationPid()))
+            armInstallOnQuit(); // accepted through another client of this same session
+        else
+            QTimer::singleShot(0, this, &SoftwareUpdateClient::installPendingAtStart);
+    } else if (!pending.isEmpty()) {
         store->remove(QStringLiteral("installOnQuit"));
+    }
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {
         // The updater's secret is the confirmation; the file is replaced, never followed.

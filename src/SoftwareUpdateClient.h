@@ -157,7 +157,8 @@ public Q_SLOTS:
     void forgetRolledBackVersions();
     /// Whether an update unpacked and accepted with "Restart later" is installed when the host
     /// quits normally (CompleteInstall; on by default): the updater waits for the process to end,
-    /// swaps the folders and starts nothing. Until then it waits, also across sessions.
+    /// swaps the folders and starts nothing. When that session did not quit normally, the update
+    /// is installed at the next start instead, as "Restart now" would (once the event loop runs).
     void setInstallOnQuit(bool on) { m_installOnQuit = on; }
 
 private Q_SLOTS:
@@ -208,6 +209,7 @@ private:
     void removeUpdateLeftovers();
     void settleInterruptedUpdate();
     void armInstallOnQuit();
+    void installPendingAtStart();
     void installOnQuit();
     QNetworkAccessManager *networkManager();
     void startRequestTimeout();

@@ -789,6 +789,48 @@ private Q_SLOTS:
                      && account.contains("installed when it quit"),
                  account.constData());
     }
+
+    // When the session that accepted the update for later did not quit normally, the next start
+    // installs it, as "Restart now" would: the new version runs and confirms.
+    void restartLaterInstallsAtTheNextStartAfterACrash()
+    {
+        QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTestHelper", "Viewer").clear();
+        QTemporaryDir parent;
+        const QString app = parent.filePath("Viewer");
+        const QString marker = parent.filePath("new-version-ran");
+        QVERIFY(QDir().mkpath(app));
+        chmod(QFile::encodeName(parent.path()).constData(), 0755);
+        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
+        QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, app + "/UpdateInstaller"));
+        // The new version notes that it ran, then is a host that confirms by itself.
+        const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper",
+                                                "yes > \"" + marker.toUtf8()
+                                                    + "\"\nexec \"" SUC_EXEC_HELPER "\" host");
+        m_files["/dl/viewer-3.0.zip"] = body;
+        m_packageAnswer = [this](const TestHttpServer::Request &r) {
+            return Response::ok(m_files.value(r.target));
+        };
+        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("XDG_STATE_HOME", parent.filePath("state"));
+        env.insert("UPDATEINSTALLER_LOG", parent.filePath("UpdateInstaller.log"));
+        const auto run = [&](const QStringList &args) {
+            QProcess host;
+            host.setProcessEnvironment(env);
+            host.start(app + "/exec_helper", args);
+            return host.waitForStarted()
+                && QTest::qWaitFor([&] { return host.state() == QProcess::NotRunning; }, 60000)
+                && host.exitStatus() == QProcess::NormalExit && host.exitCode() == 0;
+        };
+        QVERIFY(run({"completeInstall", url(), m_signer->publicKey(), "later-crash"}));
+        QVERIFY(!QFileInfo::exists(marker)); // not installed: that session did not quit normally
+        QVERIFY(run({"start", m_signer->publicKey()})); // replaced by the updater, which succeeds
+        QTRY_VERIFY(QFileInfo::exists(marker));
+        QFile log(parent.filePath("UpdateInstaller.log"));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        QVERIFY2(log.readAll().contains("the new version confirmed that it runs"),
+                 qPrintable(parent.filePath("UpdateInstaller.log")));
+    }
 };
 
 QTEST_MAIN(TestTrust)

@@ -3,8 +3,10 @@
 //   exec_helper host
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
-//   exec_helper completeInstall <catalogue URL> <trusted key> [later]
-//                                    (check, Install, Restart now; or Restart later, then quit)
+//   exec_helper completeInstall <catalogue URL> <trusted key> [later|later-crash]
+//                                    (check, Install, Restart now; or Restart later, then quit,
+//                                     or end without a normal quit)
+//   exec_helper start <trusted key>  (a host that only starts, in CompleteInstall)
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
 
@@ -21,6 +23,8 @@
 #include <QTimer>
 
 #include <cstdio>
+
+#include <unistd.h>
 
 int main(int argc, char **argv)
 {
@@ -70,7 +74,8 @@ int main(int argc, char **argv)
     }
     if (args.value(1) == u"completeInstall" && (args.size() == 4 || args.size() == 5)) {
         // With "later" as a fifth argument, "Restart later" is chosen and the host then quits.
-        const bool later = args.value(4) == u"later";
+        const bool later = args.value(4).startsWith(u"later");
+        const bool crash = args.value(4) == u"later-crash"; // ends without a normal quit
         // A host of version 2.9 that installs what its signed catalogue offers, answering every
         // box (printed) with Proceed, Restart now or OK. Exit 5 after an "Installation failed"
         // box; "Restart now" replaces the process with the updater.
@@ -84,7 +89,7 @@ int main(int argc, char **argv)
         client.setInteractive(false);
         QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
         auto *answer = new QTimer(&app);
-        QObject::connect(answer, &QTimer::timeout, [later] {
+        QObject::connect(answer, &QTimer::timeout, [later, crash] {
             auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
             if (!box)
                 return;
@@ -95,7 +100,11 @@ int main(int argc, char **argv)
             const QString restart
                 = later ? QStringLiteral("Restart later") : QStringLiteral("Restart now");
             if (later && box->windowTitle() == u"Restart required")
-                QTimer::singleShot(0, [] { QCoreApplication::quit(); });
+                QTimer::singleShot(0, [crash] {
+                    if (crash)
+                        _exit(0);
+                    QCoreApplication::quit();
+                });
             for (QAbstractButton *b : box->buttons()) {
                 if (b->text() == u"Proceed" || b->text() == restart || b->text() == u"OK") {
                     b->click();
@@ -112,6 +121,20 @@ int main(int argc, char **argv)
         QTimer::singleShot(30000, [] { QCoreApplication::exit(3); });
         return app.exec();
     }
-    std::fprintf(stderr, "usage: exec_helper startUpdate|runZipInstaller|completeInstall ...\n");
+    if (args.value(1) == u"start" && args.size() == 3) {
+        // The same host started again: it only runs (an update left for later goes in now).
+        QStandardPaths::setTestModeEnabled(true);
+        QCoreApplication::setOrganizationName("SucTestHelper");
+        QCoreApplication::setApplicationName("Viewer");
+        qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::CompleteInstall);
+        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9"), "http://127.0.0.1:9/x",
+                                        nullptr);
+        client.setTrustedKeys({args.at(2)});
+        QTimer::singleShot(10000, [] { QCoreApplication::exit(3); });
+        return app.exec();
+    }
+    std::fprintf(stderr,
+                 "usage: exec_helper startUpdate|runZipInstaller|completeInstall|start ...\n");
     return 2;
 }
