@@ -336,7 +336,7 @@ private Q_SLOTS:
         const QString app = m_dir.filePath("Viewer");
         const QString other = otherFileSystem(m_dir.path());
         int killedMidway = 0;
-        for (int i = 0; i < 150; ++i) {
+        for (int i = 0; i < 300; ++i) {
             QDir(app).removeRecursively();
             makeApp(app, "v1");
             QScopedPointer<QTemporaryDir> elsewhere;
@@ -364,7 +364,7 @@ private Q_SLOTS:
                      qPrintable(QString("iteration %1\n%2").arg(i).arg(log())));
             QVERIFY(!QFileInfo::exists(side(app, "journal")));
         }
-        qInfo("%d of 150 runs were killed before they ended", killedMidway);
+        qInfo("%d of 300 runs were killed before they ended", killedMidway);
     }
 
     // Killed after a step, then the program is started again by the user (or at boot): its
