@@ -80,6 +80,9 @@ public:
     /// Sends the catalogue request; the outcome arrives later (up to date, packages found,
     /// an error or a timeout after 15 s).
     void performUpdateCheck(const QUrl &url);
+    /// How long one catalogue request may take before the check fails as a timeout (15,000 ms
+    /// unless changed; a test or a host on a slow link may change it).
+    void setRequestTimeout(int milliseconds) { m_requestTimeout = qMax(1, milliseconds); }
     /// Reads the catalogue and keeps the newer packages for the application and each camera;
     /// 1 when the catalogue held no package at all.
     int parseServerResponse(QNetworkReply *reply);
@@ -248,6 +251,7 @@ private:
     QString m_installingRelease; ///< the release of the running complete install
     QString m_unpackTarget; ///< where the running complete install unpacks
     bool m_installOnQuit = true;
+    int m_requestTimeout = 15000;
     bool m_quitHookArmed = false;
 };
 

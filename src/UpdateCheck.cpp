@@ -25,7 +25,6 @@ namespace qv {
 
 namespace {
 
-const int kRequestTimeout = 15000;
 // With trusted keys, a check ends: at most this many redirects, all within this deadline.
 const int kMaxRedirects = 20;
 const int kCheckDeadline = 60000;
@@ -245,8 +244,8 @@ void SoftwareUpdateClient::startRequestTimeout()
     // With trusted keys each hop has its 15 s, and the whole check its 60 s.
     const qint64 left = kCheckDeadline - m_checkClock.elapsed();
     m_requestTimeoutTimer->start(m_trustedKeyTexts.isEmpty()
-                                     ? kRequestTimeout
-                                     : int(qBound(qint64(0), left, qint64(kRequestTimeout))));
+                                     ? m_requestTimeout
+                                     : int(qBound(qint64(0), left, qint64(m_requestTimeout))));
 }
 
 // The catalogue's signature: fetched beside it when trusted keys are set, following redirects.

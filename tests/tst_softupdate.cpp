@@ -440,24 +440,25 @@ private Q_SLOTS:
     {
         QTest::addColumn<bool>("encrypted");
         QTest::addColumn<QString>("signer"); // "softupdate", "minisign", "minisign legacy"
-        for (bool encrypted : {false, true}) {
-            for (const char *signer : {"softupdate", "minisign", "minisign legacy"})
-                QTest::newRow(qPrintable(
-                    QString("%1, %2 signs").arg(encrypted ? "encrypted key" : "plain key", signer)))
-                    << encrypted << QString(signer);
-        }
+        // Only softupdate decrypts a key: verifying never depends on how the secret is kept.
+        for (const char *signer : {"softupdate", "minisign", "minisign legacy"})
+            QTest::newRow(qPrintable(QString("plain key, %1 signs").arg(signer)))
+                << false << QString(signer);
+        QTest::newRow("encrypted key, softupdate signs") << true << QString("softupdate");
     }
     void signaturesInterchange()
     {
         QFETCH(bool, encrypted);
         QFETCH(QString, signer);
-        const QString pub = m_dir.filePath("k.pub"), sec = m_dir.filePath("k.key");
-        QFile::remove(pub);
-        QFile::remove(sec);
-        QStringList generate {"-G", "-f", "-p", pub, "-s", sec};
-        if (!encrypted)
-            generate << "-W";
-        QVERIFY(minisign(generate, "pw\npw\n"));
+        // One pair of each kind for all rows: an encrypted key costs a slow key derivation.
+        const QString kind = encrypted ? "encrypted" : "plain";
+        const QString pub = m_dir.filePath(kind + ".pub"), sec = m_dir.filePath(kind + ".key");
+        if (!QFileInfo::exists(sec)) {
+            QStringList generate {"-G", "-f", "-p", pub, "-s", sec};
+            if (!encrypted)
+                generate << "-W";
+            QVERIFY(minisign(generate, "pw\npw\n"));
+        }
         const QString catalogue
             = writeFile("signed.xml", "<softwareList serial='3' expires='2030-01-01'/>");
         QFile::remove(catalogue + ".minisig");
