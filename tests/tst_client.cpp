@@ -68,7 +68,7 @@ class TestClient : public QObject {
     }
     static QSettings store()
     {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "Viewer");
+        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-client", "Viewer");
     }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
     {
@@ -105,7 +105,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setOrganizationName("SucTest-client");
         QCoreApplication::setApplicationName("Viewer");
         SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
         m_server.route("/list.xml", [this](const QHttpServerRequest &) {

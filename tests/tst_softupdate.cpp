@@ -58,7 +58,8 @@ class TestSoftupdate : public QObject {
     static QStringList clientRows(const QString &catalogueUrl, const QStringList &keys,
                                   const SoftUpCurrentCameraVersions &cameras)
     {
-        QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "Viewer").clear();
+        QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-softupdate", "Viewer")
+            .clear();
         qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9.1"), catalogueUrl,
                                         nullptr);
         client.setTrustedKeys(keys);
@@ -98,7 +99,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setOrganizationName("SucTest-softupdate");
         QCoreApplication::setApplicationName("Viewer");
         qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
     }

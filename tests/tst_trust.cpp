@@ -50,7 +50,7 @@ class TestTrust : public QObject {
 
     static QSettings store()
     {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "Viewer");
+        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-trust", "Viewer");
     }
     QString url(const QByteArray &path = "/list.xml") const
     {
@@ -181,7 +181,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest");
+        QCoreApplication::setOrganizationName("SucTest-trust");
         QCoreApplication::setApplicationName("Viewer");
         SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
         m_signer.reset(new MinisignTool(m_dir.filePath("keys")));
