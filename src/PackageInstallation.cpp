@@ -42,8 +42,6 @@ using client::Text;
 
 namespace {
 
-const QString kInstallOnQuit = QStringLiteral("installOnQuit");
-
 // Replaces the running process with the updater, which checks that the new version runs.
 void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
                                  const QString &newDir, const QString &exe)
@@ -428,17 +426,17 @@ void SoftwareUpdateClient::startPrivateUpdater()
     if (installMode() == CompleteInstall) {
         // Remembered until the new version confirms, or is rolled back and then not offered again.
         const std::unique_ptr<QSettings> store(openStore());
-        store->setValue(QStringLiteral("updateInstalling"), m_installingRelease);
+        store->setValue(client::kUpdateInstalling, m_installingRelease);
         // What the next start removes, whichever version it is: the unpacked package's
         // temporary folder and the updater's copy.
-        store->setValue(QStringLiteral("updateLeftovers"), QStringList {folder, m_unpackTarget});
+        store->setValue(client::kUpdateLeftovers, QStringList {folder, m_unpackTarget});
         store->sync();
         startUpdaterWithHealthCheck(updater, applicationFolder, m_unpackedFolder, executable);
     } else
         DownloadManager::startUpdate(updater, applicationFolder, m_unpackedFolder, executable);
     errorLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> could not start ")
               + updater);
-    std::unique_ptr<QSettings>(openStore())->remove(QStringLiteral("updateInstalling"));
+    std::unique_ptr<QSettings>(openStore())->remove(client::kUpdateInstalling);
     FileUtils::erase(folder);
     setInstallRunning(false);
     showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
@@ -562,12 +560,12 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
     // the next start).
     const std::unique_ptr<QSettings> store(openStore());
     if (m_installOnQuit) {
-        store->setValue(kInstallOnQuit,
+        store->setValue(client::kInstallOnQuit,
                         QStringList {m_unpackedFolder, m_unpackTarget, m_installingRelease,
                                      QString::number(QCoreApplication::applicationPid())});
         armInstallOnQuit();
     } else {
-        store->setValue(QStringLiteral("updateLeftovers"), QStringList {m_unpackTarget});
+        store->setValue(client::kUpdateLeftovers, QStringList {m_unpackTarget});
     }
     setInstallRunning(false);
 }
@@ -578,11 +576,11 @@ void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
 void SoftwareUpdateClient::installPendingAtStart()
 {
     const std::unique_ptr<QSettings> store(openStore());
-    const QStringList pending = store->value(kInstallOnQuit).toStringList();
-    if (pending.size() != 4 || !QFileInfo(pending.at(0)).isDir() || !m_installOnQuit
-        || m_trustedKeyTexts.isEmpty() || installMode() != CompleteInstall)
+    const QStringList pending = client::pendingInstall(*store);
+    if (pending.isEmpty() || !m_installOnQuit || m_trustedKeyTexts.isEmpty()
+        || installMode() != CompleteInstall)
         return;
-    store->remove(kInstallOnQuit);
+    store->remove(client::kInstallOnQuit);
     progressLine(QStringLiteral("SoftwareUpdateClient -> installing the update accepted for "
                                 "later in an earlier session: ")
                  + pending.at(0));
@@ -607,14 +605,14 @@ void SoftwareUpdateClient::armInstallOnQuit()
 void SoftwareUpdateClient::installOnQuit()
 {
     const std::unique_ptr<QSettings> store(openStore());
-    const QStringList pending = store->value(kInstallOnQuit).toStringList();
-    if (!m_installOnQuit || pending.size() != 4 || !QFileInfo(pending.at(0)).isDir())
+    const QStringList pending = client::pendingInstall(*store);
+    if (!m_installOnQuit || pending.isEmpty())
         return;
     const QString updater = client::privateUpdaterCopy();
     if (updater.isEmpty())
         return;
-    store->remove(kInstallOnQuit);
-    store->setValue(QStringLiteral("updateLeftovers"),
+    store->remove(client::kInstallOnQuit);
+    store->setValue(client::kUpdateLeftovers,
                     QStringList {QFileInfo(updater).path(), pending.at(1)});
     store->sync();
     const bool started = QProcess::startDetached(

@@ -28,6 +28,9 @@
 namespace qv {
 
 using client::errorLine;
+using client::kRolledBackVersions;
+using client::kUpdateInstalling;
+using client::kUpdateLeftovers;
 using client::progressLine;
 using client::Text;
 
@@ -47,10 +50,6 @@ const QString kSupportedPlatforms = QStringLiteral("supportedPlatforms");
 const QString kSupportedPackageTypes = QStringLiteral("supportedPackageTypes");
 const QString kInstallablePackageTypes = QStringLiteral("installablePackageTypes");
 const QString kCurrentCameraVersions = QStringLiteral("currentCameraVersions");
-// Complete installs: the release handed to the updater, and the releases that were rolled back.
-const QString kUpdateInstalling = QStringLiteral("updateInstalling");
-const QString kRolledBackVersions = QStringLiteral("rolledBackVersions");
-const QString kUpdateLeftovers = QStringLiteral("updateLeftovers");
 
 const int kCheckTimerInterval = 3600 * 1000;
 
@@ -279,15 +278,14 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
     // An update accepted for later in an earlier session is still waiting.
     const std::unique_ptr<QSettings> store(openStore());
     // When that session did not quit normally (or the update would be in), it goes in now.
-    const QStringList pending = store->value(QStringLiteral("installOnQuit")).toStringList();
-    if (pending.size() == 4 && QFileInfo(pending.at(0)).isDir()
-        && installMode() == CompleteInstall) {
+    const QStringList pending = client::pendingInstall(*store);
+    if (!pending.isEmpty() && installMode() == CompleteInstall) {
         if (pending.at(3) == QString::number(QCoreApplication::applicationPid()))
             armInstallOnQuit(); // accepted through another client of this same session
         else
             QTimer::singleShot(0, this, &SoftwareUpdateClient::installPendingAtStart);
-    } else if (!pending.isEmpty()) {
-        store->remove(QStringLiteral("installOnQuit"));
+    } else {
+        store->remove(client::kInstallOnQuit);
     }
     const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
     if (!health.isEmpty()) {
