@@ -203,6 +203,8 @@ public Q_SLOTS:
     void unzipPackage(const QString &packageFile);
     /// The same into `targetFolder`, which must exist (and is removed when unpacking fails).
     void unzipPackage(const QString &packageFile, const QString &targetFolder);
+    /// Whether a failed unpacking is shown in a box (the default) besides unzippingFailed().
+    void setUnpackErrorBox(bool on) { unpackErrorBox = on; }
     /// Replaces the running process with the updater program, passing "-oldDir"
     /// `installationPath`, "-newDir" `tempApplicationPath` and "-exe" `newApplication`. Returns
     /// only when the program could not be started.
@@ -241,6 +243,8 @@ Q_SIGNALS:
     void unzippingDone(QString folder);
     /// The downloaded file was not the published package (its hash differs); it was erased.
     void downloadVerificationFailed(qv::PackageInfo pack);
+    /// Unpacking failed (`message` says why); the unpacked part was removed.
+    void unpackingFailed(const QString &message);
 
 private Q_SLOTS:
     void queryResult(RequestPtr resp);
@@ -278,6 +282,7 @@ private:
     QString unpackFolder;
     PackageInfo installPackageInfo;
     QString installTexts[3];
+    bool unpackErrorBox = true;
 };
 
 } // namespace qv

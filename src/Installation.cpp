@@ -60,6 +60,9 @@ void DownloadManager::unzippingFailed(const QString &message)
 {
     // Whatever was unpacked before the failure is of no use to anybody.
     FileUtils::erase(unpackFolder);
+    Q_EMIT unpackingFailed(message);
+    if (!unpackErrorBox)
+        return;
     QMessageBox box(
         QMessageBox::Critical, QCoreApplication::applicationName(),
         QCoreApplication::translate("DownloadManager", "Downloaded file could not be unpacked:<br>")

@@ -9,6 +9,7 @@
 #include "Logging.h"
 #include "SoftwareUpdateAvailableDialog.h"
 
+#include <qv/ApplicationLayout.h>
 #include <qv/Exceptions.h>
 #include <qv/FileUtils.h>
 #include <qv/HttpHost.h>
@@ -44,13 +45,13 @@ namespace {
 
 // Replaces the running process with the updater, which checks that the new version runs.
 void startUpdaterWithHealthCheck(const QString &updater, const QString &oldDir,
-                                 const QString &newDir, const QString &exe)
+                                 const QString &newDir, const QString &exe, int healthTimeout)
 {
     const QByteArray program = updater.toLocal8Bit();
     const QByteArray oldPath = oldDir.toLocal8Bit();
     const QByteArray newPath = newDir.toLocal8Bit();
     const QByteArray name = exe.toLocal8Bit();
-    const QByteArray seconds = QByteArray::number(SoftwareUpdateClient::kHealthTimeout);
+    const QByteArray seconds = QByteArray::number(healthTimeout);
     execl(program.constData(), program.constData(), "-oldDir", oldPath.constData(), "-newDir",
           newPath.constData(), "-exe", name.constData(), "-healthTimeout", seconds.constData(),
           static_cast<char *>(nullptr));
@@ -122,6 +123,37 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
             QStringLiteral("SoftwareUpdateClient::installPackage() -> user rejected installation"));
         return;
     }
+    m_quietInstall = false;
+    startInstall(package);
+}
+
+void SoftwareUpdateClient::install(const PackageInfo &package)
+{
+    m_quietInstall = !m_interactive;
+    m_installPackage = package;
+    // Only what the last check offered: with trusted keys, what the signed catalogue published.
+    const qsizetype row = m_packageList.indexOf(package);
+    if (row < 0 || (installMode() == CompleteInstall && m_installRunning)) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::install() -> refused %1: %2")
+                      .arg(package.url.toString(),
+                           row < 0 ? QStringLiteral("not offered by the last check")
+                                   : QStringLiteral("an installation is already running")));
+        Q_EMIT installFailed(package,
+                             row < 0 ? Text::tr("The package is not one of those offered by the "
+                                                "last check.")
+                                     : Text::tr("Another update is being installed."));
+        return;
+    }
+    m_selectedRows = {int(row)};
+    startInstall(package);
+}
+
+// Downloads `package` into a folder of its own, then hands it to the routine of its type.
+void SoftwareUpdateClient::startInstall(const PackageInfo &package)
+{
+    const bool complete = installMode() == CompleteInstall;
+    m_installPackage = package;
+    m_readyToRestart = false;
     if (complete && (m_installRunning || !applicationFolderIsPrivate()))
         return;
     if (complete)
@@ -149,11 +181,14 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
         return;
     }
 
-    if (!m_progressDialog) {
-        m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
-        m_progressDialog->setLabelText(
-            complete ? Text::tr("Downloading and verifying the package...")
-                     : Text::tr("Downloading package to temporary folder..."));
+    // A quiet install shows no progress dialog, and is told its outcomes all the same.
+    if (m_quietInstall || !m_progressDialog) {
+        if (!m_quietInstall) {
+            m_progressDialog = new QProgressDialog(m_updateAvailableDialog, m_windowFlags);
+            m_progressDialog->setLabelText(
+                complete ? Text::tr("Downloading and verifying the package...")
+                         : Text::tr("Downloading package to temporary folder..."));
+        }
         // Each outcome works on this download's own file and folder, whatever another request
         // has started meanwhile.
         const QString file = m_downloadedFilePath;
@@ -174,10 +209,12 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
                     m_downloadedFilePath = downloadedFile;
                     installDownloaded(downloaded);
                 });
-        connect(m_progressDialog, &QProgressDialog::canceled, manager,
-                &DownloadManager::abortDownload);
+        if (m_progressDialog)
+            connect(m_progressDialog, &QProgressDialog::canceled, manager,
+                    &DownloadManager::abortDownload);
         connect(manager, &DownloadManager::downloadAborted, this, [this, own] {
             own();
+            Q_EMIT installFailed(m_installPackage, Text::tr("The download was canceled."));
             abortDownload();
         });
         connect(manager, &DownloadManager::downloadVerificationFailed, this, [this, own] {
@@ -190,7 +227,7 @@ void SoftwareUpdateClient::installPackage(int itemIndex)
 
 void SoftwareUpdateClient::downloadProgress(int value, int total)
 {
-    Q_EMIT downloadProgress(qint64(value), qint64(total));
+    Q_EMIT packageDownloadProgress(qint64(value), qint64(total));
     if (!m_progressDialog)
         return;
     m_progressDialog->setRange(0, total);
@@ -254,8 +291,8 @@ void SoftwareUpdateClient::installDownloaded(const PackageInfo &package)
     } else if (suffix == u"tar.gz") {
         installTARGZPackage();
     } else {
-        showError(m_parent, m_windowFlags, Text::tr("Download Error"),
-                  Text::tr("Unknown package type! Installation cannot proceed!"));
+        failInstall(Text::tr("Download Error"),
+                    Text::tr("Unknown package type! Installation cannot proceed!"));
         abortDownload();
     }
 }
@@ -263,15 +300,24 @@ void SoftwareUpdateClient::installDownloaded(const PackageInfo &package)
 // The download is not the package the signed catalogue published; the manager erased it.
 void SoftwareUpdateClient::packageNotPublished()
 {
-    showError(m_parent, m_windowFlags, Text::tr("Download Error"),
-              CatalogueTrust::packageMismatchText());
+    failInstall(Text::tr("Download Error"), CatalogueTrust::packageMismatchText());
     abortDownload();
+}
+
+// Tells the user (unless the install is a quiet one) and the host why nothing was installed.
+void SoftwareUpdateClient::failInstall(const QString &title, const QString &text)
+{
+    setInstallRunning(false);
+    m_readyToRestart = false;
+    if (!m_quietInstall)
+        showError(m_parent, m_windowFlags, title, text);
+    Q_EMIT installFailed(m_installPackage, text);
 }
 
 void SoftwareUpdateClient::downloadError(int httpStatusCode)
 {
-    showError(m_parent, m_windowFlags, Text::tr("Download Error"),
-              Text::tr("Error downloading! Http status code %1").arg(httpStatusCode));
+    failInstall(Text::tr("Download Error"),
+                Text::tr("Error downloading! Http status code %1").arg(httpStatusCode));
     abortDownload();
 }
 
@@ -357,8 +403,12 @@ void SoftwareUpdateClient::installZIPPackage()
     progressLine(QStringLiteral("SoftwareUpdateClient::installZipPackage() -> unzipping ")
                  + m_downloadedFilePath + QStringLiteral(" to ") + m_unpackedFolder);
 
-    if (askRestart(m_parent, m_windowFlags,
-                   Text::tr("Please restart your application to finish the installation process.")))
+    m_readyToRestart = true;
+    Q_EMIT readyToRestart(m_installPackage);
+    if (!m_quietInstall
+        && askRestart(m_parent, m_windowFlags,
+                      Text::tr("Please restart your application to finish the installation "
+                               "process.")))
         startZipInstall();
 }
 
@@ -388,7 +438,7 @@ void SoftwareUpdateClient::startZipInstall()
                 = QCoreApplication::applicationFilePath().section(QLatin1Char('/'), -1);
             if (installMode() == CompleteInstall)
                 startUpdaterWithHealthCheck(updaterTarget, applicationFolder, m_unpackedFolder,
-                                            executable);
+                                            executable, m_healthTimeout);
             else
                 DownloadManager::startUpdate(updaterTarget, applicationFolder, m_unpackedFolder,
                                              executable);
@@ -402,45 +452,95 @@ void SoftwareUpdateClient::startZipInstall()
                              "following file/dir is missing: ")
               + folder.absolutePath() + QStringLiteral(" or ")
               + QFileInfo(updaterSource).fileName());
-    showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-              Text::tr("Installation process failed. If problem persists try manual install."));
+    failInstall(Text::tr("Installation failed"),
+                Text::tr("Installation process failed. If problem persists try manual install."));
 }
 
 // With trusted keys the updater that runs is a copy of the one installed beside the program,
-// made into a private folder: nothing another user can write is ever run.
-void SoftwareUpdateClient::startPrivateUpdater()
+// made into a private folder: nothing another user can write is ever run. In CompleteInstall it
+// waits for this process to end (the quit handler has agreed to it), then replaces the
+// application and starts the new version with a health check.
+bool SoftwareUpdateClient::startPrivateUpdater()
 {
     const QString applicationFolder = QCoreApplication::applicationDirPath();
     const QString updater = client::privateUpdaterCopy();
     const QString folder = QFileInfo(updater).path();
     if (updater.isEmpty()) {
-        setInstallRunning(false);
-        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-                  Text::tr("Installation process failed. If problem persists try manual install."));
-        return;
+        failInstall(Text::tr("Installation failed"),
+                    Text::tr("Installation process failed. If problem persists try manual "
+                             "install."));
+        return false;
     }
     progressLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> starting %1 for %2 "
                                 "with the new version in %3")
                      .arg(updater, applicationFolder, m_unpackedFolder));
     const QString executable = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
     if (installMode() == CompleteInstall) {
+        if (!askToQuit()) {
+            FileUtils::erase(folder);
+            return false;
+        }
+        m_readyToRestart = false;
         // Remembered until the new version confirms, or is rolled back and then not offered again.
         const std::unique_ptr<QSettings> store(openStore());
+        store->remove(client::kInstallOnQuit); // installed now, not when the host quits
         store->setValue(client::kUpdateInstalling, m_installingRelease);
         // What the next start removes, whichever version it is: the unpacked package's
         // temporary folder and the updater's copy.
         store->setValue(client::kUpdateLeftovers, QStringList {folder, m_unpackTarget});
         store->sync();
-        startUpdaterWithHealthCheck(updater, applicationFolder, m_unpackedFolder, executable);
-    } else
+        if (QProcess::startDetached(updater,
+                                    {QStringLiteral("-oldDir"), applicationFolder,
+                                     QStringLiteral("-newDir"), m_unpackedFolder,
+                                     QStringLiteral("-exe"), executable,
+                                     QStringLiteral("-healthTimeout"),
+                                     QString::number(m_healthTimeout), QStringLiteral("-waitFor"),
+                                     QString::number(QCoreApplication::applicationPid())})) {
+            progressLine(QStringLiteral("SoftwareUpdateClient -> the updater installs the new "
+                                        "version once this process has ended"));
+            setInstallRunning(false);
+            return true;
+        }
+    } else {
         DownloadManager::startUpdate(updater, applicationFolder, m_unpackedFolder, executable);
+    }
     errorLine(QStringLiteral("SoftwareUpdateClient::startInstallZip() -> could not start ")
               + updater);
     std::unique_ptr<QSettings>(openStore())->remove(client::kUpdateInstalling);
     FileUtils::erase(folder);
-    setInstallRunning(false);
-    showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-              Text::tr("Installation process failed. If problem persists try manual install."));
+    failInstall(Text::tr("Installation failed"),
+                Text::tr("Installation process failed. If problem persists try manual install."));
+    return false;
+}
+
+// The host's word before the library ends it; a refusal leaves the update for the quit.
+bool SoftwareUpdateClient::askToQuit()
+{
+    const bool agreed = m_quitHandler ? m_quitHandler() : (QCoreApplication::quit(), true);
+    if (!agreed) {
+        progressLine(QStringLiteral("SoftwareUpdateClient -> the host does not quit now; the "
+                                    "update waits"));
+        deferInstall();
+    }
+    return agreed;
+}
+
+void SoftwareUpdateClient::setQuitHandler(std::function<bool()> handler)
+{
+    m_quitHandler = std::move(handler);
+}
+
+bool SoftwareUpdateClient::restartNow()
+{
+    if (!m_readyToRestart) {
+        errorLine(QStringLiteral("SoftwareUpdateClient::restartNow() -> no update is ready"));
+        return false;
+    }
+    if (installMode() == CompleteInstall && !m_trustedKeyTexts.isEmpty())
+        return startPrivateUpdater();
+    m_readyToRestart = false;
+    startZipInstall(); // returns only when the updater could not be started
+    return false;
 }
 
 // A complete install replaces the application folder with what the updater is handed; when
@@ -456,10 +556,10 @@ bool SoftwareUpdateClient::applicationFolderIsPrivate()
         errorLine(QStringLiteral("SoftwareUpdateClient::installPackage() -> refusing a complete "
                                  "install: %1 can be written by other users")
                       .arg(path));
-        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-                  Text::tr("The application folder %1 can be changed by other users, so the "
-                           "update cannot be installed safely. Nothing was changed.")
-                      .arg(QDir::toNativeSeparators(path)));
+        failInstall(Text::tr("Installation failed"),
+                    Text::tr("The application folder %1 can be changed by other users, so the "
+                             "update cannot be installed safely. Nothing was changed.")
+                        .arg(QDir::toNativeSeparators(path)));
         return false;
     }
     return true;
@@ -504,16 +604,25 @@ void SoftwareUpdateClient::installCompletePackage()
                       .arg(target));
         FileUtils::erase(target);
         abortDownload();
-        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-                  Text::tr("There is not enough free disk space to unpack the update (%1 MB "
-                           "needed, %2 MB free). Nothing was changed.")
-                      .arg((needed + (1 << 20) - 1) >> 20)
-                      .arg(qMax<qint64>(0, available) >> 20));
+        failInstall(Text::tr("Installation failed"),
+                    Text::tr("There is not enough free disk space to unpack the update (%1 MB "
+                             "needed, %2 MB free). Nothing was changed.")
+                        .arg((needed + (1 << 20) - 1) >> 20)
+                        .arg(qMax<qint64>(0, available) >> 20));
         return;
     }
     m_unpackTarget = target;
     auto *unpacker = new DownloadManager();
     unpacker->setParent(this);
+    unpacker->setUnpackErrorBox(!m_quietInstall);
+    connect(unpacker, &DownloadManager::unpackingFailed, this,
+            [this, unpacker](const QString &message) {
+                unpacker->deleteLater();
+                setInstallRunning(false);
+                Q_EMIT installFailed(
+                    m_installPackage,
+                    Text::tr("The package could not be unpacked: %1").arg(message));
+            });
     // The emptied download folder goes first: the restart question may end the process.
     removeDownloadFolderWhenUnpacked(unpacker);
     connect(unpacker, &DownloadManager::unzippingDone, this,
@@ -526,38 +635,65 @@ void SoftwareUpdateClient::installCompletePackage()
 
 void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)
 {
-    // The new application folder is the one holding a program named like the running one.
+    if (!layoutAccepted(folder))
+        return;
+    m_readyToRestart = true;
+    Q_EMIT readyToRestart(m_installPackage);
+    if (!m_readyToRestart) // the host restarted from the signal
+        return;
+    if (!m_quietInstall
+        && askRestart(m_parent, m_windowFlags,
+                      Text::tr("The new version is unpacked and verified. Restart now to install "
+                               "it: the application closes, is replaced, and starts again. If "
+                               "the new version does not start, this version comes back."))) {
+        restartNow();
+        return;
+    }
+    deferInstall();
+}
+
+// The new application folder is the one holding the program, named exactly like the running
+// one and executable: the rule the updater applies as well. Anything else is refused here,
+// before the user is asked to restart.
+bool SoftwareUpdateClient::layoutAccepted(const QString &unpacked)
+{
+    using namespace ApplicationLayout;
     const QString program = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-    QString found;
-    QDirIterator it(folder, {program}, QDir::Files, QDirIterator::Subdirectories);
-    while (found.isEmpty() && it.hasNext()) {
-        const QFileInfo candidate(it.next());
-        if (candidate.isExecutable() && !candidate.isSymLink())
-            found = candidate.absolutePath();
+    const Verdict verdict = find(unpacked, program);
+    if (verdict.problem == Problem::None) {
+        m_unpackedFolder = verdict.folder;
+        progressLine(
+            QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> new version in ")
+            + verdict.folder);
+        return true;
     }
-    if (found.isEmpty()) {
-        errorLine(QStringLiteral(
-                      "SoftwareUpdateClient::installCompletePackage() -> %1 holds no program %2")
-                      .arg(folder, program));
-        FileUtils::erase(folder);
-        setInstallRunning(false);
-        showError(m_parent, m_windowFlags, Text::tr("Installation failed"),
-                  Text::tr("The package does not contain the program %1. Nothing was changed.")
-                      .arg(program));
-        return;
-    }
-    m_unpackedFolder = found;
-    progressLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> new version in ")
-                 + found);
-    if (askRestart(m_parent, m_windowFlags,
-                   Text::tr("The new version is unpacked and verified. Restart now to install "
-                            "it: the application closes, is replaced, and starts again. If the "
-                            "new version does not start, this version comes back."))) {
-        startZipInstall();
-        return;
-    }
-    // Not installed now: when the host quits (or, without that, the unpacked version goes at
-    // the next start).
+    errorLine(QStringLiteral("SoftwareUpdateClient::installCompletePackage() -> ")
+              + describe(verdict, program));
+    FileUtils::erase(unpacked);
+    QString text;
+    if (verdict.problem == Problem::WrongCase)
+        text = Text::tr("The package holds %1, not the program %2: the names differ in letter "
+                        "case. Nothing was changed.")
+                   .arg(verdict.found, program);
+    else if (verdict.problem == Problem::NotExecutable)
+        text = Text::tr("The program %1 in the package is not marked as executable (a ZIP "
+                        "archive made on Windows keeps no such mark). Nothing was changed.")
+                   .arg(program);
+    else if (verdict.problem == Problem::NotRegularFile)
+        text = Text::tr("The program %1 in the package is not a regular file. Nothing was "
+                        "changed.")
+                   .arg(program);
+    else
+        text = Text::tr("The package does not contain the program %1. Nothing was changed.")
+                   .arg(program);
+    failInstall(Text::tr("Installation failed"), text);
+    return false;
+}
+
+// Not installed now: when the host quits (or, without that, the unpacked version goes at the
+// next start).
+void SoftwareUpdateClient::deferInstall()
+{
     const std::unique_ptr<QSettings> store(openStore());
     if (m_installOnQuit) {
         store->setValue(client::kInstallOnQuit,
@@ -587,7 +723,9 @@ void SoftwareUpdateClient::installPendingAtStart()
     m_unpackedFolder = pending.at(0);
     m_unpackTarget = pending.at(1);
     m_installingRelease = pending.at(2);
-    startZipInstall();
+    m_quietInstall = !m_interactive;
+    m_readyToRestart = true;
+    restartNow();
 }
 
 void SoftwareUpdateClient::armInstallOnQuit()

@@ -61,6 +61,9 @@ QStringList splitList(const QVariant &value)
 
 } // namespace
 
+// Whether a new client confirms to the updater by itself that this version runs.
+static bool gConfirmAutomatically = true;
+
 QSettings::Format SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::Format(0);
 QSettings::Scope SoftwareUpdateClient::sSoftUpQSettingsScope = QSettings::Scope(0);
 
@@ -114,7 +117,7 @@ SoftwareUpdateClient::~SoftwareUpdateClient()
     delete m_networkManager;
 }
 
-QSettings *SoftwareUpdateClient::openStore() const
+QSettings *SoftwareUpdateClient::openStore()
 {
     QString organization = QCoreApplication::organizationName();
     if (organization.isEmpty())
@@ -287,20 +290,8 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
     } else {
         store->remove(client::kInstallOnQuit);
     }
-    const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
-    if (!health.isEmpty()) {
-        // The updater's secret is the confirmation; the file is replaced, never followed.
-        QByteArray token = qgetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
-        if (token.isEmpty())
-            token = "running";
-        if (UpdateState::writePrivate(health, token + '\n'))
-            progressLine(QStringLiteral(
-                "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
-        store->remove(kUpdateInstalling);
-        // Not for the programs this one starts.
-        qunsetenv("SOFTWAREUPDATE_HEALTH_FILE");
-        qunsetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
-    }
+    if (gConfirmAutomatically)
+        confirmUpdateRuns();
     const QString state = UpdateState::folderFor(QCoreApplication::applicationDirPath(), false);
     const QString note = state + QStringLiteral("/rolled-back");
     const QByteArray reason = UpdateState::readPrivate(note, 4096);
@@ -319,7 +310,9 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
     }
     errorLine(QStringLiteral("SoftwareUpdateClient -> the last update (%1) was rolled back: %2")
                   .arg(failed.isEmpty() ? QStringLiteral("version unknown") : failed, why));
-    QTimer::singleShot(0, this, [this, failed] {
+    // Once the host has connected to the client.
+    QTimer::singleShot(0, this, [this, failed, why] {
+        Q_EMIT updateRolledBack(failed, why);
         if (!m_interactive)
             return;
         QString text = Text::tr("The new version did not start, so the update was rolled back. "
@@ -332,6 +325,34 @@ void SoftwareUpdateClient::confirmHealthAndNoticeRollBack()
                         m_parent, m_windowFlags);
         box.exec();
     });
+}
+
+void SoftwareUpdateClient::confirmUpdateRuns()
+{
+    const QString health = qEnvironmentVariable("SOFTWAREUPDATE_HEALTH_FILE");
+    if (health.isEmpty())
+        return;
+    // The updater's secret is the confirmation; the file is replaced, never followed.
+    QByteArray token = qgetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
+    if (token.isEmpty())
+        token = "running";
+    if (UpdateState::writePrivate(health, token + '\n'))
+        progressLine(QStringLiteral(
+            "SoftwareUpdateClient -> confirmed to the updater that this version runs"));
+    std::unique_ptr<QSettings>(openStore())->remove(kUpdateInstalling);
+    // Once only, and not for the programs this one starts.
+    qunsetenv("SOFTWAREUPDATE_HEALTH_FILE");
+    qunsetenv("SOFTWAREUPDATE_HEALTH_TOKEN");
+}
+
+void SoftwareUpdateClient::setConfirmAutomatically(bool on)
+{
+    gConfirmAutomatically = on;
+}
+
+bool SoftwareUpdateClient::confirmsAutomatically()
+{
+    return gConfirmAutomatically;
 }
 
 // The temporary folders of a complete install handed to the updater (its unpacked package, the

@@ -16,6 +16,8 @@
 #include <QString>
 #include <QUrl>
 
+#include <functional>
+
 class QNetworkAccessManager;
 class QNetworkReply;
 class QProgressDialog;
@@ -57,8 +59,19 @@ public:
     /// Call before creating the client.
     static void setInstallMode(InstallMode mode);
     static InstallMode installMode();
-    /// Seconds the new version has to confirm that it runs (CompleteInstall).
+    /// Seconds the new version has to confirm that it runs (CompleteInstall), unless
+    /// setHealthTimeout() says otherwise.
     static const int kHealthTimeout = 60;
+
+    /// Tells the updater that this new version runs (CompleteInstall): until then, or until the
+    /// health timeout, the update can still be rolled back. Cheap, and only the first call does
+    /// anything; a process the updater did not start has nothing to confirm.
+    static void confirmUpdateRuns();
+    /// Whether the client confirms by itself when it is created (the default). A host that wants
+    /// to be sure it works turns this off before creating the client, and calls
+    /// confirmUpdateRuns() once its main window is up and its data opened.
+    static void setConfirmAutomatically(bool on);
+    static bool confirmsAutomatically();
 
     SoftwareUpdateClient(const QString &product, VersionNumber version, const QString &serverURL,
                          QWidget *parent);
@@ -112,6 +125,17 @@ public:
     /// run, and were rolled back: checks do not offer them again (a newer release is offered).
     QStringList rolledBackVersions() const;
 
+    /// Seconds the next version gets to confirm that it runs (kHealthTimeout unless changed; at
+    /// least 1), handed to the updater with the install.
+    void setHealthTimeout(int seconds) { m_healthTimeout = qMax(1, seconds); }
+    int healthTimeout() const { return m_healthTimeout; }
+
+    /// Asked before the library ends the host for an update (restartNow(), "Restart now"): it may
+    /// save the user's work and quit, returning true, or refuse, returning false (the update is
+    /// then installed when the host quits). The default calls QCoreApplication::quit() and
+    /// returns true. The updater waits for the process to end before it replaces anything.
+    void setQuitHandler(std::function<bool()> handler);
+
     /// Loads and installs the library's translation for `locale` (any German or French locale;
     /// false for the others, which need none). The translator belongs to the application.
     static bool installTranslator(const QLocale &locale);
@@ -128,15 +152,40 @@ Q_SIGNALS:
     /// catalogue, or a catalogue that is not trusted. `reason` is the text the user would see.
     void checkFailed(const QString &reason);
     /// A package download's progress, in bytes (`total` is -1 while unknown).
-    void downloadProgress(qint64 received, qint64 total);
+    void packageDownloadProgress(qint64 received, qint64 total);
     /// The downloaded package is handed to the routine of its type (started, unpacked, or only
     /// logged, as its type says).
     void installationStarted(const qv::PackageInfo &package);
+    /// An install ended without installing anything: `reason` is the text the user would see
+    /// (the download failed or was canceled, the file is not the published one, it cannot be
+    /// unpacked, its layout is refused, the disk is too full, ...).
+    void installFailed(const qv::PackageInfo &package, const QString &reason);
+    /// The package is downloaded, verified and unpacked (CompleteInstall): restartNow() installs
+    /// it; otherwise it is installed when the host quits.
+    void readyToRestart(const qv::PackageInfo &package);
+    /// The last update did not confirm that it runs and was rolled back; this is the version
+    /// from before. Emitted once, after the constructor, whether or not the client is
+    /// interactive (only an interactive one also shows a box).
+    void updateRolledBack(const QString &version, const QString &reason);
 
 public Q_SLOTS:
     /// Opens the list of packages of the last check (for a host that checks without dialogs);
     /// nothing when the last check found none.
     void showAvailableUpdates();
+
+    /// Checks now; the same as checkForUpdate(), under a name that has one signature (for
+    /// connecting by function pointer).
+    void checkNow() { checkForUpdate(); }
+    /// Downloads, verifies and installs `package` (one of the last check's), without the
+    /// confirmation box. In CompleteInstall it is unpacked and readyToRestart() follows; with
+    /// other types and modes the package's routine runs as from the list's Install button. A
+    /// failure emits installFailed(); boxes show only when the client is interactive.
+    void install(const qv::PackageInfo &package);
+    /// Installs the update that is ready (readyToRestart()): asks the quit handler, and when it
+    /// agrees, the updater replaces the application once this process has ended and starts the
+    /// new version. False when nothing is ready, or the handler refused (the update is then
+    /// installed when the host quits).
+    bool restartNow();
 
     /// Checks now (the dialog's "Check Now" lands here too).
     void checkForUpdate();
@@ -193,7 +242,7 @@ private Q_SLOTS:
     void openSettingsDialogFromUpdateAvailableDialog();
 
 private:
-    QSettings *openStore() const;
+    static QSettings *openStore();
     void installEXEPackage();
     void installMPKGPackage();
     void installZIPPackage();
@@ -204,9 +253,14 @@ private:
     void removeDownloadFolderWhenUnpacked(DownloadManager *unpacker);
     void installDownloaded(const qv::PackageInfo &package);
     void installCompletePackage();
-    void startPrivateUpdater();
+    bool startPrivateUpdater();
+    bool askToQuit();
+    void deferInstall();
     bool applicationFolderIsPrivate();
     void setInstallRunning(bool running);
+    void startInstall(const qv::PackageInfo &package);
+    void failInstall(const QString &title, const QString &text);
+    bool layoutAccepted(const QString &unpacked);
     void completePackageUnpacked(const QString &folder);
     void confirmHealthAndNoticeRollBack();
     void removeUpdateLeftovers();
@@ -253,6 +307,11 @@ private:
     bool m_installOnQuit = true;
     int m_requestTimeout = 15000;
     bool m_quitHookArmed = false;
+    int m_healthTimeout = kHealthTimeout;
+    std::function<bool()> m_quitHandler;
+    PackageInfo m_installPackage; ///< the package of the running (or ready) install
+    bool m_quietInstall = false; ///< install() on a client that is not interactive: no boxes
+    bool m_readyToRestart = false; ///< unpacked, waiting for restartNow() or the quit
 };
 
 } // namespace qv

@@ -678,11 +678,13 @@ private Q_SLOTS:
         // The host runs the client's event loop; this test serves it meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
         const QString said = QString::fromUtf8(host.readAllStandardOutput());
-        QFile noted(marker);
-        noted.open(QIODevice::ReadOnly);
-        // The updater ran as a copy in a private temporary folder of its own.
+        // The updater ran (once the host had quit) as a copy in a private temporary folder of
+        // its own.
+        if (!ran.isEmpty())
+            QTRY_VERIFY_WITH_TIMEOUT(!suc::test::readFile(marker).isEmpty(), 10000);
         const QString copy = QDir::tempPath() + "/softwareupdate-";
-        QVERIFY2(QString::fromUtf8(noted.readAll()).trimmed().section(copy, 0, 0) == ran,
+        QVERIFY2(QString::fromUtf8(suc::test::readFile(marker)).trimmed().section(copy, 0, 0)
+                     == ran,
                  qPrintable(
                      said + host.readAllStandardError().right(3000)
                      + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
@@ -779,10 +781,7 @@ private Q_SLOTS:
         const QString said = QString::fromUtf8(host.readAllStandardOutput());
         QVERIFY2(host.exitCode() == 0 && said.contains("Restart required"), qPrintable(said));
         // The updater, waiting for the host to end, installs now.
-        const auto read = [](const QString &path) {
-            QFile f(path);
-            return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-        };
+        const auto read = suc::test::readFile;
         QTRY_VERIFY_WITH_TIMEOUT(read(app + "/exec_helper").contains("installed-on-quit"), 20000);
         const QByteArray account = read(parent.filePath("UpdateInstaller.log"));
         QVERIFY2(account.contains("waiting for process")
@@ -817,6 +816,9 @@ private Q_SLOTS:
         const auto run = [&](const QStringList &args) {
             QProcess host;
             host.setProcessEnvironment(env);
+            // Into a file: the versions the updater starts later write there too.
+            host.setStandardOutputFile(parent.filePath("host.out"), QIODevice::Append);
+            host.setStandardErrorFile(parent.filePath("host.out"), QIODevice::Append);
             host.start(app + "/exec_helper", args);
             return host.waitForStarted()
                 && QTest::qWaitFor([&] { return host.state() == QProcess::NotRunning; }, 60000)
@@ -824,12 +826,13 @@ private Q_SLOTS:
         };
         QVERIFY(run({"completeInstall", url(), m_signer->publicKey(), "later-crash"}));
         QVERIFY(!QFileInfo::exists(marker)); // not installed: that session did not quit normally
-        QVERIFY(run({"start", m_signer->publicKey()})); // replaced by the updater, which succeeds
-        QTRY_VERIFY(QFileInfo::exists(marker));
-        QFile log(parent.filePath("UpdateInstaller.log"));
-        QVERIFY(log.open(QIODevice::ReadOnly));
-        QVERIFY2(log.readAll().contains("the new version confirmed that it runs"),
-                 qPrintable(parent.filePath("UpdateInstaller.log")));
+        // Quits, and the updater, waiting for it to end, installs and starts the new version.
+        QVERIFY(run({"start", m_signer->publicKey()}));
+        QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(marker), 20000);
+        QTRY_VERIFY2_WITH_TIMEOUT(suc::test::readFile(parent.filePath("UpdateInstaller.log"))
+                                      .contains("the new version confirmed that it runs"),
+                                  suc::test::readFile(parent.filePath("UpdateInstaller.log")),
+                                  20000);
     }
 };
 

@@ -196,6 +196,12 @@ private Q_SLOTS:
             QCOMPARE(
                 mkfifo(QFile::encodeName(m_dir.filePath("unpacked/lib/pipe")).constData(), 0600),
                 0);
+        const QString program = m_dir.filePath("unpacked/app");
+        if (QString(QTest::currentDataTag()).contains("exec bit"))
+            QVERIFY(QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner));
+        if (QString(QTest::currentDataTag()).contains("is a link"))
+            QVERIFY(QFile::rename(program, program + ".real")
+                    && QFile::link(program + ".real", program));
         newDir.replace("@", m_dir.path());
         QCOMPARE(runInstaller({"-oldDir", app, "-newDir", newDir, "-exe", exe}), 1);
         QCOMPARE(completeVersion(app), QString("v1"));
@@ -206,6 +212,7 @@ private Q_SLOTS:
         else
             QCOMPARE(started(), QStringList());
         QVERIFY(!QFileInfo::exists(side(m_dir.filePath("Viewer"), "journal")));
+        QFile::setPermissions(program, QFile::permissions(program) | QFile::ExeOwner);
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2"));
         QCOMPARE(completeVersion(m_dir.filePath("Viewer.update-backup")),
                  QString("v2")); // not the updater's to drop here
@@ -449,21 +456,6 @@ private Q_SLOTS:
                                "-healthTimeout", "30"}),
                  0);
         QVERIFY2(log().contains("the new version confirmed that it runs"), qPrintable(log()));
-    }
-
-    void newProgramThatCannotStartRollsBack()
-    {
-        const QString app = m_dir.filePath("Viewer");
-        makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", false);
-        QCOMPARE(
-            runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app"}),
-            1);
-        QCOMPARE(completeVersion(app), QString("v1"));
-        QTRY_COMPARE(started(), QStringList {"v1"});
-        QVERIFY(
-            QFileInfo::exists(m_dir.filePath("unpacked/version.txt"))); // the new version is kept
-        QVERIFY(!QFileInfo::exists(app + ".update-backup"));
     }
 
     // The invariant: whether it runs through or is killed right after any of its steps, with

@@ -217,6 +217,34 @@
         <source>There is not enough free disk space to unpack the update (%1 MB needed, %2 MB free). Nothing was changed.</source>
         <translation>Es ist nicht genug freier Speicherplatz vorhanden, um das Update zu entpacken (%1 MB benötigt, %2 MB frei). Es wurde nichts geändert.</translation>
     </message>
+    <message>
+        <source>The package is not one of those offered by the last check.</source>
+        <translation>Das Paket gehört nicht zu den bei der letzten Prüfung angebotenen.</translation>
+    </message>
+    <message>
+        <source>Another update is being installed.</source>
+        <translation>Ein anderes Update wird gerade installiert.</translation>
+    </message>
+    <message>
+        <source>The download was canceled.</source>
+        <translation>Der Download wurde abgebrochen.</translation>
+    </message>
+    <message>
+        <source>The package could not be unpacked: %1</source>
+        <translation>Das Paket konnte nicht entpackt werden: %1</translation>
+    </message>
+    <message>
+        <source>The package holds %1, not the program %2: the names differ in letter case. Nothing was changed.</source>
+        <translation>Das Paket enthält %1, nicht das Programm %2: Die Namen unterscheiden sich in der Groß- und Kleinschreibung. Es wurde nichts geändert.</translation>
+    </message>
+    <message>
+        <source>The program %1 in the package is not marked as executable (a ZIP archive made on Windows keeps no such mark). Nothing was changed.</source>
+        <translation>Das Programm %1 im Paket ist nicht als ausführbar markiert (ein unter Windows erstelltes ZIP-Archiv speichert diese Markierung nicht). Es wurde nichts geändert.</translation>
+    </message>
+    <message>
+        <source>The program %1 in the package is not a regular file. Nothing was changed.</source>
+        <translation>Das Programm %1 im Paket ist keine reguläre Datei. Es wurde nichts geändert.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

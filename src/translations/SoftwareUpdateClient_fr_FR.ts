@@ -217,6 +217,34 @@
         <source>There is not enough free disk space to unpack the update (%1 MB needed, %2 MB free). Nothing was changed.</source>
         <translation>L&apos;espace disque libre ne suffit pas pour décompresser la mise à jour (%1 Mo nécessaires, %2 Mo libres). Rien n&apos;a été modifié.</translation>
     </message>
+    <message>
+        <source>The package is not one of those offered by the last check.</source>
+        <translation>Ce paquet ne fait pas partie de ceux proposés lors de la dernière vérification.</translation>
+    </message>
+    <message>
+        <source>Another update is being installed.</source>
+        <translation>Une autre mise à jour est en cours d&apos;installation.</translation>
+    </message>
+    <message>
+        <source>The download was canceled.</source>
+        <translation>Le téléchargement a été annulé.</translation>
+    </message>
+    <message>
+        <source>The package could not be unpacked: %1</source>
+        <translation>Le paquet n&apos;a pas pu être décompressé&#xa0;: %1</translation>
+    </message>
+    <message>
+        <source>The package holds %1, not the program %2: the names differ in letter case. Nothing was changed.</source>
+        <translation>Le paquet contient %1 et non le programme %2&#xa0;: les noms diffèrent par la casse. Rien n&apos;a été modifié.</translation>
+    </message>
+    <message>
+        <source>The program %1 in the package is not marked as executable (a ZIP archive made on Windows keeps no such mark). Nothing was changed.</source>
+        <translation>Le programme %1 du paquet n&apos;est pas marqué comme exécutable (une archive ZIP créée sous Windows ne conserve pas cette marque). Rien n&apos;a été modifié.</translation>
+    </message>
+    <message>
+        <source>The program %1 in the package is not a regular file. Nothing was changed.</source>
+        <translation>Le programme %1 du paquet n&apos;est pas un fichier ordinaire. Rien n&apos;a été modifié.</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -21,11 +21,17 @@
 
 namespace suc::test {
 
+/// A whole file; empty when it cannot be read.
+inline QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 /// A file of tests/data, whole; empty when it cannot be read.
 inline QByteArray testData(const QString &name)
 {
-    QFile f(QStringLiteral(SUC_TEST_DATA_DIR "/") + name);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return readFile(QStringLiteral(SUC_TEST_DATA_DIR "/") + name);
 }
 
 /// Adds the columns and rows of the table tests/data/tables/`name`.json to the running _data()

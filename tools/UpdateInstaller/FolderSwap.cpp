@@ -1,5 +1,6 @@
 #include "FolderSwap.h"
 
+#include <qv/ApplicationLayout.h>
 #include <qv/UpdateState.h>
 
 #include <QDateTime>
@@ -255,8 +256,12 @@ bool FolderSwap::validateNew(QString *why) const
             return false;
         }
     }
-    if (!QFileInfo(newDir + QLatin1Char('/') + m_options.exe).isFile()) {
-        *why = QStringLiteral("the new application folder has no program %1").arg(m_options.exe);
+    // The same rule the client checked the unpacked package with.
+    const qv::ApplicationLayout::Verdict layout
+        = qv::ApplicationLayout::check(newDir, m_options.exe);
+    if (layout.problem != qv::ApplicationLayout::Problem::None) {
+        *why = QStringLiteral("the new application folder is refused: ")
+            + qv::ApplicationLayout::describe(layout, m_options.exe);
         return false;
     }
     const QString special = findSpecialFile(newDir);
