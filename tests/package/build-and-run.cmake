@@ -23,9 +23,16 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build "${hostbuild}" RESULT_VARIABLE 
 if(rc)
   message(FATAL_ERROR "building the host failed")
 endif()
-execute_process(COMMAND "${hostbuild}/package_host" RESULT_VARIABLE rc)
+execute_process(COMMAND "${hostbuild}/package_host" smoke RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "the host failed: ${rc}")
+endif()
+# Installed from its own package, the host updates itself without dialogs, scenario by scenario.
+execute_process(COMMAND "${SOURCE_DIR}/../in-private-network.sh" "${SOURCE_DIR}/scenarios.sh"
+                        "${hostbuild}" "${stage}"
+                RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "the update scenarios failed")
 endif()
 # Installed, the host has the updater beside its program too.
 execute_process(COMMAND ${CMAKE_COMMAND} --install "${hostbuild}" --prefix "${hostbuild}/installed"

@@ -1,0 +1,108 @@
+#!/usr/bin/env bash
+# The package host, installed from its own package, updates itself from a signed catalogue served
+# on 127.0.0.1:8080 (run it in a private network: tests/in-private-network.sh), once per scenario.
+#   scenarios.sh <host build folder> <installed prefix>
+set -uo pipefail
+build=$1
+prefix=$2
+packages=$build/packages
+work=$(mktemp -d)
+trap 'kill $server 2>/dev/null; rm -rf "$work"' EXIT
+export PATH="$prefix/bin:$PATH"
+minisign -G -W -p "$work/updates.pub" -s "$work/updates.key" >/dev/null || exit 1
+key=$(sed -n 2p "$work/updates.pub")
+mkdir -p "$work/site"
+python3 -m http.server 8080 --bind 127.0.0.1 --directory "$work/site" >/dev/null 2>&1 &
+server=$!
+failures=0
+
+# publish <package file>: a catalogue offering only it, signed.
+publish() {
+  rm -f "$work/site/list.xml"*
+  cp "$1" "$work/site/"
+  local file=${1##*/} release=${1##*-}
+  release=${release%.zip}
+  release=${release%.tar.gz}
+  softupdate add "$work/site/list.xml" "$work/site/$file" --type Application --name PackageHost \
+    --release "$release" --base-url http://127.0.0.1:8080/ >/dev/null &&
+    softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
+}
+
+# scenario <name> <package> <host arguments...>: installs 1.0 in a home of its own, runs it.
+scenario() {
+  name=$1
+  shift
+  home=$work/$name
+  app=$home/apps/PackageHost
+  mkdir -p "$home/apps" && chmod 700 "$home"
+  (cd "$home/apps" && cmake -E tar xf "$packages/PackageHost-1.0.zip" && mv PackageHost-1.0 PackageHost)
+  out=$home/output.txt
+  : >"$out" # appended to: the versions the updater starts write there too
+  HOME=$home XDG_CONFIG_HOME=$home/.config XDG_STATE_HOME=$home/.local/state \
+    QT_QPA_PLATFORM=offscreen "$app/package_host" update http://127.0.0.1:8080/list.xml "$key" "$@" \
+    >>"$out" 2>&1
+  echo "exit $?" >>"$out"
+}
+
+# expect <text>...: each text turns up in the scenario's output within 20 s.
+expect() {
+  for text in "$@"; do
+    for _ in $(seq 200); do grep -qF -- "$text" "$out" && continue 2; sleep 0.1; done
+    echo "FAIL $name: no \"$text\" in:"; sed 's/^/    /' "$out"
+    cat "$home/.local/state/SoftwareUpdate/UpdateInstaller.log" 2>/dev/null | sed 's/^/    log: /'
+    failures=$((failures + 1))
+    return
+  done
+  echo "ok   $name"
+}
+release() { cat "$app/release.txt" 2>/dev/null; }
+
+publish "$packages/PackageHost-2.0.zip"
+scenario install
+expect "readyToRestart: 2.0" "quit handler: work saved, quitting" "restartNow: 1" "exit 0" \
+  "running 2.0" "boxes shown: 0"
+[ "$(release)" = "2.0" ] || { echo "FAIL install: $(release)"; failures=$((failures + 1)); }
+
+scenario refuse-quit refuse-quit
+expect "quit handler: not now" "restartNow: 0" "exit 0"
+for _ in $(seq 100); do [ "$(release)" = "2.0" ] && break; sleep 0.1; done
+[ "$(release)" = "2.0" ] && ! grep -q "running 2.0" "$out" ||
+  { echo "FAIL refuse-quit: installed on quit, not started: $(release)"; failures=$((failures + 1)); }
+
+publish "$packages/PackageHost-2.1.zip"
+scenario rolled-back
+expect "running 2.1" "updateRolledBack: 2.1 | the new program exited with code 3" "boxes shown: 0"
+[ "$(release)" = "1.0" ] || { echo "FAIL rolled-back: $(release)"; failures=$((failures + 1)); }
+
+publish "$packages/PackageHost-2.2.tar.gz"
+scenario late-confirmation-in-time 10
+expect "running 2.2" "confirmed late"
+sleep 1
+[ "$(release)" = "2.2 late 2500" ] || { echo "FAIL late: $(release)"; failures=$((failures + 1)); }
+scenario late-confirmation-too-late 1
+expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
+
+# Refused packages: the signal says why, no box is shown, nothing changes.
+publish "$packages/PackageHost-2.0.zip"
+printf 'x' >>"$work/site/PackageHost-2.0.zip"
+scenario mismatch
+expect "installFailed: 2.0 | " "does not match" "boxes shown: 0" "exit 1"
+
+repack() { # repack <name> <shell command run inside the unpacked folder>
+  rm -rf "$work/repack" && mkdir -p "$work/repack" &&
+    (cd "$work/repack" && cmake -E tar xf "$packages/PackageHost-2.0.zip" &&
+      cd PackageHost-2.0 && eval "$2" && cd .. && cmake -E tar cf "$work/$1" --format=zip PackageHost-2.0)
+}
+repack PackageHost-2.0.zip 'mv package_host Package_Host'
+publish "$work/PackageHost-2.0.zip"
+scenario name-case
+expect "installFailed: 2.0 | The package holds Package_Host, not the program package_host" "exit 1"
+repack PackageHost-2.0.zip 'chmod 644 package_host'
+publish "$work/PackageHost-2.0.zip"
+scenario no-exec-bits
+expect "installFailed: 2.0 | The program package_host in the package is not marked as executable" \
+  "exit 1"
+[ "$(release)" = "1.0" ] || { echo "FAIL refused: $(release)"; failures=$((failures + 1)); }
+
+echo "$failures scenario(s) failed"
+[ "$failures" -eq 0 ]
