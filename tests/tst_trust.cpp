@@ -527,12 +527,20 @@ private Q_SLOTS:
         if (!keys)
             m_client->setTrustedKeys({});
         LogWatcher log;
+        QSignalSpy ready(m_client.data(), &SoftwareUpdateClient::readyToRestart);
+        QSignalSpy failed(m_client.data(), &SoftwareUpdateClient::installFailed);
         QVERIFY(checkFromDialog().startsWith("Viewer 3"));
         BoxAnswerer answerer({"Proceed", "Restart later", "OK"});
         Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
         QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= 2, 20000);
         QTRY_VERIFY(!QApplication::activeModalWidget());
         QVERIFY2(answerer.seen.last().startsWith(lastBox), qPrintable(answerer.seen.join('\n')));
+        // The boxes of an interactive install come with the signals.
+        const bool installed = lastBox.startsWith("Restart required");
+        QCOMPARE(ready.size(), installed ? 1 : 0);
+        QCOMPARE(failed.size(), installed ? 0 : 1);
+        if (!installed)
+            QVERIFY(lastBox.contains(failed.first().at(1).toString().left(40)));
         if (!keys) {
             QVERIFY(log.saw("a complete install needs trusted keys"));
             return;
