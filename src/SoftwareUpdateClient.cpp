@@ -2,6 +2,7 @@
 
 #include "CatalogueTrust.h"
 #include "Logging.h"
+#include "PackageTypes.h"
 
 #include <qv/FileUtils.h>
 #include <qv/NodeDB.h>
@@ -85,17 +86,10 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
     settings.product = product;
     settings.versionNumber = version;
     settings.supportedPlatforms = compatiblePlatforms;
-    if (installMode() == CompleteInstall) {
-        supportedPackageTypes << QStringLiteral("zip") << QStringLiteral("tar.gz")
-                              << QStringLiteral("rpm") << QStringLiteral("deb")
-                              << QStringLiteral("tar.bz2");
-        installablePackageTypes << QStringLiteral("zip") << QStringLiteral("tar.gz");
-    } else {
-        supportedPackageTypes << QStringLiteral("tar.gz") << QStringLiteral("rpm")
-                              << QStringLiteral("deb") << QStringLiteral("tar.bz2");
-        // A single empty entry: the list is not empty, so it is written, as an empty value.
-        installablePackageTypes << QString(QLatin1String(""));
-    }
+    // Without the complete install, the installable list is a single empty entry: the list is
+    // not empty, so it is written, as an empty value.
+    supportedPackageTypes << PackageTypes::offered(installMode() == CompleteInstall);
+    installablePackageTypes << PackageTypes::installable(installMode() == CompleteInstall);
     settings.supportedPackageTypes = supportedPackageTypes;
     settings.installablePackageTypes = installablePackageTypes;
     if (settings.serverURL.isNull())

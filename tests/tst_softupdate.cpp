@@ -55,11 +55,13 @@ class TestSoftupdate : public QObject {
         return p.waitForFinished(30000) && p.exitCode() == 0;
     }
     // What the user is offered for `catalogueUrl`, as the list shows it ("a | b | c" per row).
+    // A client that has checked before (`fresh` false) keeps the serials it accepted.
     static QStringList clientRows(const QString &catalogueUrl, const QStringList &keys,
-                                  const SoftUpCurrentCameraVersions &cameras)
+                                  const SoftUpCurrentCameraVersions &cameras, bool fresh = true)
     {
-        QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-softupdate", "Viewer")
-            .clear();
+        if (fresh)
+            QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-softupdate", "Viewer")
+                .clear();
         qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9.1"), catalogueUrl,
                                         nullptr);
         client.setTrustedKeys(keys);
@@ -122,8 +124,11 @@ private Q_SLOTS:
                              << "the client refuses this document";
         QTest::newRow("expired") << QByteArray(good).replace("2099-01-01", "2001-01-01") << 2
                                  << ":1: error: expired on 2001-01-01";
-        QTest::newRow("no serial") << QByteArray(good).replace("serial='1'", "") << 1
-                                   << ":1: warning: no readable \"serial\"";
+        QTest::newRow("no serial") << QByteArray(good).replace("serial='1'", "") << 2
+                                   << ":1: error: no readable \"serial\"";
+        QTest::newRow("an expiry that is no date")
+            << QByteArray(good).replace("2099-01-01", "tomorrow") << 2
+            << ":1: error: no readable \"expires\"";
         QTest::newRow("size reads as 0")
             << QByteArray(good).replace("file-size='10'", "file-size='ten'") << 2
             << ":2: error: package Viewer 2.10: file-size \"ten\" reads as 0";
@@ -191,6 +196,41 @@ private Q_SLOTS:
         QCOMPARE(offerRows(offer), client);
     }
 
+    // With --install-mode complete, lint and offer answer as a client in CompleteInstall does:
+    // a ZIP application package is offered there, and only there.
+    void installModeComplete()
+    {
+        const QByteArray hash(64, 'b');
+        const QString catalogue = writeFile(
+            "complete.xml",
+            "<softwareList serial='1' expires='2099-01-01'>\n<package type='Application' "
+            "name='Viewer' release='3.0' status='STABLE' url='http://127.0.0.1:9/v.zip' "
+            "file-size='10' "
+            "release-date='2026-01-01' sha256='"
+                + hash + "'/>\n</softwareList>");
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            return TestHttpServer::Response::ok(suc::test::readFile(catalogue), "text/xml");
+        });
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        for (const bool complete : {false, true}) {
+            const QStringList mode {"--install-mode", complete ? "complete" : "designed"};
+            const Run lint = softupdate(QStringList {"lint", catalogue} << mode);
+            QCOMPARE(lint.code, complete ? 0 : 1);
+            const Run offer = softupdate(
+                QStringList {"offer", "--file", catalogue, "--app", "Viewer", "--version", "2.9.1"}
+                << mode);
+            qv::SoftwareUpdateClient::setInstallMode(
+                complete ? qv::SoftwareUpdateClient::CompleteInstall
+                         : qv::SoftwareUpdateClient::DesignedInstall);
+            const QStringList client
+                = clientRows(QString::fromLatin1(server.url("/list.xml")), {}, {});
+            qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::DesignedInstall);
+            QCOMPARE(client.size(), complete ? 1 : 0);
+            QCOMPARE(offer.code, complete ? 10 : 0);
+            QCOMPARE(offerRows(offer), client);
+        }
+    }
+
     // serve hands out the files of its folder and nothing outside it; offer reports a dead
     // server as an error.
     void serveAndOfferErrors()
@@ -210,11 +250,18 @@ private Q_SLOTS:
             QTcpSocket s;
             s.connectToHost("127.0.0.1", 18437);
             s.waitForConnected(5000);
-            s.write("GET " + path + " HTTP/1.0\r\n\r\n");
+            s.write((path.contains(' ') ? path : "GET " + path) + " HTTP/1.0\r\n\r\n");
             while (s.state() == QAbstractSocket::ConnectedState && s.waitForReadyRead(5000)) { }
             return s.readAll();
         };
         QVERIFY(get("/list.xml").contains("<softwareList/>"));
+        QByteArray logged;
+        QTRY_VERIFY((logged += serve.readAll()).contains("GET /list.xml 200 15"));
+        const QByteArray head = get("HEAD /list.xml");
+        QVERIFY2(head.startsWith("HTTP/1.0 200") && head.contains("Content-Length: 15")
+                     && head.endsWith("\r\n\r\n"),
+                 head.constData());
+        QVERIFY(get("POST /list.xml").startsWith("HTTP/1.0 405"));
         QVERIFY(get("/../secret.txt").startsWith("HTTP/1.0 404"));
         QVERIFY(get("/%2e%2e/secret.txt").startsWith("HTTP/1.0 404"));
         // Secret keys and hidden files never leave the folder.
@@ -229,7 +276,7 @@ private Q_SLOTS:
         serve.waitForFinished();
         const Run dead = softupdate({"offer", "--server", "http://127.0.0.1:9/list.xml", "--app",
                                      "Viewer", "--version", "1"});
-        QCOMPARE(dead.code, 1);
+        QCOMPARE(dead.code, 3);
         QVERIFY2(dead.out.contains("refused"), qPrintable(dead.out));
     }
 
@@ -288,6 +335,38 @@ private Q_SLOTS:
         QCOMPARE(offer.code, 10);
         QCOMPARE(offerRows(offer), rows);
 
+        // Rebuilt from scratch, the catalogue's serial still rises: the client that saw the
+        // first one accepts it. A serial set lower by hand is refused, and lint, given the
+        // published catalogue, warns before any client sees it.
+        const QString published = dir.filePath("published.xml");
+        QVERIFY(QFile::copy(list, published));
+        const auto rebuild = [&](const QStringList &extra, const QStringList &signExtra) {
+            QFile::remove(list);
+            QFile::remove(list + ".minisig");
+            return softupdate(QStringList {"add", list, package.fileName(), "--type", "Application",
+                                           "--name", "Viewer", "--release", "3.1", "--base-url",
+                                           "http://127.0.0.1/"}
+                              << extra)
+                       .code
+                == 0
+                && softupdate(QStringList {"sign", list, "--key", keys.secretKeyFile()}
+                              << signExtra)
+                       .code
+                == 0;
+        };
+        QVERIFY(rebuild({}, {}));
+        QCOMPARE(softupdate({"lint", list, "--previous", published}).code, 0);
+        const QStringList rebuilt
+            = clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {}, false);
+        QVERIFY2(rebuilt.value(0).startsWith("Viewer 3.1 | "), qPrintable(rebuilt.join('\n')));
+        QVERIFY(QFile::remove(published) && QFile::copy(list, published));
+        QVERIFY(rebuild({"--serial", "1"}, {"--serial", "2"}));
+        const Run lower = softupdate({"lint", list, "--previous", published});
+        QCOMPARE(lower.code, 1);
+        QVERIFY2(lower.out.contains("serial 2 is lower than"), qPrintable(lower.out));
+        QCOMPARE(clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {}, false),
+                 QStringList());
+
         // The package itself, from nginx on port 80, verified as it streams.
         qv::DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
         manager.setTrustedKeys({keys.publicKey()});
@@ -327,16 +406,31 @@ private Q_SLOTS:
                                                                     << "2030-01-31")
                      .code,
                  0);
-        QCOMPARE(softupdate(QStringList {"add", catalogue, package} << common << "--release"
-                                                                    << "2.11"
-                                                                    << "--status"
-                                                                    << "BETA")
-                     .code,
-                 0);
+        const QString beta = writeFile("viewer-2.11.tar.gz", body);
+        const QStringList second = QStringList {"add", catalogue, beta} << common << "--release"
+                                                                        << "2.11"
+                                                                        << "--status"
+                                                                        << "BETA"
+                                                                        << "--lifetime"
+                                                                        << "30";
+        // Published twice, the same file keeps one entry.
+        QCOMPARE(softupdate(second).code, 0);
+        const Run again = softupdate(second);
+        QVERIFY2(again.code == 0 && again.out.startsWith("replaced Viewer 2.11"),
+                 qPrintable(again.out));
         QFile f(catalogue);
         QVERIFY(f.open(QIODevice::ReadOnly));
         const QByteArray xml = f.readAll();
-        QVERIFY(xml.contains("serial=\"2\"") && xml.contains("expires=\"2030-01-31\""));
+        // The serial is at least the UTC time as yyyymmddHHMMSS; the expiry renewed by 30 days.
+        const qint64 serial = xml.mid(xml.indexOf("serial=\"") + 8, 14).toLongLong();
+        QVERIFY2(serial >= QDateTime::currentDateTimeUtc()
+                               .addSecs(-60)
+                               .toString("yyyyMMddHHmmss")
+                               .toLongLong(),
+                 xml.constData());
+        const QByteArray renewed
+            = "expires=\"" + QDate::currentDate().addDays(30).toString(Qt::ISODate).toUtf8();
+        QVERIFY(xml.contains(renewed));
         f.seek(0);
         const PackageInfoList packages = DownloadManager::parseXML(&f);
         QCOMPARE(packages.size(), 2);
@@ -360,6 +454,8 @@ private Q_SLOTS:
         QFETCH(QString, message);
         writeFile("p.zip", "zip");
         writeFile("dtd.xml", "<!DOCTYPE s [<!ENTITY a 'x'>]><softwareList/>");
+        writeFile("c.xml", "<softwareList serial='7' expires='2099-01-01'/>");
+        writeFile("binary.xml", QByteArray("<softwareList\0\x01\xff>", 17));
         args.replaceInStrings("@", m_dir.path());
         const Run run = softupdate(args);
         QCOMPARE(run.code, code);
@@ -380,12 +476,12 @@ private Q_SLOTS:
                             "--version", "0.1",    "--platform", "linux"}
             << QList<int> {10} << "V 1 |";
         QTest::newRow("lint of an endless answer")
-            << QStringList {"lint", "URL"} << QList<int> {1} << "larger than 33554432 bytes";
+            << QStringList {"lint", "URL"} << QList<int> {3} << "larger than 33554432 bytes";
         QTest::newRow("offer of an endless answer")
             << QStringList {"offer", "--server", "URL", "--app", "V", "--version", "0.1"}
-            << QList<int> {1} << "larger than 33554432 bytes";
+            << QList<int> {3} << "larger than 33554432 bytes";
         QTest::newRow("add a file name with a control character")
-            << (QStringList(add) << "@/bad\x01name.zip") << QList<int> {2} << "control character";
+            << (QStringList(add) << "@/bad\x01name.zip") << QList<int> {64} << "control character";
         QTest::newRow("add a file name with # and a blank")
             << (QStringList(add) << "@/v 1#2.zip") << QList<int> {0} << "added V 1";
     }
@@ -476,10 +572,16 @@ private Q_SLOTS:
         const Run verified = softupdate({"verify", catalogue, "--key", pub});
         QVERIFY2(verified.code == 0, qPrintable(verified.out));
         writeFile("signed.xml", "<softwareList serial='4' expires='2030-01-01'/>");
-        QCOMPARE(softupdate({"verify", catalogue, "--key", pub}).code, 1);
+        // Changed after signing: verify and lint (given the key) say so before any client sees it.
+        for (const char *command : {"verify", "lint"}) {
+            const Run stale = softupdate({command, catalogue, "--key", pub});
+            QCOMPARE(stale.code, 2);
+            QVERIFY2(stale.out.contains("signature is stale: run softupdate sign"),
+                     qPrintable(stale.out));
+        }
         if (encrypted && signer == "softupdate") {
             const Run wrong = softupdate({"sign", catalogue, "--key", sec}, "not the password\n");
-            QCOMPARE(wrong.code, 1);
+            QCOMPARE(wrong.code, 3);
             QVERIFY(wrong.out.contains("wrong password"));
         }
     }

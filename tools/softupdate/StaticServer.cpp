@@ -33,20 +33,42 @@ void StaticServer::answer(QTcpSocket *socket)
         return;
     socket->setProperty("answered", true);
     const QList<QByteArray> request = socket->readLine(8192).trimmed().split(' ');
+    const QByteArray method = request.value(0);
     const QString path
         = QUrl::fromPercentEncoding(QUrl(QString::fromLatin1(request.value(1))).path().toUtf8());
     const QString file = QFileInfo(m_root.filePath(path.mid(1))).canonicalFilePath();
     auto *f = new QFile(file, socket);
     const bool inside = !file.isEmpty() && file.startsWith(m_root.path() + QLatin1Char('/'));
-    if (request.value(0) != "GET" || !inside || isPrivate(path)
-        || isPrivate(m_root.relativeFilePath(file)) || !QFileInfo(file).isFile()
-        || !f->open(QIODevice::ReadOnly)) {
+    const auto log = [this, &method, &request](int status, qint64 bytes) {
+        if (m_log)
+            m_log(QStringLiteral("%1 %2 %3 %4")
+                      .arg(QString::fromLatin1(method.left(16)),
+                           QString::fromLatin1(request.value(1).left(2048)))
+                      .arg(status)
+                      .arg(bytes));
+    };
+    if (method != "GET" && method != "HEAD") {
+        log(405, 0);
+        socket->write("HTTP/1.0 405 Method Not Allowed\r\nAllow: GET, HEAD\r\nContent-Length: "
+                      "0\r\nConnection: close\r\n\r\n");
+        socket->disconnectFromHost();
+        return;
+    }
+    if (!inside || isPrivate(path) || isPrivate(m_root.relativeFilePath(file))
+        || !QFileInfo(file).isFile() || !f->open(QIODevice::ReadOnly)) {
+        log(404, 0);
         socket->write("HTTP/1.0 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
         socket->disconnectFromHost();
         return;
     }
     socket->write("HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: "
                   + QByteArray::number(f->size()) + "\r\nConnection: close\r\n\r\n");
+    if (method == "HEAD") {
+        log(200, 0);
+        socket->disconnectFromHost();
+        return;
+    }
+    log(200, f->size());
     // The file streams as the socket drains: a large package is never held in memory.
     const auto more = [socket, f] {
         if (socket->bytesToWrite() > (1 << 20))

@@ -3,18 +3,20 @@
 //   softupdate add CATALOGUE FILE --type T --name N --release R [options]
 //   softupdate sign CATALOGUE --key SECRET_KEY_FILE [--trusted-comment TEXT]
 //   softupdate verify CATALOGUE --key PUBLIC_KEY
-//   softupdate lint CATALOGUE|URL
+//   softupdate lint CATALOGUE|URL [--key PUBLIC_KEY] [--previous URL|FILE] [--install-mode M]
 //   softupdate offer (--server URL | --file CATALOGUE) --app NAME --version V [options]
 //   softupdate serve DIR [--port N]
 //
 // Every value the client reads from a package is filled from the file itself (size, date, hash),
 // and signatures are minisign's, so either tool verifies the other's.
 
+#include "CatalogueText.h"
 #include "Signing.h"
 #include "StaticServer.h"
 
 #include <DownloadManager.h>
 #include <PackageTable.h>
+#include <PackageTypes.h>
 #include <SoftwareUpdateClient.h>
 #include <qv/Exceptions.h>
 #include <qv/Minisign.h>
@@ -37,6 +39,7 @@
 #include <QSaveFile>
 #include <QSet>
 #include <QSettings>
+#include <QStringDecoder>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -48,9 +51,17 @@
 
 namespace {
 
-enum ExitCode { Success = 0, Failure = 1, Usage = 2 };
+// The exit codes of every command (sysexits' EX_USAGE for usage errors).
+enum ExitCode {
+    Success = 0, ///< clean
+    Warnings = 1, ///< lint: warnings only
+    Errors = 2, ///< errors in the catalogue or its signature
+    CannotRead = 3, ///< a file, URL or signature that cannot be read (or written)
+    Offered = 10, ///< offer: updates available
+    Usage = 64, ///< a command line that is wrong
+};
 
-int fail(const QString &message, int code = Failure)
+int fail(const QString &message, int code)
 {
     std::fprintf(stderr, "softupdate: %s\n", qPrintable(message));
     return code;
@@ -97,6 +108,13 @@ bool writeFile(const QString &path, const QByteArray &data)
     return f.open(QIODevice::WriteOnly) && f.write(data) == data.size() && f.commit();
 }
 
+// The exit codes a command's --help lists after its description.
+QString withExitCodes(const QString &description, const QString &codes)
+{
+    return description + QStringLiteral("\n\nExit codes: ") + codes
+        + QStringLiteral(", 64 usage error.");
+}
+
 // Parses the options of one subcommand; `positional` names its arguments for the help text.
 bool parse(QCommandLineParser &parser, const QStringList &args, const QStringList &positional,
            int *exitCode)
@@ -121,16 +139,140 @@ bool parse(QCommandLineParser &parser, const QStringList &args, const QStringLis
     return true;
 }
 
+// The serial a publication gets: above the previous one, and never below the current UTC time
+// as yyyymmddHHMMSS, so that a catalogue rebuilt from scratch still rises.
+qint64 nextSerial(qint64 previous)
+{
+    const qint64 now
+        = QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddHHmmss")).toLongLong();
+    return qMax(previous + 1, now);
+}
+
+// A date in the documented forms ("yyyy-MM-dd" or "yyyy-MM-dd hh:mm:ss") that lies ahead.
+bool futureDate(const QString &text)
+{
+    static const QRegularExpression form(
+        QStringLiteral("^\\d{4}-\\d{2}-\\d{2}( \\d{2}:\\d{2}:\\d{2})?$"));
+    const QDateTime when = qv::DownloadManager::parseReleaseDate(text);
+    return form.match(text).hasMatch() && when.isValid() && when > QDateTime::currentDateTime();
+}
+
+// The options with which add and sign stamp a catalogue: its serial and its expiry.
+struct Stamp {
+    QCommandLineOption serial {QStringLiteral("serial"),
+                               QStringLiteral("The serial to publish, above the catalogue's own "
+                                              "(default: the larger of that + 1 and the UTC time "
+                                              "as yyyymmddHHMMSS)."),
+                               QStringLiteral("N")};
+    QCommandLineOption expires {QStringLiteral("expires"),
+                                QStringLiteral("The expiry, a future date (yyyy-MM-dd or "
+                                               "\"yyyy-MM-dd hh:mm:ss\"); default: renewed "
+                                               "by --lifetime."),
+                                QStringLiteral("DATE")};
+    QCommandLineOption lifetime {QStringLiteral("lifetime"),
+                                 QStringLiteral("Days until the catalogue expires, counted from "
+                                                "now (default 90)."),
+                                 QStringLiteral("DAYS"), QStringLiteral("90")};
+
+    void addTo(QCommandLineParser &p) const { p.addOptions({serial, expires, lifetime}); }
+    // Usage or Success; the values are checked before anything is read or written.
+    int check(const QCommandLineParser &p) const
+    {
+        bool ok = true;
+        if (p.isSet(serial) && (p.value(serial).toLongLong(&ok) <= 0 || !ok))
+            return fail(
+                QStringLiteral("--serial takes a positive number, not \"%1\"").arg(p.value(serial)),
+                Usage);
+        const int days = p.value(lifetime).toInt(&ok);
+        if (!ok || days < 1 || days > 3650)
+            return fail(QStringLiteral("--lifetime takes 1 to 3650 days, not \"%1\"")
+                            .arg(p.value(lifetime)),
+                        Usage);
+        if (p.isSet(expires) && !futureDate(p.value(expires)))
+            return fail(QStringLiteral("--expires takes a future date as yyyy-MM-dd or "
+                                       "\"yyyy-MM-dd hh:mm:ss\", not \"%1\"")
+                            .arg(p.value(expires)),
+                        Usage);
+        return Success;
+    }
+    // Sets the serial and the expiry; Usage when --serial is not above the catalogue's.
+    int apply(const QCommandLineParser &p, CatalogueText &catalogue, QString *said) const
+    {
+        const qint64 previous
+            = qMax<qint64>(0, catalogue.rootAttribute(qv::DownloadManager::SERIAL).toLongLong());
+        qint64 next = nextSerial(previous);
+        if (p.isSet(serial)) {
+            next = p.value(serial).toLongLong();
+            if (next <= previous)
+                return fail(QStringLiteral("--serial %1 is not above the catalogue's serial %2: "
+                                           "a client that saw %2 would refuse it")
+                                .arg(next)
+                                .arg(previous),
+                            Usage);
+        }
+        const QString expiry = p.isSet(expires)
+            ? p.value(expires)
+            : QDate::currentDate().addDays(p.value(lifetime).toInt()).toString(Qt::ISODate);
+        catalogue.setRootAttribute(qv::DownloadManager::SERIAL, QString::number(next));
+        catalogue.setRootAttribute(qv::DownloadManager::EXPIRES, expiry);
+        *said = QStringLiteral("serial %1, expires %2").arg(next).arg(expiry);
+        return Success;
+    }
+};
+
+// Reads a catalogue file the client can parse into `catalogue`; an exit code on failure.
+int readCatalogue(const QString &path, CatalogueText *catalogue)
+{
+    QByteArray xml;
+    if (!readFile(path, &xml, qv::XmlLimits().maxBytes))
+        return fail(QStringLiteral("cannot read %1 (or it is larger than any catalogue)").arg(path),
+                    CannotRead);
+    QBuffer buffer(&xml);
+    buffer.open(QIODevice::ReadOnly);
+    QDomDocument doc;
+    QString why;
+    try {
+        qv::XmlUtils::parseXml(&buffer, &doc);
+    } catch (const qv::ExceptionQt &e) {
+        return fail(
+            QStringLiteral("%1 is not a catalogue the client reads: %2").arg(path, e.message()),
+            Errors);
+    }
+    if (!catalogue->read(QString::fromUtf8(xml), &why))
+        return fail(QStringLiteral("%1 is not a catalogue: %2").arg(path, why), Errors);
+    return Success;
+}
+
+// The package a catalogue element (as text) describes, as the client reads it.
+qv::PackageInfo packageOf(const QString &element)
+{
+    QDomDocument doc;
+    qv::PackageInfo info;
+    if (doc.setContent(element))
+        qv::DownloadManager::parsePackage(doc.documentElement(), info);
+    return info;
+}
+
+QString attribute(const QString &name, const QString &value)
+{
+    return QStringLiteral(" %1=\"%2\"").arg(name, value.toHtmlEscaped());
+}
+
 int add(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Adds one package to CATALOGUE (creating it if needed): size, release date, URL and "
-        "sha256 come from FILE, the serial is raised, the rest of the document stays."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Adds one package to CATALOGUE (creating it if needed): size, release "
+                       "date, URL and sha256 come from FILE; a package of the same URL is "
+                       "replaced. The serial rises and the expiry is renewed; the rest of the "
+                       "document stays as it is. Sign the catalogue again afterwards."),
+        QStringLiteral("0 added, 2 the catalogue cannot be read as one, 3 a file cannot be "
+                       "read or written")));
     const QCommandLineOption type(QStringLiteral("type"), "\"Application\" or \"Camera Firmware\".",
                                   "T");
     const QCommandLineOption name(QStringLiteral("name"), "The product or camera model.", "N");
-    const QCommandLineOption release(QStringLiteral("release"), "The version, e.g. 2.10.1.", "R");
+    const QCommandLineOption release(QStringLiteral("release"),
+                                     "The version, numbers and dots, e.g. 2.10.1.", "R");
     const QCommandLineOption publicName(QStringLiteral("public-name"), "Name shown to users.", "N");
     const QCommandLineOption publicRelease(QStringLiteral("public-release"),
                                            "Version shown to users.", "R");
@@ -142,11 +284,10 @@ int add(const QStringList &args)
                                    "LANG=URL");
     const QCommandLineOption baseUrl(QStringLiteral("base-url"),
                                      "Where FILE will be downloaded from (ends in /).", "URL");
-    const QCommandLineOption expires(
-        QStringLiteral("expires"),
-        "Expiry of the catalogue (yyyy-MM-dd); kept, or 90 days from now for a new one.", "DATE");
+    const Stamp stamp;
     p.addOptions({type, name, release, publicName, publicRelease, status, platform, language, notes,
-                  baseUrl, expires});
+                  baseUrl});
+    stamp.addTo(p);
     int code = Usage;
     if (!parse(p, args, {"CATALOGUE", "FILE"}, &code))
         return code;
@@ -154,7 +295,22 @@ int add(const QStringList &args)
         return fail(QStringLiteral("add needs --type, --name and --release"), Usage);
     if (p.value(type) != u"Application" && p.value(type) != u"Camera Firmware")
         return fail(QStringLiteral("--type is \"Application\" or \"Camera Firmware\""), Usage);
-    const QString catalogue = p.positionalArguments().at(0);
+    static const QRegularExpression version(QStringLiteral("^\\d{1,9}(\\.\\d{1,9}){0,7}$"));
+    if (!version.match(p.value(release)).hasMatch())
+        return fail(QStringLiteral("--release \"%1\" is not a version the client can compare: "
+                                   "numbers and dots, e.g. 2.10.1")
+                        .arg(p.value(release)),
+                    Usage);
+    if (p.value(status) != u"STABLE" && p.value(status) != u"BETA")
+        return fail(QStringLiteral("--status is STABLE or BETA, not \"%1\"").arg(p.value(status)),
+                    Usage);
+    for (const QString &note : p.values(notes)) {
+        if (note.indexOf(QLatin1Char('=')) <= 0)
+            return fail(QStringLiteral("--release-notes takes LANG=URL, not %1").arg(note), Usage);
+    }
+    if (const int checked = stamp.check(p); checked != Success)
+        return checked;
+    const QString path = p.positionalArguments().at(0);
     const QString file = p.positionalArguments().at(1);
     const QString fileName = QFileInfo(file).fileName();
     static const QRegularExpression control(QStringLiteral("[\\x00-\\x1f\\x7f]"));
@@ -163,104 +319,105 @@ int add(const QStringList &args)
                         .arg(QString::fromLatin1(QUrl::toPercentEncoding(fileName))),
                     Usage);
 
-    QDomDocument doc;
-    if (QFileInfo::exists(catalogue)) {
-        QFile in(catalogue);
-        if (!in.open(QIODevice::ReadOnly))
-            return fail(QStringLiteral("cannot read %1").arg(catalogue));
-        try {
-            qv::XmlUtils::parseXml(&in, &doc);
-        } catch (const qv::ExceptionQt &e) {
-            return fail(QStringLiteral("%1 is not a catalogue the client reads: %2")
-                            .arg(catalogue, e.message()));
-        }
-    } else {
-        doc.appendChild(doc.createElement(QStringLiteral("softwareList")));
+    CatalogueText catalogue;
+    if (QFileInfo::exists(path)) {
+        if (const int read = readCatalogue(path, &catalogue); read != Success)
+            return read;
     }
-    QDomElement root = doc.documentElement();
-
     QFile package(file);
     if (!package.open(QIODevice::ReadOnly))
-        return fail(QStringLiteral("cannot read %1").arg(file));
+        return fail(QStringLiteral("cannot read %1").arg(file), CannotRead);
     qv::Sha256 hash;
     while (!package.atEnd())
         hash.addData(package.read(1 << 20));
     const QFileInfo info(file);
 
     // Every package gets the values the client needs; none is typed by hand.
-    QDomElement e = doc.createElement(qv::DownloadManager::PACKAGE);
-    e.setAttribute(qv::DownloadManager::TYPE, p.value(type));
-    e.setAttribute(qv::DownloadManager::NAME, p.value(name));
-    e.setAttribute(qv::DownloadManager::RELEASE_VERSION, p.value(release));
+    using DM = qv::DownloadManager;
+    QString element = QLatin1Char('<') + DM::PACKAGE + attribute(DM::TYPE, p.value(type))
+        + attribute(DM::NAME, p.value(name)) + attribute(DM::RELEASE_VERSION, p.value(release));
     if (p.isSet(publicName))
-        e.setAttribute(qv::DownloadManager::NAME_PUBLIC, p.value(publicName));
+        element += attribute(DM::NAME_PUBLIC, p.value(publicName));
     if (p.isSet(publicRelease))
-        e.setAttribute(qv::DownloadManager::RELEASE_VERSION_PUBLIC, p.value(publicRelease));
-    e.setAttribute(qv::DownloadManager::RELEASE_STATUS, p.value(status));
-    e.setAttribute(qv::DownloadManager::RELEASE_DATE,
-                   info.lastModified().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")));
-    e.setAttribute(qv::DownloadManager::FILE_SIZE, QString::number(info.size()));
+        element += attribute(DM::RELEASE_VERSION_PUBLIC, p.value(publicRelease));
+    element += attribute(DM::RELEASE_STATUS, p.value(status))
+        + attribute(DM::RELEASE_DATE,
+                    info.lastModified().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
+        + attribute(DM::FILE_SIZE, QString::number(info.size()));
     if (p.isSet(baseUrl))
-        e.setAttribute(qv::DownloadManager::BASE_URL, p.value(baseUrl));
+        element += attribute(DM::BASE_URL, p.value(baseUrl));
     // The name is one path segment of a URL: "#", "?", "%" and blanks are encoded.
-    e.setAttribute(qv::DownloadManager::URL,
-                   QString::fromLatin1(QUrl::toPercentEncoding(fileName)));
-    e.setAttribute(qv::DownloadManager::SHA256, QString::fromLatin1(hash.result().toHex()));
+    element += attribute(DM::URL, QString::fromLatin1(QUrl::toPercentEncoding(fileName)))
+        + attribute(DM::SHA256, QString::fromLatin1(hash.result().toHex()));
     if (p.isSet(platform))
-        e.setAttribute(qv::DownloadManager::PLATFORM, p.values(platform).join(QLatin1Char(',')));
+        element += attribute(DM::PLATFORM, p.values(platform).join(QLatin1Char(',')));
     if (p.isSet(language))
-        e.setAttribute(qv::DownloadManager::LANGUAGE, p.values(language).join(QLatin1Char(',')));
-    for (const QString &note : p.values(notes)) {
-        const qsizetype eq = note.indexOf(QLatin1Char('='));
-        if (eq <= 0)
-            return fail(QStringLiteral("--release-notes takes LANG=URL, not %1").arg(note), Usage);
-        QDomElement n = doc.createElement(qv::DownloadManager::RELEASE_NOTES);
-        n.setAttribute(qv::DownloadManager::LANGUAGE, note.left(eq));
-        n.setAttribute(qv::DownloadManager::URL, note.mid(eq + 1));
-        e.appendChild(n);
+        element += attribute(DM::LANGUAGE, p.values(language).join(QLatin1Char(',')));
+    if (p.isSet(notes)) {
+        element += QLatin1Char('>');
+        for (const QString &note : p.values(notes)) {
+            const qsizetype eq = note.indexOf(QLatin1Char('='));
+            element += QStringLiteral("\n    <") + DM::RELEASE_NOTES
+                + attribute(DM::LANGUAGE, note.left(eq)) + attribute(DM::URL, note.mid(eq + 1))
+                + QStringLiteral("/>");
+        }
+        element += QStringLiteral("\n  </") + DM::PACKAGE + QLatin1Char('>');
+    } else {
+        element += QStringLiteral("/>");
     }
-    root.appendChild(e);
 
-    const qint64 serial
-        = qMax<qint64>(0, root.attribute(qv::DownloadManager::SERIAL).toLongLong()) + 1;
-    root.setAttribute(qv::DownloadManager::SERIAL, QString::number(serial));
-    if (p.isSet(expires))
-        root.setAttribute(qv::DownloadManager::EXPIRES, p.value(expires));
-    else if (!root.hasAttribute(qv::DownloadManager::EXPIRES))
-        root.setAttribute(qv::DownloadManager::EXPIRES,
-                          QDate::currentDate().addDays(90).toString(Qt::ISODate));
-    if (!writeFile(catalogue, doc.toByteArray(2)))
-        return fail(QStringLiteral("cannot write %1").arg(catalogue));
-    std::printf("added %s %s (%lld bytes, sha256 %s) to %s; serial %lld; sign it again\n",
-                qPrintable(p.value(name)), qPrintable(p.value(release)), info.size(),
-                hash.result().toHex().constData(), qPrintable(catalogue), serial);
+    // The same file published again (the same URL) replaces its entry.
+    const QUrl url = packageOf(element).url;
+    const QStringList existing = catalogue.packages();
+    qsizetype replaced = -1;
+    for (qsizetype i = 0; i < existing.size() && replaced < 0; ++i) {
+        if (packageOf(existing.at(i)).url == url)
+            replaced = i;
+    }
+    catalogue.putPackage(replaced, element);
+    QString stamped;
+    if (const int applied = stamp.apply(p, catalogue, &stamped); applied != Success)
+        return applied;
+    if (!writeFile(path, catalogue.text().toUtf8()))
+        return fail(QStringLiteral("cannot write %1").arg(path), CannotRead);
+    std::printf("%s %s %s (%lld bytes, sha256 %s) %s %s; %s; sign it again\n",
+                replaced >= 0 ? "replaced" : "added", qPrintable(p.value(name)),
+                qPrintable(p.value(release)), info.size(), hash.result().toHex().constData(),
+                replaced >= 0 ? "in" : "to", qPrintable(path), qPrintable(stamped));
     return Success;
 }
 
 int sign(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Writes CATALOGUE.minisig with a minisign secret key (the password of an encrypted key "
-        "comes from SOFTUPDATE_PASSWORD, else it is asked for on the terminal without echo, or "
-        "read from the first line of standard input when that is no terminal)."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral(
+            "Raises the serial of CATALOGUE, renews its expiry, and writes CATALOGUE.minisig with "
+            "a minisign secret key (the password of an encrypted key comes from "
+            "SOFTUPDATE_PASSWORD, else it is asked for on the terminal without echo, or read from "
+            "the first line of standard input when that is no terminal)."),
+        QStringLiteral("0 signed, 2 the catalogue cannot be read as one, 3 a file or the key "
+                       "cannot be read or written")));
     const QCommandLineOption key(QStringLiteral("key"), "The minisign secret key file.", "FILE");
     const QCommandLineOption comment(
         QStringLiteral("trusted-comment"),
         "The signed comment; \"<TAB>file:<catalogue name>\" is added when missing, as clients "
         "accept a catalogue only for the feed it was signed as.",
         "TEXT");
+    const Stamp stamp;
     p.addOptions({key, comment});
+    stamp.addTo(p);
     int code = Usage;
     if (!parse(p, args, {"CATALOGUE"}, &code))
         return code;
     if (!p.isSet(key))
         return fail(QStringLiteral("sign needs --key SECRET_KEY_FILE"), Usage);
-    const QString catalogue = p.positionalArguments().at(0);
-    QByteArray message;
-    if (!readFile(catalogue, &message, qv::XmlLimits().maxBytes))
-        return fail(
-            QStringLiteral("cannot read %1 (or it is larger than any catalogue)").arg(catalogue));
+    if (const int checked = stamp.check(p); checked != Success)
+        return checked;
+    const QString path = p.positionalArguments().at(0);
+    CatalogueText catalogue;
+    if (const int read = readCatalogue(path, &catalogue); read != Success)
+        return read;
     QByteArray password = qgetenv("SOFTUPDATE_PASSWORD");
     SecretKey secret = SecretKey::load(p.value(key), password);
     if (!secret.isValid() && secret.isEncrypted() && password.isEmpty()) {
@@ -268,28 +425,60 @@ int sign(const QStringList &args)
         secret = SecretKey::load(p.value(key), password);
     }
     if (!secret.isValid())
-        return fail(secret.error());
+        return fail(secret.error(), CannotRead);
+    QString stamped;
+    if (const int applied = stamp.apply(p, catalogue, &stamped); applied != Success)
+        return applied;
+    const QByteArray message = catalogue.text().toUtf8();
     // Clients accept a catalogue only for the feed its signature names ("file:"), as minisign
     // writes it; a comment of the publisher's own keeps that field.
-    const QString feed = QStringLiteral("file:") + QFileInfo(catalogue).fileName();
+    const QString feed = QStringLiteral("file:") + QFileInfo(path).fileName();
     QString trusted = p.isSet(comment) ? p.value(comment)
                                        : QStringLiteral("timestamp:%1\t%2\thashed")
                                              .arg(QDateTime::currentSecsSinceEpoch())
                                              .arg(feed);
     if (!trusted.split(QLatin1Char('\t')).contains(feed))
         trusted += QLatin1Char('\t') + feed;
-    if (!writeFile(catalogue + QStringLiteral(".minisig"), secret.sign(message, trusted)))
-        return fail(QStringLiteral("cannot write %1.minisig").arg(catalogue));
-    std::printf("signed %s: %s.minisig\n", qPrintable(catalogue), qPrintable(catalogue));
+    if (!writeFile(path, message)
+        || !writeFile(path + QStringLiteral(".minisig"), secret.sign(message, trusted)))
+        return fail(QStringLiteral("cannot write %1 and its .minisig").arg(path), CannotRead);
+    std::printf("signed %s (%s): %s.minisig\n", qPrintable(path), qPrintable(stamped),
+                qPrintable(path));
     return Success;
+}
+
+// What a signature says about `message` for a publisher: empty when it verifies for the feed
+// `feedName`, else why not. Malformed signatures are reported by the caller as unreadable.
+QString signatureProblem(const QByteArray &message, const QByteArray &signature,
+                         const qv::MinisignKey &key, const QString &feedName,
+                         qv::Minisign::Result *result)
+{
+    const qv::Minisign::Verification v = qv::Minisign::verify(message, signature, {key});
+    *result = v.result;
+    if (v.result == qv::Minisign::BadSignature)
+        return QStringLiteral("signature is stale: run softupdate sign (the .minisig does not "
+                              "belong to the current bytes)");
+    if (v.result == qv::Minisign::UnknownKey)
+        return QStringLiteral("signed with another key (id %1)").arg(v.keyId);
+    if (v.result != qv::Minisign::Valid)
+        return qv::Minisign::describe(v.result);
+    const QStringList fields = v.trustedComment.split(QLatin1Char('\t'));
+    for (const QString &field : fields) {
+        if (field.startsWith(QLatin1String("file:")) && field.mid(5) != feedName)
+            return QStringLiteral("signed for another feed (%1): clients refuse it here")
+                .arg(field);
+    }
+    return QString();
 }
 
 int verify(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Checks CATALOGUE.minisig for CATALOGUE with a public key (its base64 line, or a "
-        "minisign.pub file), as the client does. Exit 0 when it verifies, 1 when not."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Checks CATALOGUE.minisig for CATALOGUE with a public key (its base64 "
+                       "line, or a minisign.pub file), as the client does."),
+        QStringLiteral("0 it verifies, 2 it does not (stale, another key, another feed), 3 the "
+                       "catalogue or its signature cannot be read")));
     const QCommandLineOption key(QStringLiteral("key"), "The public key: base64 line or .pub file.",
                                  "KEY");
     p.addOption(key);
@@ -308,13 +497,19 @@ int verify(const QStringList &args)
     const QString catalogue = p.positionalArguments().at(0);
     QByteArray message, signature;
     if (!readFile(catalogue, &message, qv::XmlLimits().maxBytes))
-        return fail(QStringLiteral("cannot read %1").arg(catalogue));
+        return fail(QStringLiteral("cannot read %1").arg(catalogue), CannotRead);
     if (!readFile(catalogue + QStringLiteral(".minisig"), &signature,
                   qv::Minisign::maxSignatureSize))
-        return fail(QStringLiteral("cannot read %1.minisig").arg(catalogue));
+        return fail(QStringLiteral("cannot read %1.minisig").arg(catalogue), CannotRead);
+    qv::Minisign::Result result;
+    const QString problem
+        = signatureProblem(message, signature, publicKey, QFileInfo(catalogue).fileName(), &result);
+    if (result == qv::Minisign::Malformed)
+        return fail(QStringLiteral("cannot read %1.minisig: %2").arg(catalogue, problem),
+                    CannotRead);
+    if (!problem.isEmpty())
+        return fail(QStringLiteral("%1: %2").arg(catalogue, problem), Errors);
     const qv::Minisign::Verification v = qv::Minisign::verify(message, signature, {publicKey});
-    if (v.result != qv::Minisign::Valid)
-        return fail(QStringLiteral("%1: %2").arg(catalogue, qv::Minisign::describe(v.result)));
     std::printf("signature verified (key %s); trusted comment: %s\n", qPrintable(v.keyId),
                 qPrintable(v.trustedComment));
     return Success;
@@ -366,31 +561,78 @@ bool fetch(const QUrl &url, QByteArray *body, QString *error)
     return true;
 }
 
+// A catalogue file or URL, whole; an exit code (and the message written) on failure.
+int readSource(const QString &source, QByteArray *data)
+{
+    const QUrl url(source);
+    QString why;
+    if (url.scheme() == u"http" || url.scheme() == u"https") {
+        if (!fetch(url, data, &why))
+            return fail(QStringLiteral("cannot read %1: %2").arg(source, why), CannotRead);
+    } else if (!readFile(source, data, qv::XmlLimits().maxBytes + 1)) {
+        return fail(QStringLiteral("cannot read %1").arg(source), CannotRead);
+    }
+    return Success;
+}
+
+// The install mode option of lint and offer.
+const QCommandLineOption kInstallMode(QStringLiteral("install-mode"),
+                                      QStringLiteral("designed (the default) or complete: the "
+                                                     "client's install mode."),
+                                      QStringLiteral("MODE"), QStringLiteral("designed"));
+
 int lint(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Lists what the client would refuse or misread in a catalogue, one line per finding with "
-        "its line number. Exit 0 clean, 1 warnings only, 2 errors."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Lists what the client would refuse or misread in a catalogue, one line "
+                       "per finding with its line number."),
+        QStringLiteral("0 clean, 1 warnings only, 2 errors, 3 the catalogue, the previous one "
+                       "or the signature cannot be read")));
+    const QCommandLineOption previous(
+        QStringLiteral("previous"),
+        QStringLiteral("The published catalogue (URL or file): warns when the serial is lower, "
+                       "which every client that saw it refuses."),
+        QStringLiteral("URL|FILE"));
+    const QCommandLineOption key(
+        QStringLiteral("key"),
+        QStringLiteral("The public key (base64 line or .pub file): the catalogue's .minisig "
+                       "must verify for its current bytes."),
+        QStringLiteral("KEY"));
+    p.addOptions({previous, key, kInstallMode});
     int code = Usage;
     if (!parse(p, args, {"CATALOGUE|URL"}, &code))
         return code;
+    const QString mode = p.value(kInstallMode);
+    if (mode != u"designed" && mode != u"complete")
+        return fail(QStringLiteral("--install-mode is designed or complete, not \"%1\"").arg(mode),
+                    Usage);
+    qv::MinisignKey publicKey;
+    if (p.isSet(key)) {
+        publicKey = qv::MinisignKey::fromText(keyText(p.value(key)));
+        if (!publicKey.isValid())
+            return fail(QStringLiteral("%1 is not a minisign public key").arg(p.value(key)), Usage);
+    }
     const QString source = p.positionalArguments().at(0);
     QByteArray xml;
-    QString why;
-    const QUrl url(source);
-    if (url.scheme() == u"http" || url.scheme() == u"https") {
-        if (!fetch(url, &xml, &why))
-            return fail(QStringLiteral("%1: %2").arg(source, why));
-    } else if (!readFile(source, &xml, qv::XmlLimits().maxBytes + 1)) {
-        return fail(QStringLiteral("cannot read %1").arg(source));
-    }
+    if (const int read = readSource(source, &xml); read != Success)
+        return read;
     int errors = 0, warnings = 0;
     const auto say = [&](int line, bool error, const QString &text) {
         std::printf("%s:%d: %s: %s\n", qPrintable(source), line, error ? "error" : "warning",
                     qPrintable(text));
         ++(error ? errors : warnings);
     };
+    // A binary file is no catalogue, whatever the XML reader would make of it.
+    const qsizetype nul = xml.indexOf('\0');
+    QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString decoded = utf8.decode(xml);
+    if (nul >= 0 || utf8.hasError()) {
+        say(0, true,
+            QStringLiteral("not a text file (binary data%1): not a catalogue")
+                .arg(nul >= 0 ? QStringLiteral(" at byte %1").arg(nul) : QString()));
+        return Errors;
+    }
     QBuffer buffer(&xml);
     buffer.open(QIODevice::ReadOnly);
     QDomDocument doc;
@@ -398,23 +640,54 @@ int lint(const QStringList &args)
         qv::XmlUtils::parseXml(&buffer, &doc);
     } catch (const qv::ExceptionQt &e) {
         say(0, true, QStringLiteral("the client refuses this document: %1").arg(e.message()));
-        return 2;
+        return Errors;
     }
     const QDomElement root = doc.documentElement();
     const int rootLine = root.lineNumber();
     bool serialOk = false;
-    root.attribute(qv::DownloadManager::SERIAL).toLongLong(&serialOk);
+    const qint64 serial = root.attribute(qv::DownloadManager::SERIAL).toLongLong(&serialOk);
     if (!serialOk)
-        say(rootLine, false,
+        say(rootLine, true,
             QStringLiteral("no readable \"serial\": a client with trusted keys refuses it"));
+    if (p.isSet(previous)) {
+        QByteArray published;
+        if (const int read = readSource(p.value(previous), &published); read != Success)
+            return read;
+        CatalogueText before;
+        QString why;
+        const qint64 was = before.read(QString::fromUtf8(published), &why)
+            ? before.rootAttribute(qv::DownloadManager::SERIAL).toLongLong()
+            : 0;
+        if (serialOk && serial < was)
+            say(rootLine, false,
+                QStringLiteral("serial %1 is lower than %2 of the published catalogue %3: every "
+                               "client that saw it refuses this one (softupdate sign raises it)")
+                    .arg(serial)
+                    .arg(was)
+                    .arg(p.value(previous)));
+    }
     const QDateTime expires
         = qv::DownloadManager::parseReleaseDate(root.attribute(qv::DownloadManager::EXPIRES));
     if (!expires.isValid())
-        say(rootLine, false,
+        say(rootLine, true,
             QStringLiteral("no readable \"expires\": a client with trusted keys refuses it"));
     else if (expires < QDateTime::currentDateTime())
         say(rootLine, true,
             QStringLiteral("expired on %1").arg(root.attribute(qv::DownloadManager::EXPIRES)));
+    if (p.isSet(key)) {
+        QByteArray signature;
+        const QString signaturePath = source + QStringLiteral(".minisig");
+        if (readSource(signaturePath, &signature) != Success)
+            return CannotRead;
+        qv::Minisign::Result result;
+        const QString problem
+            = signatureProblem(xml, signature, publicKey, QUrl(source).fileName(), &result);
+        if (result == qv::Minisign::Malformed)
+            return fail(QStringLiteral("cannot read %1: %2").arg(signaturePath, problem),
+                        CannotRead);
+        if (!problem.isEmpty())
+            say(0, true, problem);
+    }
 
     QList<QDomElement> elements {root};
     for (qsizetype i = 0; i < elements.size(); ++i) {
@@ -432,7 +705,7 @@ int lint(const QStringList &args)
                     .arg(e.attribute(qv::DownloadManager::BASE_URL)));
     }
 
-    static const QStringList offeredTypes {"tar.gz", "rpm", "deb", "tar.bz2"};
+    const QStringList offeredTypes = qv::PackageTypes::offered(mode == u"complete");
     QHash<QString, int> identities;
     QStringList models;
     const QDomNodeList packages = doc.elementsByTagName(qv::DownloadManager::PACKAGE);
@@ -497,29 +770,53 @@ int lint(const QStringList &args)
         }
     }
     std::printf("%s: %d error(s), %d warning(s)\n", qPrintable(source), errors, warnings);
-    return errors ? 2 : warnings ? 1 : 0;
+    return errors ? Errors : warnings ? Warnings : Success;
 }
 
 int serve(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Serves DIR (catalogue, signature, packages) on 127.0.0.1 for development."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Serves DIR (catalogue, signature, packages) on 127.0.0.1, for testing "
+                       "only: one line per request (method, path, status, bytes). Publish with "
+                       "nginx or any static web server (docs/catalogue.md has a server block)."),
+        QStringLiteral("0 stopped, 3 DIR is missing or no folder, or the port cannot be "
+                       "listened on")));
     const QCommandLineOption port(QStringLiteral("port"),
-                                  QStringLiteral("The port (default 8080)."), QStringLiteral("N"),
-                                  QStringLiteral("8080"));
+                                  QStringLiteral("The port, 1 to 65535 (default 8080)."),
+                                  QStringLiteral("N"), QStringLiteral("8080"));
     p.addOption(port);
     int code = Usage;
     if (!parse(p, args, {"DIR"}, &code))
         return code;
-    StaticServer server(p.positionalArguments().at(0));
-    if (!server.listen(QHostAddress::LocalHost, quint16(p.value(port).toUInt())))
+    bool ok = false;
+    const int number = p.value(port).toInt(&ok);
+    if (!ok || number < 1 || number > 65535)
+        return fail(QStringLiteral("--port takes 1 to 65535, not \"%1\"").arg(p.value(port)),
+                    Usage);
+    const QString folder = p.positionalArguments().at(0);
+    if (!QFileInfo(folder).isDir())
+        return fail(QStringLiteral("cannot serve %1: %2")
+                        .arg(folder,
+                             QFileInfo::exists(folder) ? QStringLiteral("not a folder")
+                                                       : QStringLiteral("no such folder")),
+                    CannotRead);
+    StaticServer server(folder);
+    server.setLog([](const QString &line) {
+        std::printf("%s\n", qPrintable(line));
+        std::fflush(stdout);
+    });
+    if (!server.listen(QHostAddress::LocalHost, quint16(number)))
         return fail(QStringLiteral("cannot listen on 127.0.0.1:%1: %2")
-                        .arg(p.value(port), server.errorString()));
-    std::printf("serving %s on http://127.0.0.1:%d/\n"
+                        .arg(number)
+                        .arg(server.errorString()),
+                    CannotRead);
+    std::printf("serving %s on http://127.0.0.1:%d/ (for testing; publish with nginx or any "
+                "static web server)\n"
                 "note: clients download packages from port 80 of the package URL's host, "
-                "whatever port the URL names; serve packages on port 80 (or through a proxy).\n",
-                qPrintable(p.positionalArguments().at(0)), server.serverPort());
+                "whatever port the URL names, unless they have trusted keys; serve packages on "
+                "port 80 (or through a proxy).\n",
+                qPrintable(folder), server.serverPort());
     std::fflush(stdout);
     return QCoreApplication::exec();
 }
@@ -527,9 +824,11 @@ int serve(const QStringList &args)
 int offer(const QStringList &args)
 {
     QCommandLineParser p;
-    p.setApplicationDescription(QStringLiteral(
-        "Runs the client's request, verification and selection and prints the packages the user "
-        "would be offered. Exit 0 nothing to offer, 10 updates available, 1 error."));
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Runs the client's request, verification and selection and prints the "
+                       "packages the user would be offered."),
+        QStringLiteral("0 nothing to offer, 10 updates available, 3 the catalogue cannot be read "
+                       "or is refused (the client's reason is printed)")));
     const QCommandLineOption server(QStringLiteral("server"), QStringLiteral("The catalogue URL."),
                                     QStringLiteral("URL"));
     const QCommandLineOption file(QStringLiteral("file"),
@@ -552,12 +851,25 @@ int offer(const QStringList &args)
     const QCommandLineOption keys(QStringLiteral("keys"),
                                   QStringLiteral("A trusted public key (repeatable)."),
                                   QStringLiteral("PUBLIC_KEY"));
-    p.addOptions({server, file, app, version, platform, camera, beta, language, keys});
+    p.addOptions(
+        {server, file, app, version, platform, camera, beta, language, keys, kInstallMode});
     int code = Usage;
     if (!parse(p, args, {}, &code))
         return code;
     if (p.isSet(server) == p.isSet(file) || !p.isSet(app) || !p.isSet(version))
         return fail(QStringLiteral("offer needs --server or --file, --app and --version"), Usage);
+    const QString mode = p.value(kInstallMode);
+    if (mode != u"designed" && mode != u"complete")
+        return fail(QStringLiteral("--install-mode is designed or complete, not \"%1\"").arg(mode),
+                    Usage);
+    QStringList trusted;
+    for (const QString &k : p.values(keys)) {
+        trusted << keyText(k);
+        if (!qv::MinisignKey::fromText(trusted.last()).isValid())
+            return fail(QStringLiteral("%1 is not a minisign public key").arg(k), Usage);
+    }
+    if (mode == u"complete")
+        qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::CompleteInstall);
 
     // The user's real settings are never touched: a store of its own for this run.
     QTemporaryDir settings;
@@ -571,8 +883,12 @@ int offer(const QStringList &args)
     if (p.isSet(file)) {
         const QFileInfo info(p.value(file));
         local.reset(new StaticServer(info.absolutePath()));
-        if (!info.isFile() || !local->listen(QHostAddress::LocalHost))
-            return fail(QStringLiteral("cannot serve %1").arg(p.value(file)));
+        if (!info.isFile())
+            return fail(QStringLiteral("cannot read %1").arg(p.value(file)), CannotRead);
+        if (!local->listen(QHostAddress::LocalHost))
+            return fail(
+                QStringLiteral("cannot serve %1: %2").arg(p.value(file), local->errorString()),
+                CannotRead);
         url = QStringLiteral("http://127.0.0.1:%1/%2")
                   .arg(local->serverPort())
                   .arg(info.fileName());
@@ -585,9 +901,6 @@ int offer(const QStringList &args)
     qv::SoftwareUpdateClient client(p.value(app), qv::VersionNumber::fromText(p.value(version)),
                                     url, nullptr);
     client.setInteractive(false);
-    QStringList trusted;
-    for (const QString &k : p.values(keys))
-        trusted << keyText(k);
     client.setTrustedKeys(trusted);
     SoftUpCurrentCameraVersions cameras;
     for (const QString &c : p.values(camera))
@@ -600,7 +913,7 @@ int offer(const QStringList &args)
                        p.values(platform).join(QLatin1Char(',')));
     store.sync();
 
-    int result = Failure;
+    int result = CannotRead;
     QEventLoop loop;
     QObject::connect(&client, &qv::SoftwareUpdateClient::upToDate, &loop, [&] {
         std::printf("nothing to offer\n");
@@ -610,16 +923,16 @@ int offer(const QStringList &args)
     QObject::connect(&client, &qv::SoftwareUpdateClient::checkFailed, &loop,
                      [&](const QString &reason) {
                          std::fprintf(stderr, "softupdate: %s\n", qPrintable(reason));
-                         result = Failure;
+                         result = CannotRead;
                          loop.quit();
                      });
     QObject::connect(&client, &qv::SoftwareUpdateClient::updatesAvailable, &loop, [&] {
-        result = 10;
+        result = Offered;
         loop.quit();
     });
     QTimer::singleShot(0, &client, [&client] { client.checkForUpdate(0); });
     loop.exec();
-    if (result != 10)
+    if (result != Offered)
         return result;
     // The rows of the list the user would see, as that list shows them.
     const QList<int> hidden = qv::PackageTable::foreignLanguageRows(
@@ -628,11 +941,14 @@ int offer(const QStringList &args)
     for (int r = 0; r < rows.size(); ++r)
         std::printf("%s%s\n", qPrintable(rows.at(r).join(QStringLiteral(" | "))),
                     hidden.contains(r) ? " (hidden: another language)" : "");
-    return 10;
+    return Offered;
 }
 
 const char kUsage[]
-    = "usage: softupdate add|sign|verify|lint|offer|serve ... (softupdate <command> --help)\n";
+    = "usage: softupdate add|sign|verify|lint|offer|serve ... (softupdate <command> --help)\n"
+      "       softupdate --version\n"
+      "Exit codes: 0 clean, 1 warnings (lint), 2 errors in the catalogue or its signature, 3 a "
+      "file, URL or signature cannot be read, 10 updates available (offer), 64 usage error.\n";
 
 } // namespace
 
@@ -663,8 +979,12 @@ int main(int argc, char **argv)
         return offer(args);
     if (command == u"serve")
         return serve(args);
-    if (command == u"--help" || command == u"-h") {
+    if (command == u"--help" || command == u"-h" || command == u"help") {
         std::printf("%s", kUsage);
+        return Success;
+    }
+    if (command == u"--version") {
+        std::printf("softupdate %s\n", SUC_VERSION);
         return Success;
     }
     std::fprintf(stderr, "%s", kUsage);
