@@ -446,6 +446,29 @@ private Q_SLOTS:
         QCOMPARE(packages.at(1).release, QString("2.11"));
     }
 
+    // add and sign edit in place: what the publisher wrote (attribute order, quotes, comments)
+    // stays, and only the serial, the expiry and the new package differ.
+    void editsInPlace()
+    {
+        const QByteArray kept = "  <!-- kept as written -->\n  <package url='a.tar.gz' "
+                                "type='Application' name='V' release='1'/>\n";
+        const QString catalogue
+            = writeFile("kept.xml",
+                        "<softwareList expires='2099-01-01' serial='5' base-url='http://h/'>\n"
+                            + kept + "</softwareList>\n");
+        QVERIFY(softupdate({"add", catalogue, writeFile("b.tar.gz", "b"), "--type", "Application",
+                            "--name", "V", "--release", "2"})
+                    .code
+                == 0);
+        const QByteArray xml = suc::test::readFile(catalogue);
+        const QByteArray start = "<softwareList expires='"
+            + QDate::currentDate().addDays(90).toString(Qt::ISODate).toUtf8() + "' serial='20";
+        const QByteArray middle = "' base-url='http://h/'>\n" + kept + "  <package type=";
+        QVERIFY2(xml.startsWith(start) && xml.contains(middle)
+                     && xml.endsWith("/>\n</softwareList>\n"),
+                 xml.constData());
+    }
+
     void refusals_data() { suc::test::addRows("softupdate-refusals"); }
     void refusals()
     {
