@@ -202,7 +202,7 @@ public Q_SLOTS:
     /// where. A manager unpacks at most one package in its lifetime.
     void unzipPackage(const QString &packageFile);
     /// The same into `targetFolder`, which must exist (and is removed when unpacking fails).
-    void unzipPackage(const QString &packageFile, const QString &targetFolder);
+    void unzipPackageInto(const QString &packageFile, const QString &targetFolder);
     /// Whether a failed unpacking is shown in a box (the default) besides unzippingFailed().
     void setUnpackErrorBox(bool on) { unpackErrorBox = on; }
     /// Replaces the running process with the updater program, passing "-oldDir"

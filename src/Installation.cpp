@@ -22,10 +22,10 @@ namespace qv {
 
 void DownloadManager::unzipPackage(const QString &packageFile)
 {
-    unzipPackage(packageFile, FileUtils::createTempDir());
+    unzipPackageInto(packageFile, FileUtils::createTempDir());
 }
 
-void DownloadManager::unzipPackage(const QString &packageFile, const QString &folder)
+void DownloadManager::unzipPackageInto(const QString &packageFile, const QString &folder)
 {
     if (folder.isEmpty() || (!QDir(folder).exists() && !QDir().mkpath(folder))) {
         LogQt::write(

@@ -630,7 +630,7 @@ void SoftwareUpdateClient::installCompletePackage()
                 unpacker->deleteLater();
                 completePackageUnpacked(folder);
             });
-    unpacker->unzipPackage(m_downloadedFilePath, target);
+    unpacker->unzipPackageInto(m_downloadedFilePath, target);
 }
 
 void SoftwareUpdateClient::completePackageUnpacked(const QString &folder)

@@ -1,7 +1,9 @@
-// Every public signal and slot of the client connects by function pointer, the way a host
-// writes it: a name with two signatures would not compile here. (checkForUpdate() and
-// checkForUpdate(int) are the one pair by design; checkNow() is the unambiguous name.)
+// Every public signal and slot of the client, and the manager's signals, connect by function
+// pointer, the way a host writes it: a name with two signatures would not compile here. The
+// pairs by design take qOverload: the client's checkForUpdate() and checkForUpdate(int) (or
+// checkNow()), the manager's downloadSuccess and downloadFailure.
 
+#include <DownloadManager.h>
 #include <SoftwareUpdateClient.h>
 
 #include <QObject>
@@ -22,6 +24,8 @@ Q_SIGNALS:
     void window(QWidget *parent);
     void flags(Qt::WindowFlags flags);
     void dialog(Qt::WindowFlags flags, bool modal);
+    void text(const QString &text);
+    void twoTexts(const QString &first, const QString &second);
 };
 
 } // namespace
@@ -60,12 +64,37 @@ int connectEverySignalAndSlot(qv::SoftwareUpdateClient *client)
         QObject::connect(source, &Source::nothing, client, &C::forgetRolledBackVersions),
         QObject::connect(source, &Source::flag, client, &C::setInstallOnQuit),
     };
+    using M = qv::DownloadManager;
+    auto *manager = new M;
+    manager->setParent(sink);
+    const QList<QMetaObject::Connection> managerConnections {
+        QObject::connect(manager, &M::packageFound, sink, any),
+        QObject::connect(manager, &M::noPackageFound, sink, any),
+        QObject::connect(manager, &M::queryStarted, sink, any),
+        QObject::connect(manager, &M::queryFinished, sink, any),
+        QObject::connect(manager, &M::downloadStarted, sink, any),
+        QObject::connect(manager, &M::downloadProgress, sink, any),
+        QObject::connect(manager, qOverload<qv::PackageInfo, QString>(&M::downloadSuccess), sink,
+                         any),
+        QObject::connect(manager, qOverload<>(&M::downloadSuccess), sink, any),
+        QObject::connect(manager, qOverload<qv::PackageInfo, QString>(&M::downloadFailure), sink,
+                         any),
+        QObject::connect(manager, qOverload<int>(&M::downloadFailure), sink, any),
+        QObject::connect(manager, &M::downloadAborted, sink, any),
+        QObject::connect(manager, &M::releaseNotesDownloaded, sink, any),
+        QObject::connect(manager, &M::unzippingDone, sink, any),
+        QObject::connect(manager, &M::downloadVerificationFailed, sink, any),
+        QObject::connect(manager, &M::unpackingFailed, sink, any),
+        QObject::connect(source, &Source::nothing, manager, &M::abortDownload),
+        QObject::connect(source, &Source::text, manager, &M::unzipPackage),
+        QObject::connect(source, &Source::twoTexts, manager, &M::unzipPackageInto),
+    };
     int connected = 0;
-    for (const QMetaObject::Connection &c : connections)
+    for (const QMetaObject::Connection &c : connections + managerConnections)
         connected += c ? 1 : 0;
     delete source;
     delete sink;
-    return connected == connections.size() ? connected : -1;
+    return connected == connections.size() + managerConnections.size() ? connected : -1;
 }
 
 #include "connections.moc"
