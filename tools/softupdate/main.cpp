@@ -220,6 +220,17 @@ struct Stamp {
     }
 };
 
+// Why `data` is no text file (a NUL byte, or no UTF-8); empty for text.
+QString binaryData(const QByteArray &data)
+{
+    const qsizetype nul = data.indexOf('\0');
+    if (nul >= 0)
+        return QStringLiteral("binary data at byte %1").arg(nul);
+    QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text = utf8.decode(data);
+    return utf8.hasError() ? QStringLiteral("bytes that are no UTF-8") : QString();
+}
+
 // Reads a catalogue file the client can parse into `catalogue`; an exit code on failure.
 int readCatalogue(const QString &path, CatalogueText *catalogue)
 {
@@ -227,6 +238,9 @@ int readCatalogue(const QString &path, CatalogueText *catalogue)
     if (!readFile(path, &xml, qv::XmlLimits().maxBytes))
         return fail(QStringLiteral("cannot read %1 (or it is larger than any catalogue)").arg(path),
                     CannotRead);
+    if (const QString binary = binaryData(xml); !binary.isEmpty())
+        return fail(QStringLiteral("%1 is not a text file (%2): not a catalogue").arg(path, binary),
+                    Errors);
     QBuffer buffer(&xml);
     buffer.open(QIODevice::ReadOnly);
     QDomDocument doc;
@@ -624,13 +638,8 @@ int lint(const QStringList &args)
         ++(error ? errors : warnings);
     };
     // A binary file is no catalogue, whatever the XML reader would make of it.
-    const qsizetype nul = xml.indexOf('\0');
-    QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    const QString decoded = utf8.decode(xml);
-    if (nul >= 0 || utf8.hasError()) {
-        say(0, true,
-            QStringLiteral("not a text file (binary data%1): not a catalogue")
-                .arg(nul >= 0 ? QStringLiteral(" at byte %1").arg(nul) : QString()));
+    if (const QString binary = binaryData(xml); !binary.isEmpty()) {
+        say(0, true, QStringLiteral("not a text file (%1): not a catalogue").arg(binary));
         return Errors;
     }
     QBuffer buffer(&xml);
