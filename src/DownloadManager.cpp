@@ -90,8 +90,7 @@ void DownloadManager::connectRelays()
 {
     qv::connect(&httpClient, SIGNAL(requestStarted(RequestPtr)), this,
                 SLOT(downloadStarting(RequestPtr)), Qt::AutoConnection);
-    qv::connect(&httpClient, SIGNAL(downloadProgress(int, int)), this,
-                SIGNAL(downloadProgress(int, int)), Qt::AutoConnection);
+    connect(&httpClient, &HttpClient::downloadProgress, this, &DownloadManager::relayProgress);
 }
 
 void DownloadManager::setServer(const QUrl &url)
@@ -277,6 +276,8 @@ void DownloadManager::queryResult(QIODevice *input, RequestData *data)
         p.flags &= ~PackageInfo::BestMatchMark;
     if (data->callbackSlot)
         invokeQueued(data->callbackReceiver, data->callbackSlot, Q_ARG(qv::PackageInfoList, list));
+    if (resumeDownloads)
+        pruneResumeFolder(list);
     // Deliberately the last use of the manager: a receiver may delete it.
     if (!list.isEmpty())
         Q_EMIT packageFound(list);
@@ -386,7 +387,7 @@ void DownloadManager::storeHistory(QSettings &settings, const QString &cacheFile
 
 // Package and release-notes downloads.
 
-void DownloadManager::startDownload(const PackageInfo &package, const QString &filePath)
+void DownloadManager::startPlainDownload(const PackageInfo &package, const QString &filePath)
 {
     // Owned by the request, as the package copy is; a failed open shows up as a short file. A
     // target that could lead elsewhere than it reads is never opened.
@@ -433,6 +434,10 @@ void DownloadManager::downloadStarting(RequestPtr request)
 
 void DownloadManager::downloadResult(RequestPtr request)
 {
+    if (const std::shared_ptr<Job> job = jobs.take(request.data())) {
+        finishAttempt(request, job);
+        return;
+    }
     // The request owns the package copy and the file, and outlives this call.
     PackageInfo *package = request->userDataAs<PackageInfo>();
     // A package without an announced size never reports an outcome; its file stays as it is.
@@ -477,6 +482,7 @@ void DownloadManager::downloadResult(RequestPtr request)
 
 void DownloadManager::abortDownload()
 {
+    endAttempts();
     // The dropped request takes its package copy and file along; the partial file stays on disk.
     httpClient.reset();
     Q_EMIT downloadAborted();

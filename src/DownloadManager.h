@@ -15,9 +15,12 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
 class QDir;
 class QIODevice;
 class QSettings;
+class QTimer;
 
 namespace qv {
 
@@ -110,6 +113,28 @@ public:
     /// refused with a log line; trust stays on.
     void setTrustedKeys(const QStringList &publicKeys);
     QStringList trustedKeys() const { return trustedKeyTexts; }
+
+    /// Downloads that survive real networks (off by default: a failed or cut download ends as
+    /// it always has). With resume on, a download goes into a private per-user folder
+    /// (resumeFolder()) with a record of its URL, size, sha256, the server's validator (ETag or
+    /// Last-Modified) and the bytes committed to disk; a later download of the same package (URL
+    /// and sha256), in this session or the next, asks only for the rest ("Range" with
+    /// "If-Range") and hashes on over the kept part. A server that sends the whole file, a
+    /// range other than asked, or 416 makes it start over; a final file that is not the
+    /// published one is erased with its record. The finished file is moved to the path given.
+    void setResumeDownloads(bool on) { resumeDownloads = on; }
+    bool resumesDownloads() const { return resumeDownloads; }
+    /// How often a transient failure is tried again (0, the default: never): no answer, a
+    /// connection reset or cut, a stall, HTTP 408, 429, 500, 502, 503 and 504; after 1 s, 2 s,
+    /// 4 s ... (at most 60 s, or the server's Retry-After up to 5 min). downloadRetrying() tells
+    /// each wait; abortDownload() ends them.
+    void setDownloadRetries(int count) { retryCount = qMax(0, count); }
+    int downloadRetries() const { return retryCount; }
+    /// Where resumable downloads are kept: SoftwareUpdate/downloads in the user's state folder.
+    static QString resumeFolder();
+    /// Removes the kept partial downloads older than 30 days or of packages not in `catalogue`,
+    /// and all but the two most recent others (a check calls it).
+    static void pruneResumeFolder(const qv::PackageInfoList &catalogue);
 
     /// Writes the history to the group "Download" and the last answer to `cacheFile`.
     void storeHistory(QSettings &settings, const QString &cacheFile);
@@ -245,6 +270,8 @@ Q_SIGNALS:
     void downloadVerificationFailed(qv::PackageInfo pack);
     /// Unpacking failed (`message` says why); the unpacked part was removed.
     void unpackingFailed(const QString &message);
+    /// A transient failure: the download is tried again in `seconds` (retry `attempt`).
+    void downloadRetrying(int seconds, int attempt);
 
 private Q_SLOTS:
     void queryResult(RequestPtr resp);
@@ -257,7 +284,15 @@ private Q_SLOTS:
     void unzippingFailed(const QString &message);
 
 private:
+    struct Job;
     void connectRelays();
+    void startPlainDownload(const qv::PackageInfo &package, const QString &filePath);
+    void startAttempt(const std::shared_ptr<Job> &job);
+    bool acceptAnswer(Job &job, qv::RequestData &answer);
+    void finishAttempt(RequestPtr request, const std::shared_ptr<Job> &job);
+    void commitPartial(Job &job, bool onlyWhenDue = false);
+    void relayProgress(int bytes, int total);
+    void endAttempts();
     void loadHistory(QSettings &settings, const QString &cacheFile);
 
     HttpClient httpClient;
@@ -283,6 +318,12 @@ private:
     PackageInfo installPackageInfo;
     QString installTexts[3];
     bool unpackErrorBox = true;
+    bool resumeDownloads = false;
+    int retryCount = 0;
+    QHash<qv::RequestData *, std::shared_ptr<Job>> jobs; ///< running resumable or retried downloads
+    std::shared_ptr<Job> currentJob; ///< the running one, for progress and commits
+    std::shared_ptr<Job> retryingJob; ///< the one waiting for its next attempt
+    QTimer *retryTimer = nullptr;
 };
 
 } // namespace qv

@@ -165,6 +165,8 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
     // Never deleted: it lives as long as the process.
     auto *manager = new DownloadManager(host, QString());
     manager->setTrustedKeys(m_trustedKeyTexts);
+    manager->setResumeDownloads(m_resumeDownloads);
+    manager->setDownloadRetries(m_downloadRetries);
 
     const QString link = package.url.toString();
     // Everything of this download stays inside this folder: the manager refuses a file name
@@ -220,6 +222,16 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
         connect(manager, &DownloadManager::downloadVerificationFailed, this, [this, own] {
             own();
             packageNotPublished();
+        });
+        connect(manager, &DownloadManager::downloadRetrying, this, [this](int seconds) {
+            if (m_progressDialog)
+                m_progressDialog->setLabelText(Text::tr("Retrying in %1 s").arg(seconds));
+        });
+        connect(manager, &DownloadManager::downloadStarted, this, [this, complete] {
+            if (m_progressDialog)
+                m_progressDialog->setLabelText(
+                    complete ? Text::tr("Downloading and verifying the package...")
+                             : Text::tr("Downloading package to temporary folder..."));
         });
     }
     manager->startDownload(package, m_downloadedFilePath);

@@ -130,6 +130,13 @@ public:
     void setHealthTimeout(int seconds) { m_healthTimeout = qMax(1, seconds); }
     int healthTimeout() const { return m_healthTimeout; }
 
+    /// Package downloads that survive real networks (both off by default; see
+    /// qv::DownloadManager::setResumeDownloads and setDownloadRetries): a cut download resumes
+    /// where it stopped, in this session or the next, and a transient failure is tried again
+    /// `count` times after a back-off, the progress dialog saying "Retrying in N s".
+    void setResumeDownloads(bool on) { m_resumeDownloads = on; }
+    void setDownloadRetries(int count) { m_downloadRetries = qMax(0, count); }
+
     /// Asked before the library ends the host for an update (restartNow(), "Restart now"): it may
     /// save the user's work and quit, returning true, or refuse, returning false (the update is
     /// then installed when the host quits). The default calls QCoreApplication::quit() and
@@ -308,6 +315,8 @@ private:
     int m_requestTimeout = 15000;
     bool m_quitHookArmed = false;
     int m_healthTimeout = kHealthTimeout;
+    bool m_resumeDownloads = false;
+    int m_downloadRetries = 0;
     std::function<bool()> m_quitHandler;
     PackageInfo m_installPackage; ///< the package of the running (or ready) install
     bool m_quietInstall = false; ///< install() on a client that is not interactive: no boxes

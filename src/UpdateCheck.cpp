@@ -436,6 +436,9 @@ int SoftwareUpdateClient::parseCatalogue(QIODevice *catalogue)
     });
     const PackageInfoList applications = DownloadManager::findPackageCandidates(
         offerable, application, kApplicationKind, settings.supportedPackageTypes);
+    // Downloads kept for resuming go when their package is no longer published.
+    if (m_resumeDownloads)
+        DownloadManager::pruneResumeFolder(m_packageList);
     m_packageList = applications + cameras;
     return 0;
 }

@@ -243,6 +243,8 @@ int runCompleteStep()
     qv::SoftwareUpdateClient client(QStringLiteral("Viewer"), qv::VersionNumber::fromText(version),
                                     qEnvironmentVariable("DEMO_SERVER"), &window);
     client.setTrustedKeys({qEnvironmentVariable("DEMO_KEY")});
+    client.setResumeDownloads(true);
+    client.setDownloadRetries(3);
     // Asked before the update ends this process: a real host saves its work here. Once the
     // process has ended, the updater replaces the application and starts the new version.
     bool quitting = false;

@@ -251,6 +251,9 @@ int main(int argc, char **argv)
     qv::SoftwareUpdateClient client(QStringLiteral("Viewer"), qv::VersionNumber("2.9"), serverUrl,
                                     &window);
     client.setCurrentCameraVersions({{QStringLiteral("M1004"), qv::VersionNumber("5.2.1")}});
+    // Downloads on poor links: resumed where they stopped, tried again after transient errors.
+    client.setResumeDownloads(true);
+    client.setDownloadRetries(3);
     QMenu *help = window.menuBar()->addMenu(QStringLiteral("&Help"));
     help->addAction(QStringLiteral("Check for Updates..."), &client,
                     [&client] { client.queryForUpdate(); });

@@ -150,6 +150,8 @@ void HttpClient::startNext()
     // Bodies are stored exactly as served: asking for "identity" also keeps the network layer
     // from inflating a compressed answer.
     request.setRawHeader("Accept-Encoding", "identity");
+    for (const auto &[name, value] : std::as_const(m_current->m_requestHeaders))
+        request.setRawHeader(name, value);
     m_reply = m_manager->get(request);
     // Back-pressure: the network thread holds at most this much while the output falls behind.
     m_reply->setReadBufferSize(1 << 20);
@@ -182,9 +184,25 @@ bool HttpClient::bodyTooLarge(qint64 announced) const
         && (m_current->m_received > limit || announced > limit);
 }
 
+// The status and headers, once, for the request's headers handler; false when it refused them
+// (the request has then failed).
+bool HttpClient::headersAccepted()
+{
+    if (m_current->m_headersSeen || !m_current->m_headersHandler)
+        return true;
+    m_current->m_headersSeen = true;
+    m_current->m_statusCode = m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    m_current->m_header.pairs = m_reply->rawHeaderPairs();
+    if (m_current->m_headersHandler(*m_current))
+        return true;
+    fail(RequestData::Refused,
+         QStringLiteral("the answer was refused: HTTP status %1").arg(m_current->m_statusCode));
+    return false;
+}
+
 void HttpClient::onReadyRead()
 {
-    if (!m_reply || !m_current)
+    if (!m_reply || !m_current || !headersAccepted())
         return;
     QIODevice *out = m_current->m_output;
     QFileDevice *file = qobject_cast<QFileDevice *>(out);

@@ -17,6 +17,7 @@
 #include <QUrl>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 #include <typeinfo>
 
@@ -45,6 +46,7 @@ public:
         Stalled, ///< no byte for the stall timeout, or too few within the speed window
         WriteError, ///< the output device refused the body (a full disk)
         BodyTooLarge, ///< a body kept in memory passed the client's limit and was dropped
+        Refused, ///< the headers handler turned the answer down before its body was written
     };
     Q_ENUM(Error)
 
@@ -82,8 +84,23 @@ public:
     /// Hashes the body with SHA-256 as it streams into the output device (no second pass over
     /// the file).
     void hashBody() { m_hash = std::make_shared<qv::Sha256>(); }
+    /// Hashes on from `state`, a hash already fed with what the output device holds before the
+    /// body (a resumed download).
+    void hashBodyFrom(std::shared_ptr<qv::Sha256> state) { m_hash = std::move(state); }
     /// The SHA-256 of what was written; empty unless hashBody() was called.
     QByteArray bodyHash() const { return m_hash ? m_hash->result() : QByteArray(); }
+    /// A header sent with the request ("Range", "If-Range").
+    void setRequestHeader(const QByteArray &name, const QByteArray &value)
+    {
+        m_requestHeaders.append({name, value});
+    }
+    /// Called once the status and headers are in (statusCode() and responseHeader() are set),
+    /// before any byte of the body is written; returning false ends the request as Refused.
+    /// It may prepare the output device and the hash (start over, or go on after a prefix).
+    void setHeadersHandler(std::function<bool(RequestData &)> handler)
+    {
+        m_headersHandler = std::move(handler);
+    }
     /// True when a body kept in memory passed the client's limit and was dropped.
     bool bodyTooLarge() const { return m_errorCode == BodyTooLarge; }
 
@@ -135,6 +152,9 @@ private:
     void *m_userData = nullptr;
     std::shared_ptr<void> m_adopted;
     std::shared_ptr<qv::Sha256> m_hash;
+    Header m_requestHeaders;
+    std::function<bool(RequestData &)> m_headersHandler;
+    bool m_headersSeen = false;
     qint64 m_maxBody = -1;
     const std::type_info *m_userDataType = nullptr;
 };
@@ -206,6 +226,7 @@ Q_SIGNALS:
 private:
     void startNext();
     void onReadyRead();
+    bool headersAccepted();
     void onFinished();
     void checkSpeed();
     void reportProgress();

@@ -245,6 +245,10 @@
         <source>The program %1 in the package is not a regular file. Nothing was changed.</source>
         <translation>Das Programm %1 im Paket ist keine reguläre Datei. Es wurde nichts geändert.</translation>
     </message>
+    <message>
+        <source>Retrying in %1 s</source>
+        <translation>Neuer Versuch in %1 s</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -245,6 +245,10 @@
         <source>The program %1 in the package is not a regular file. Nothing was changed.</source>
         <translation>Le programme %1 du paquet n&apos;est pas un fichier ordinaire. Rien n&apos;a été modifié.</translation>
     </message>
+    <message>
+        <source>Retrying in %1 s</source>
+        <translation>Nouvel essai dans %1&#xa0;s</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
