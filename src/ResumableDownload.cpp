@@ -309,6 +309,14 @@ void DownloadManager::finishAttempt(RequestPtr request, const std::shared_ptr<Jo
     commitPartial(*job);
     if (file)
         file->close();
+    downloadLine(Log::Debug,
+                 QStringLiteral("%1: attempt ended with %2 of %3 bytes (%4, HTTP "
+                                "status %5)")
+                     .arg(job->package.url.toString())
+                     .arg(size)
+                     .arg(package->fileSize)
+                     .arg(request->errorString())
+                     .arg(status));
     if (job->startOver) {
         startAttempt(job);
         return;

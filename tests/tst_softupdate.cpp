@@ -308,7 +308,8 @@ private Q_SLOTS:
             QString("daemon off; worker_processes 1; user root; pid %1/nginx.pid; error_log "
                     "%1/error.log;\n"
                     "events { worker_connections 64; }\n"
-                    "http { access_log off; client_body_temp_path %1/tmp; proxy_temp_path %1/tmp; "
+                    "http { access_log %1/access.log; client_body_temp_path %1/tmp; "
+                    "proxy_temp_path %1/tmp; "
                     "fastcgi_temp_path %1/tmp;\n"
                     "  uwsgi_temp_path %1/tmp; scgi_temp_path %1/tmp; types { text/xml xml; }\n"
                     "  server { listen 127.0.0.1:80; root %1/www; } }\n")
@@ -380,6 +381,41 @@ private Q_SLOTS:
         QFile downloaded(dir.filePath("downloaded.tar.gz"));
         QVERIFY(downloaded.open(QIODevice::ReadOnly));
         QCOMPARE(downloaded.readAll(), body);
+
+        // nginx answers ranges: a download cut off early resumes where it stopped.
+        qputenv("XDG_STATE_HOME", QFile::encodeName(dir.filePath("state")));
+        const auto unsetState = qScopeGuard([] { qunsetenv("XDG_STATE_HOME"); });
+        QByteArray big(8 << 20, Qt::Uninitialized);
+        for (int i = 0; i < big.size(); ++i)
+            big[i] = char(i % 251);
+        writeFile("big.tar.gz", big);
+        QVERIFY(QFile::rename(m_dir.filePath("big.tar.gz"), dir.filePath("www/big.tar.gz")));
+        info.url = QUrl("http://127.0.0.1/big.tar.gz");
+        info.fileSize = big.size();
+        info.sha256 = QCryptographicHash::hash(big, QCryptographicHash::Sha256).toHex();
+        qint64 firstProgress = -1;
+        for (const bool cut : {true, false}) {
+            DownloadManager resuming(QUrl("http://127.0.0.1/list.xml"));
+            resuming.setTrustedKeys({keys.publicKey()});
+            resuming.setResumeDownloads(true);
+            QSignalSpy done(&resuming, qOverload<>(&DownloadManager::downloadSuccess));
+            QSignalSpy aborted(&resuming, &DownloadManager::downloadAborted);
+            connect(&resuming, &DownloadManager::downloadProgress, &resuming, [&](int bytes) {
+                if (cut && bytes > (1 << 20))
+                    resuming.abortDownload();
+                if (!cut && firstProgress < 0)
+                    firstProgress = bytes;
+            });
+            resuming.startDownload(info, dir.filePath("big.tar.gz"));
+            QTRY_VERIFY_WITH_TIMEOUT(done.size() + aborted.size() > 0, 20000);
+        }
+        // The second download counted on from the kept part: it asked nginx for the rest only.
+        QVERIFY2(firstProgress >= (1 << 20), qPrintable(QString::number(firstProgress)));
+        const QList<QByteArray> served
+            = suc::test::readFile(dir.filePath("access.log")).trimmed().split('\n');
+        QVERIFY2(served.last().contains("\"GET /big.tar.gz HTTP/1.1\" 206 "),
+                 served.last().constData());
+        QCOMPARE(suc::test::readFile(dir.filePath("big.tar.gz")), big);
 
         nginx.terminate();
         QVERIFY(nginx.waitForFinished(10000));

@@ -269,9 +269,11 @@ void HttpClient::onFinished()
 {
     if (!m_reply || !m_current)
         return;
+    const RequestPtr running = m_current;
     onReadyRead();
-    if (!m_current)
-        return; // failed while writing the rest
+    // Failed while writing the rest (whoever heard of it may have started the next request).
+    if (m_current != running)
+        return;
     if (m_reply->error() != QNetworkReply::NoError) {
         m_current->m_error = m_reply->errorString();
         m_current->m_errorCode = m_reply->error() == QNetworkReply::OperationCanceledError

@@ -1,0 +1,207 @@
+#include <DownloadManager.h>
+#include <PrivateNetwork.h>
+#include <TestHttpServer.h>
+#include <TestSupport.h>
+
+#include <QCryptographicHash>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+using qv::DownloadManager;
+using qv::PackageInfo;
+using Response = TestHttpServer::Response;
+
+// Without trusted keys packages download from port 80: this test has a loopback of its own.
+SUC_PRIVATE_NETWORK_BEFORE_MAIN
+
+// Downloads that resume after a cut and try transient failures again, against a server that
+// answers ranges (or misbehaves as each row says).
+class TestResume : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_state;
+    const QByteArray m_body = [] {
+        QByteArray b(300 * 1024, Qt::Uninitialized);
+        for (int i = 0; i < b.size(); ++i)
+            b[i] = char((quint32(i) * 7919u) >> 3);
+        return b;
+    }();
+    const QString m_key = "RWQf6LRCGA9i53mlYecO4IzT51TGPpvWucNSCh1CBM0QTaLn73Y7GFO3";
+
+    PackageInfo package() const
+    {
+        PackageInfo p;
+        p.name = "Viewer";
+        p.release = "3.0";
+        p.url = QUrl("http://127.0.0.1/dl/viewer-3.0.tar.gz");
+        p.fileSize = m_body.size();
+        p.sha256 = QCryptographicHash::hash(m_body, QCryptographicHash::Sha256).toHex();
+        return p;
+    }
+    static Response whole(const QByteArray &body, const QByteArray &etag)
+    {
+        Response r = Response::ok(body);
+        r.headers << qMakePair(QByteArray("ETag"), etag);
+        return r;
+    }
+    // Downloads once with a new manager (as a new session would); true on success.
+    bool download(const QString &target, bool keys)
+    {
+        DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
+        manager.setResumeDownloads(true);
+        if (keys)
+            manager.setTrustedKeys({m_key});
+        QSignalSpy ok(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        QSignalSpy progress(&manager, &DownloadManager::downloadProgress);
+        manager.startDownload(package(), target);
+        if (!QTest::qWaitFor([&] { return ok.size() + failed.size() > 0; }, 10000))
+            return false;
+        if (ok.size() == 1) { // the whole file's bytes, whatever the attempt fetched
+            return progress.last() == QList<QVariant> {int(m_body.size()), int(m_body.size())};
+        }
+        return false;
+    }
+    QStringList kept() const
+    {
+        return QDir(DownloadManager::resumeFolder()).entryList(QDir::Files);
+    }
+
+private Q_SLOTS:
+    void initTestCase() { qputenv("XDG_STATE_HOME", QFile::encodeName(m_state.path())); }
+    void cleanup() { QDir(DownloadManager::resumeFolder()).removeRecursively(); }
+
+    // Cut, then the next download (a new manager, as after a restart) asks for the rest.
+    void resumeAfterACut_data() { suc::test::addRows("resume-after-a-cut"); }
+    void resumeAfterACut()
+    {
+        QFETCH(int, cutPercent);
+        QFETCH(QString, answer);
+        QFETCH(bool, keys);
+        QFETCH(int, requests);
+        QFETCH(bool, lastRanged);
+        const qint64 cut = m_body.size() * cutPercent / 100;
+        const QByteArray changed = QByteArray(m_body).replace(0, 4, "NEW!");
+        qint64 served = 0;
+        TestHttpServer server([&](const TestHttpServer::Request &r) {
+            const QByteArray range = r.header("Range");
+            Response out = whole(m_body, "\"v1\"");
+            if (server.requests().size() == 1) {
+                out.body = m_body.left(cut);
+                out.mode = Response::CutShort;
+                out.missing = m_body.size() - cut;
+            } else if (!range.isEmpty() && answer == "range") {
+                const qint64 from = range.mid(6, range.indexOf('-') - 6).toLongLong();
+                out = whole(m_body.mid(from), "\"v1\"");
+                out.status = 206;
+                out.headers << qMakePair(QByteArray("Content-Range"),
+                                         "bytes " + QByteArray::number(from) + '-'
+                                             + QByteArray::number(m_body.size() - 1) + '/'
+                                             + QByteArray::number(m_body.size()));
+            } else if (!range.isEmpty() && answer == "changed") {
+                out = whole(changed, "\"v2\"");
+            } else if (!range.isEmpty() && answer == "wrong range") {
+                out = whole(m_body.mid(10), "\"v1\"");
+                out.status = 206;
+                out.headers << qMakePair(QByteArray("Content-Range"),
+                                         "bytes 10-" + QByteArray::number(m_body.size() - 1) + '/'
+                                             + QByteArray::number(m_body.size()));
+            } else if (!range.isEmpty() && answer == "416") {
+                out = Response::error(416, "");
+            }
+            served += out.body.size();
+            return out;
+        });
+        SUC_LISTEN_ON_PORT_80(server);
+        QTemporaryDir dir;
+        const QString target = dir.filePath("viewer-3.0.tar.gz");
+        QVERIFY(!download(target, keys)); // cut
+        QCOMPARE(kept().size(), 2); // the part and its record
+        const QString part
+            = DownloadManager::resumeFolder() + "/" + kept().filter(".part").value(0);
+        QCOMPARE(QFileInfo(part).size(), cut);
+        const QString tag = QTest::currentDataTag();
+        if (tag.startsWith("power cut")) { // bytes after the committed offset never count
+            QFile f(part);
+            QVERIFY(f.open(QIODevice::Append) && f.write(QByteArray(5000, '\0')) == 5000);
+        }
+        if (tag.startsWith("a corrupt kept part")) {
+            QFile f(part);
+            QVERIFY(f.open(QIODevice::ReadWrite) && f.seek(cut / 2) && f.write("X") == 1);
+            f.close();
+            QVERIFY(!download(target, keys)); // verified at the end: erased with its record
+            QCOMPARE(kept(), QStringList());
+            QVERIFY(!QFileInfo::exists(target));
+        }
+        QVERIFY2(download(target, keys), qPrintable(tag));
+        QCOMPARE(server.requests().size(), requests);
+        QCOMPARE(server.requests().at(1).header("Range"), "bytes=" + QByteArray::number(cut) + "-");
+        QCOMPARE(server.requests().at(1).header("If-Range"), QByteArray("\"v1\""));
+        QCOMPARE(!server.requests().last().header("Range").isEmpty(), lastRanged);
+        QCOMPARE(suc::test::readFile(target), answer == "changed" ? changed : m_body);
+        QCOMPARE(kept(), QStringList()); // nothing kept once the file is complete
+        if (answer == "range" && requests == 2) // every byte fetched once
+            QCOMPARE(served, qint64(m_body.size()));
+    }
+
+    // Transient failures are tried again after a back-off; others fail at once.
+    void retries_data() { suc::test::addRows("retries"); }
+    void retries()
+    {
+        QFETCH(QString, first);
+        QFETCH(int, retries);
+        QFETCH(int, requests);
+        QFETCH(QList<int>, waits);
+        QFETCH(bool, success);
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            const bool firstRequest = server.requests().size() == 1;
+            if (first.startsWith("503") || first == "cancel") {
+                if (firstRequest || first == "503 always") {
+                    Response r = Response::error(503, "busy");
+                    r.headers << qMakePair(QByteArray("Retry-After"), QByteArray("1"));
+                    return r;
+                }
+            } else if (firstRequest && first == "404") {
+                return Response::error(404, "gone");
+            } else if (firstRequest && first == "cut") {
+                Response r = Response::ok(m_body.left(1000));
+                r.mode = Response::CutShort;
+                r.missing = m_body.size() - 1000;
+                return r;
+            } else if (firstRequest && first == "stall") {
+                Response r = Response::ok(m_body);
+                r.mode = Response::Stall;
+                r.sendBeforeStall = 100;
+                return r;
+            }
+            return Response::ok(m_body);
+        });
+        SUC_LISTEN_ON_PORT_80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
+        manager.setDownloadRetries(retries);
+        manager.client().setTransferLimits(500, 0, 0);
+        QSignalSpy ok(&manager, qOverload<>(&DownloadManager::downloadSuccess));
+        QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        QSignalSpy aborted(&manager, &DownloadManager::downloadAborted);
+        QSignalSpy retrying(&manager, &DownloadManager::downloadRetrying);
+        if (first == "cancel")
+            connect(&manager, &DownloadManager::downloadRetrying, &manager,
+                    &DownloadManager::abortDownload, Qt::QueuedConnection);
+        manager.startDownload(package(), dir.filePath("viewer.tar.gz"));
+        QTRY_VERIFY_WITH_TIMEOUT(ok.size() + failed.size() + aborted.size() == 1, 15000);
+        QTest::qWait(first == "cancel" ? 1500 : 0); // the wait passes: nothing more is asked
+        QCOMPARE(ok.size(), success ? 1 : 0);
+        QCOMPARE(server.requests().size(), requests);
+        QList<int> waited;
+        for (const QList<QVariant> &r : std::as_const(retrying))
+            waited << r.first().toInt();
+        QCOMPARE(waited, waits);
+        if (success)
+            QCOMPARE(suc::test::readFile(dir.filePath("viewer.tar.gz")), m_body);
+    }
+};
+
+QTEST_MAIN(TestResume)
+#include "tst_resume.moc"
