@@ -622,6 +622,52 @@ private Q_SLOTS:
         QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
         QVERIFY(other.exists());
     }
+
+    // With retries, the progress dialog says when the next attempt comes; Cancel ends them.
+    void retriesShowInTheProgressDialog_data()
+    {
+        QTest::addColumn<bool>("cancel");
+        QTest::newRow("503, then the file") << false;
+        QTest::newRow("cancelled while waiting") << true;
+    }
+    void retriesShowInTheProgressDialog()
+    {
+        QFETCH(bool, cancel);
+        const QByteArray body(3000, 'p');
+        TestHttpServer packages([&](const TestHttpServer::Request &) {
+            if (packages.requests().size() > 1)
+                return TestHttpServer::Response::ok(body);
+            TestHttpServer::Response busy = TestHttpServer::Response::error(503, "busy");
+            busy.headers << qMakePair(QByteArray("Retry-After"), QByteArray("1"));
+            return busy;
+        });
+        if (!packages.listen(QHostAddress::LocalHost, 80))
+            QSKIP("package downloads use port 80, and 127.0.0.1:80 cannot be bound here");
+        m_catalogue = "<softwareList><package type='Application' name='Viewer' status='STABLE' "
+                      "release='3.0' url='http://127.0.0.1/dl/viewer.tar.gz' file-size='3000'/>"
+                      "</softwareList>";
+        makeClient();
+        m_client->setDownloadRetries(2);
+        m_client->checkForUpdate(0);
+        QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        BoxAnswerer answerer({"Proceed"});
+        QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
+        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
+        // Shown or not yet (it waits a moment before it shows), the dialog says so.
+        const auto progress = [] {
+            for (QWidget *w : QApplication::allWidgets()) {
+                if (auto *dialog = qobject_cast<QProgressDialog *>(w))
+                    return dialog;
+            }
+            return static_cast<QProgressDialog *>(nullptr);
+        };
+        QTRY_VERIFY(progress() && progress()->labelText() == "Retrying in 1 s");
+        if (cancel)
+            Q_EMIT progress()->canceled(); // the Cancel button
+        QTest::qWait(1500);
+        QCOMPARE(packages.requests().size(), cancel ? 1 : 2);
+        QTRY_COMPARE(installing.size(), cancel ? 0 : 1);
+    }
 };
 
 QTEST_MAIN(TestClient)
