@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
-# in the same run.  bench/run.sh [catalogue|download|unzip|swap]
+# in the same run.  bench/run.sh [catalogue|download|unzip|swap|resume]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
@@ -16,6 +16,14 @@ if [ "$what" = all ] || [ "$what" = download ]; then
     unshare --net sh -c 'ip link set lo up && exec "$0"' "$build/bench/download_bench"
   else
     "$build/bench/download_bench"
+  fi
+fi
+if [ "$what" = all ] || [ "$what" = resume ]; then
+  # nginx on port 80 in a network namespace of its own where it can.
+  if [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; then
+    unshare --net sh -c 'ip link set lo up && exec "$0"' "$build/bench/resume_bench"
+  else
+    "$build/bench/resume_bench"
   fi
 fi
 if [ "$what" = all ] || [ "$what" = unzip ]; then

@@ -33,16 +33,29 @@ struct DownloadManager::Job {
     QString record; ///< the kept file's record (resume only)
     QString validator; ///< the server's ETag or Last-Modified for the kept bytes
     qint64 offset = 0; ///< bytes kept before this attempt
-    qint64 committed = 0; ///< bytes known to be on disk
+    qint64 committed = 0; ///< bytes recorded as written (handed to the system)
+    qint64 durable = 0; ///< bytes recorded as on disk (synced)
     int retriesLeft = 0;
     int retries = 0; ///< retries made so far
     bool startOver = false; ///< the answer refused the range: fetch the whole file, at once
     QFile *file = nullptr; ///< this attempt's output, owned by its request
+    std::unique_ptr<QFile> recordFile; ///< the record, open once it exists
 };
 
 namespace {
 
-const qint64 kCommitEvery = 1 << 20; // bytes between two records of the committed offset
+// Bytes between two records of the written offset: with chunks of 256 KiB, a killed process
+// refetches less than 1 MiB. The disk is synced every kSyncEvery bytes: a power cut refetches
+// at most that much.
+const qint64 kCommitEvery = 768 * 1024;
+const qint64 kSyncEvery = 32 << 20;
+
+// This boot of the machine: what a process wrote to a file survives its kill, not a power cut.
+QString bootId()
+{
+    QFile f(QStringLiteral("/proc/sys/kernel/random/boot_id"));
+    return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll().trimmed()) : QString();
+}
 const int kKeepDays = 30;
 
 void downloadLine(Log::ELevel level, const QString &line)
@@ -107,16 +120,35 @@ void DownloadManager::startAttempt(const std::shared_ptr<Job> &job)
 {
     job->offset = 0;
     job->committed = 0;
+    job->durable = 0;
+    job->recordFile.reset();
     auto *file = new QFile;
     if (resumeDownloads) {
         const QString folder = resumeFolder();
         QDir().mkpath(folder);
         QFile::setPermissions(folder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         const QString key = keyOf(job->package);
+        // Never more than two packages' worth: this one and the most recent other.
+        int others = 0;
+        const QFileInfoList records
+            = QDir(folder).entryInfoList({QStringLiteral("*.json")}, QDir::Files, QDir::Time);
+        for (const QFileInfo &record : records) {
+            if (record.completeBaseName() != key && ++others > 1) {
+                QFile::remove(record.absoluteFilePath());
+                QFile::remove(folder + QLatin1Char('/') + record.completeBaseName()
+                              + QStringLiteral(".part"));
+            }
+        }
         job->part = folder + QLatin1Char('/') + key + QStringLiteral(".part");
         job->record = folder + QLatin1Char('/') + key + QStringLiteral(".json");
         const QJsonObject record = readRecord(job->record);
-        const qint64 committed = record.value(QStringLiteral("committed")).toInteger();
+        // After a kill in this boot the written bytes count; after a reboot (a power cut) only
+        // those synced to disk.
+        const QString boot = bootId();
+        const qint64 durable = record.value(QStringLiteral("committed")).toInteger();
+        const qint64 committed = !boot.isEmpty() && record.value(QStringLiteral("boot")) == boot
+            ? record.value(QStringLiteral("written")).toInteger()
+            : durable;
         const bool samePackage
             = record.value(QStringLiteral("url")).toString() == job->package.url.toString()
             && record.value(QStringLiteral("sha256")).toString() == job->package.sha256
@@ -125,6 +157,7 @@ void DownloadManager::startAttempt(const std::shared_ptr<Job> &job)
             && QFileInfo(job->part).size() >= committed && !QFileInfo(job->part).isSymLink()) {
             job->offset = committed;
             job->committed = committed;
+            job->durable = qMin(durable, committed);
             job->validator = record.value(QStringLiteral("validator")).toString();
         } else {
             QFile::remove(job->record);
@@ -181,6 +214,9 @@ void DownloadManager::startAttempt(const std::shared_ptr<Job> &job)
             answer.hashBody(); // the whole file comes: a fresh hash
         return accepted;
     });
+    // The committed offset follows the written bytes closely: a kill refetches little.
+    if (resumeDownloads)
+        request->setWrittenHandler([this, raw] { commitPartial(*raw, true); });
     jobs.insert(request.data(), job);
     currentJob = job;
     httpClient.execute(request);
@@ -233,32 +269,55 @@ bool DownloadManager::acceptAnswer(Job &job, qv::RequestData &answer)
         job.file->seek(0);
         job.offset = 0;
         job.committed = 0;
+        job.durable = 0;
     }
     job.validator = validatorOf();
     return true;
 }
 
-// The bytes written so far are on disk, and the record says so: a kill or a power cut after
-// this resumes from here, never from whatever the file's length then is.
+// The record follows the bytes written: those handed to the system (which survive a killed
+// process) and those synced to disk (which survive a power cut). A resume never starts beyond
+// either, whatever the file's length then is. `onlyWhenDue` records only every kCommitEvery
+// bytes and syncs only every kSyncEvery; otherwise (a cut, an abort) both happen now.
 void DownloadManager::commitPartial(Job &job, bool onlyWhenDue)
 {
     if (!resumeDownloads || !job.file || !job.file->isOpen())
         return;
     const qint64 written = job.file->pos();
-    if (onlyWhenDue && written - job.committed < kCommitEvery)
+    if ((onlyWhenDue && written - job.committed < kCommitEvery) || written <= job.committed
+        || !job.file->flush())
         return;
-    if (!job.file->flush() || ::fdatasync(job.file->handle()) != 0 || written <= job.committed)
-        return;
+    if (!onlyWhenDue || written - job.durable >= kSyncEvery) {
+        if (::fdatasync(job.file->handle()) != 0)
+            return;
+        job.durable = written;
+    }
     QJsonObject record;
     record.insert(QStringLiteral("url"), job.package.url.toString());
     record.insert(QStringLiteral("sha256"), job.package.sha256);
     record.insert(QStringLiteral("size"), job.package.fileSize);
     record.insert(QStringLiteral("validator"), job.validator);
-    record.insert(QStringLiteral("committed"), written);
-    QSaveFile out(job.record);
-    if (out.open(QIODevice::WriteOnly) && out.write(QJsonDocument(record).toJson()) > 0
-        && out.commit())
-        job.committed = written;
+    record.insert(QStringLiteral("committed"), job.durable);
+    record.insert(QStringLiteral("written"), written);
+    record.insert(QStringLiteral("boot"), bootId());
+    // The record is rewritten in place at a fixed size (a torn record reads as none, and the
+    // download then starts over); only the first one is made and renamed into place. It is
+    // written after the data it describes, so it never claims more than what is there.
+    QByteArray text = QJsonDocument(record).toJson(QJsonDocument::Compact);
+    text = text.leftJustified(qMax<qsizetype>(1024, text.size() + 1), ' ');
+    if (!job.recordFile) {
+        QSaveFile out(job.record);
+        if (!out.open(QIODevice::WriteOnly) || out.write(text) != text.size() || !out.commit())
+            return;
+        job.recordFile = std::make_unique<QFile>(job.record);
+        if (!job.recordFile->open(QIODevice::ReadWrite))
+            job.recordFile.reset();
+    } else if (::pwrite(job.recordFile->handle(), text.constData(), size_t(text.size()), 0)
+                   != text.size()
+               || (job.durable == written && ::fdatasync(job.recordFile->handle()) != 0)) {
+        return;
+    }
+    job.committed = written;
 }
 
 void DownloadManager::finishAttempt(RequestPtr request, const std::shared_ptr<Job> &job)
@@ -359,8 +418,6 @@ void DownloadManager::finishAttempt(RequestPtr request, const std::shared_ptr<Jo
 void DownloadManager::relayProgress(int bytes, int total)
 {
     const qint64 offset = currentJob ? currentJob->offset : 0;
-    if (currentJob)
-        commitPartial(*currentJob, true);
     Q_EMIT downloadProgress(int(qMin<qint64>(offset + bytes, INT_MAX)),
                             total < 0 ? -1 : int(qMin<qint64>(offset + total, INT_MAX)));
 }

@@ -4,6 +4,8 @@
 #include <TestSupport.h>
 
 #include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -122,9 +124,19 @@ private Q_SLOTS:
             = DownloadManager::resumeFolder() + "/" + kept().filter(".part").value(0);
         QCOMPARE(QFileInfo(part).size(), cut);
         const QString tag = QTest::currentDataTag();
-        if (tag.startsWith("power cut")) { // bytes after the committed offset never count
+        if (tag.startsWith("power cut")) {
+            // The machine went down: the bytes after those synced to disk are garbage, and the
+            // record's written offset (of another boot) no longer counts.
             QFile f(part);
             QVERIFY(f.open(QIODevice::Append) && f.write(QByteArray(5000, '\0')) == 5000);
+            const QString recordPath = QString(part).replace(".part", ".json");
+            QJsonObject record = QJsonDocument::fromJson(suc::test::readFile(recordPath)).object();
+            QCOMPARE(record.value("committed").toInteger(), cut);
+            record.insert("written", cut + 5000);
+            record.insert("boot", "an earlier boot");
+            QFile r(recordPath);
+            QVERIFY(r.open(QIODevice::WriteOnly | QIODevice::Truncate)
+                    && r.write(QJsonDocument(record).toJson()) > 0);
         }
         if (tag.startsWith("a corrupt kept part")) {
             QFile f(part);
@@ -143,6 +155,63 @@ private Q_SLOTS:
         QCOMPARE(kept(), QStringList()); // nothing kept once the file is complete
         if (answer == "range" && requests == 2) // every byte fetched once
             QCOMPARE(served, qint64(m_body.size()));
+    }
+
+    // A check removes kept downloads that are old, no longer published, or beyond two.
+    void keptDownloadsArePruned()
+    {
+        const QString folder = DownloadManager::resumeFolder();
+        QVERIFY(QDir().mkpath(folder));
+        QList<PackageInfo> published;
+        for (int i = 0; i < 5; ++i) {
+            PackageInfo p = package();
+            p.url = QUrl(QString("http://127.0.0.1/dl/v%1.tar.gz").arg(i));
+            if (i != 4) // v4 is no longer in the catalogue
+                published << p;
+            // Its kept file, as a cut download leaves it (the record's name is the package's).
+            QTemporaryDir dir;
+            TestHttpServer server([&](const TestHttpServer::Request &) {
+                Response r = Response::ok(m_body.left(1000));
+                r.mode = Response::CutShort;
+                r.missing = m_body.size() - 1000;
+                return r;
+            });
+            SUC_LISTEN_ON_PORT_80(server);
+            DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
+            manager.setResumeDownloads(true);
+            QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+            manager.startDownload(p, dir.filePath("v.tar.gz"));
+            QVERIFY(failed.wait(10000));
+            QTest::qWait(20); // distinct times: the order of the records is their age
+        }
+        // At most two packages' worth at any time: the newest download and one other.
+        QCOMPARE(QDir(folder).entryList({"*.json"}).size(), 2);
+        QDir(folder).removeRecursively();
+        QVERIFY(QDir().mkpath(folder));
+        const auto keep = [&](const QString &name, int daysOld) {
+            for (const char *suffix : {".json", ".part"}) {
+                QFile f(folder + "/" + name + suffix);
+                QVERIFY(f.open(QIODevice::WriteOnly) && f.write("x") == 1 && f.flush());
+                f.setFileTime(QDateTime::currentDateTime().addDays(-daysOld),
+                              QFileDevice::FileModificationTime);
+            }
+        };
+        const auto keyOf = [](const PackageInfo &p) {
+            const QByteArray identity = p.url.toEncoded() + '\n' + p.sha256.toLatin1();
+            return QString::fromLatin1(
+                QCryptographicHash::hash(identity, QCryptographicHash::Sha256).toHex().left(32));
+        };
+        keep(keyOf(published.at(0)), 1);
+        keep(keyOf(published.at(1)), 40); // older than 30 days
+        keep("0123456789abcdef0123456789abcdef", 1); // not published
+        keep(keyOf(published.at(2)), 2);
+        keep(keyOf(published.at(3)), 3); // a third one: the oldest goes
+        DownloadManager::pruneResumeFolder(published);
+        QStringList expected;
+        for (const int kept : {0, 2})
+            expected << keyOf(published.at(kept)) + ".json" << keyOf(published.at(kept)) + ".part";
+        expected.sort();
+        QCOMPARE(QDir(folder).entryList(QDir::Files, QDir::Name), expected);
     }
 
     // Transient failures are tried again after a back-off; others fail at once.

@@ -232,6 +232,8 @@ void HttpClient::onReadyRead()
         }
         if (m_current->m_hash)
             m_current->m_hash->addData(QByteArrayView(chunk.constData(), n));
+        if (m_current->m_writtenHandler)
+            m_current->m_writtenHandler();
     }
     reportProgress();
 }

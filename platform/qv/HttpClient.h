@@ -101,6 +101,8 @@ public:
     {
         m_headersHandler = std::move(handler);
     }
+    /// Called after each chunk of the body is written to (and flushed into) the output device.
+    void setWrittenHandler(std::function<void()> handler) { m_writtenHandler = std::move(handler); }
     /// True when a body kept in memory passed the client's limit and was dropped.
     bool bodyTooLarge() const { return m_errorCode == BodyTooLarge; }
 
@@ -154,6 +156,7 @@ private:
     std::shared_ptr<qv::Sha256> m_hash;
     Header m_requestHeaders;
     std::function<bool(RequestData &)> m_headersHandler;
+    std::function<void()> m_writtenHandler;
     bool m_headersSeen = false;
     qint64 m_maxBody = -1;
     const std::type_info *m_userDataType = nullptr;
