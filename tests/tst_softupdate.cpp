@@ -312,7 +312,8 @@ private Q_SLOTS:
                     "proxy_temp_path %1/tmp; "
                     "fastcgi_temp_path %1/tmp;\n"
                     "  uwsgi_temp_path %1/tmp; scgi_temp_path %1/tmp; types { text/xml xml; }\n"
-                    "  server { listen 127.0.0.1:80; root %1/www; } }\n")
+                    "  server { listen 127.0.0.1:80; root %1/www;\n"
+                    "    location = /big.tar.gz { limit_rate 8m; } } }\n")
                 .arg(dir.path())
                 .toUtf8());
         QProcess nginx;

@@ -465,10 +465,10 @@ int sign(const QStringList &args)
 // `feedName`, else why not. Malformed signatures are reported by the caller as unreadable.
 QString signatureProblem(const QByteArray &message, const QByteArray &signature,
                          const qv::MinisignKey &key, const QString &feedName,
-                         qv::Minisign::Result *result)
+                         qv::Minisign::Verification *verification)
 {
-    const qv::Minisign::Verification v = qv::Minisign::verify(message, signature, {key});
-    *result = v.result;
+    const qv::Minisign::Verification &v = *verification
+        = qv::Minisign::verify(message, signature, {key});
     if (v.result == qv::Minisign::BadSignature)
         return QStringLiteral("signature is stale: run softupdate sign (the .minisig does not "
                               "belong to the current bytes)");
@@ -515,15 +515,14 @@ int verify(const QStringList &args)
     if (!readFile(catalogue + QStringLiteral(".minisig"), &signature,
                   qv::Minisign::maxSignatureSize))
         return fail(QStringLiteral("cannot read %1.minisig").arg(catalogue), CannotRead);
-    qv::Minisign::Result result;
+    qv::Minisign::Verification v;
     const QString problem
-        = signatureProblem(message, signature, publicKey, QFileInfo(catalogue).fileName(), &result);
-    if (result == qv::Minisign::Malformed)
+        = signatureProblem(message, signature, publicKey, QFileInfo(catalogue).fileName(), &v);
+    if (v.result == qv::Minisign::Malformed)
         return fail(QStringLiteral("cannot read %1.minisig: %2").arg(catalogue, problem),
                     CannotRead);
     if (!problem.isEmpty())
         return fail(QStringLiteral("%1: %2").arg(catalogue, problem), Errors);
-    const qv::Minisign::Verification v = qv::Minisign::verify(message, signature, {publicKey});
     std::printf("signature verified (key %s); trusted comment: %s\n", qPrintable(v.keyId),
                 qPrintable(v.trustedComment));
     return Success;
@@ -688,10 +687,10 @@ int lint(const QStringList &args)
         const QString signaturePath = source + QStringLiteral(".minisig");
         if (readSource(signaturePath, &signature) != Success)
             return CannotRead;
-        qv::Minisign::Result result;
+        qv::Minisign::Verification v;
         const QString problem
-            = signatureProblem(xml, signature, publicKey, QUrl(source).fileName(), &result);
-        if (result == qv::Minisign::Malformed)
+            = signatureProblem(xml, signature, publicKey, QUrl(source).fileName(), &v);
+        if (v.result == qv::Minisign::Malformed)
             return fail(QStringLiteral("cannot read %1: %2").arg(signaturePath, problem),
                         CannotRead);
         if (!problem.isEmpty())
