@@ -16,6 +16,7 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QDir>
 #include <QFileDialog>
 #include <QMessageBox>
 #include <QSettings>
@@ -58,8 +59,13 @@ int main(int argc, char **argv)
                 box->button(QMessageBox::Ok)->click();
             } else if (auto *dialog
                        = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
-                dialog->setDirectory(choice);
-                dialog->selectFile(choice);
+                // The folder itself, with nothing typed: what the dialog then answers.
+                // (Selecting it as a file would move the dialog to its parent folder.)
+                if (QDir(dialog->directory()).absolutePath() != QDir(choice).absolutePath()
+                    || dialog->selectedFiles() != QStringList {QDir(choice).absolutePath()}) {
+                    dialog->setDirectory(choice);
+                    return;
+                }
                 QMetaObject::invokeMethod(dialog, "accept");
             }
         });
