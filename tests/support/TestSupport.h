@@ -46,6 +46,8 @@ inline void addRows(const QString &name)
     if (table.isEmpty())
         QFAIL(qPrintable("tests/data/tables/" + name + ".json: " + error.errorString()));
     QList<int> types;
+    // Known by name once registered: QList<int> may not be yet in a program that never used it.
+    qRegisterMetaType<QList<int>>();
     // Qt Test keeps the column names' pointers: they must outlive the table.
     static QList<QByteArray> names;
     for (const QJsonValue &column : table.value("columns").toArray()) {
