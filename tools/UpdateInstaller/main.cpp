@@ -8,6 +8,7 @@
 #include "FolderSwap.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -74,7 +75,8 @@ int main(int argc, char **argv)
     };
     // Installed when the host quits: nothing moves before that process has ended.
     if (waitFor > 0) {
-        log << "waiting for process " << waitFor << " to end" << Qt::endl;
+        log << QDateTime::currentDateTime().toString(Qt::ISODateWithMs) << " waiting for process "
+            << waitFor << " to end" << Qt::endl;
         while (kill(pid_t(waitFor), 0) == 0 || errno == EPERM)
             usleep(100 * 1000);
     }
