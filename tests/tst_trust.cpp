@@ -223,44 +223,11 @@ private Q_SLOTS:
             QDir(folder).removeRecursively();
     }
 
-    void checks_data()
-    {
-        QTest::addColumn<QString>("variant");
-        QTest::addColumn<QString>("outcome"); // the offered rows, or the dialog's line
-        const QString offered = "Viewer 3.0";
-        const QString notSigned
-            = "The update catalogue is not signed with a trusted key. No updates are offered.";
-        QTest::newRow("valid") << "valid" << offered;
-        QTest::newRow("legacy signature form") << "legacy" << offered;
-        QTest::newRow("second of two keys") << "second key" << offered;
-        QTest::newRow("one byte changed in the catalogue") << "changed" << notSigned;
-        QTest::newRow("wrong key") << "wrong key" << notSigned;
-        QTest::newRow("missing .minisig (404): an unsigned server") << "unsigned" << notSigned;
-        QTest::newRow(".minisig of another file") << "other file" << notSigned;
-        QTest::newRow("junk .minisig") << "junk" << notSigned;
-        QTest::newRow("huge .minisig") << "huge" << notSigned;
-        QTest::newRow("rollback to a lower serial")
-            << "rollback"
-            << "The update server sent an older catalogue than before. No updates are offered.";
-        QTest::newRow("expired") << "expired"
-                                 << "The update catalogue has expired. No updates are offered.";
-        QTest::newRow("no serial or expiry") << "no values"
-                                             << "The update catalogue has no publication number or "
-                                                "expiry date. No updates are offered.";
-        QTest::newRow("a package without sha256 is not offered") << "unhashed" << offered;
-        QTest::newRow("no keys: unverified, one GET") << "no keys"
-                                                      << "Viewer 3.1";
-        QTest::newRow("an unreadable key is refused, trust stays on") << "bad key" << notSigned;
-        // The same publisher's catalogue of another product, with the highest serial there is:
-        // refused for this feed, and the genuine one is still taken afterwards.
-        QTest::newRow("another feed of the same key, then the genuine one")
-            << "other feed" << offered;
-        QTest::newRow("a rotated key starts a serial record of its own") << "rotated" << offered;
-        QTest::newRow("a redirect loop ends as a timeout")
-            << "loop"
-            << "Timeout error! Update server unreachable!";
-        QTest::newRow("a relative redirect is resolved") << "relative" << offered;
-    }
+    // What the client makes of each way a signed catalogue can be right or wrong: the offered
+    // rows, or the dialog's line. ("another feed": the same publisher's catalogue of another
+    // product, with the highest serial there is, is refused for this feed, and the genuine one is
+    // still taken afterwards.)
+    void checks_data() { suc::test::addRows("trust-checks"); }
     void checks()
     {
         QFETCH(QString, variant);
