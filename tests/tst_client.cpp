@@ -146,50 +146,7 @@ private Q_SLOTS:
         suc::test::closeAllWindows();
     }
 
-    void checkOutcomes_data()
-    {
-        QTest::addColumn<QString>("version");
-        QTest::addColumn<QString>("catalogue");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<bool>("twoCameras");
-        QTest::addColumn<bool>("beta");
-        QTest::addColumn<QString>("outcome");
-        QTest::addColumn<QStringList>("packages");
-        const QStringList updates {"Viewer 2.10", "M1004 Firmware 5.3", "M1004 Firmware 5.3"};
-        QTest::newRow("up to date")
-            << "2.11"
-            << "realistic.xml"
-            << "/list.xml" << false << false << "Congratulations! Your product is up-to-date!"
-            << QStringList();
-        QTest::newRow("firmware only, no cameras")
-            << "2.0"
-            << "cameras-only.xml"
-            << "/list.xml" << false << false << "Congratulations! Your product is up-to-date!"
-            << QStringList();
-        QTest::newRow("empty catalogue")
-            << "2.0"
-            << ""
-            << "/list.xml" << false << false << "No update available!" << QStringList();
-        QTest::newRow("updates, duplicate firmware once per package")
-            << "2.9.1"
-            << "realistic.xml"
-            << "/list.xml" << true << false << "<packages>" << updates;
-        QTest::newRow("unsaved beta choice counts")
-            << "2.9.1"
-            << "realistic.xml"
-            << "/list.xml" << false << true << "<packages>" << QStringList {"Viewer 2.11 BETA"};
-        QTest::newRow("redirect followed") << "2.9.1"
-                                           << "realistic.xml"
-                                           << "/moved" << true << false << "<packages>" << updates;
-        QTest::newRow("redirect without target")
-            << "2.9.1"
-            << "realistic.xml"
-            << "/moved-nowhere" << false << false << "No update available!" << QStringList();
-        QTest::newRow("404 page") << "2.9.1"
-                                  << "realistic.xml"
-                                  << "/missing" << false << false << "server replied: Not Found"
-                                  << QStringList();
-    }
+    void checkOutcomes_data() { suc::test::addRows("client-check-outcomes"); }
     void checkOutcomes()
     {
         QFETCH(QString, version);
@@ -238,37 +195,9 @@ private Q_SLOTS:
     }
 
     // What a host hears of a check: checkStarted, then exactly one outcome; without
-    // interaction no dialog opens.
-    void signalsTellTheOutcome_data()
-    {
-        QTest::addColumn<QString>("server"); // a path of the test server, or "stall"
-        QTest::addColumn<QString>("version");
-        QTest::addColumn<bool>("trusted");
-        QTest::addColumn<QString>("outcome");
-        QTest::addColumn<QString>("reason");
-        for (bool interactive : {true, false}) {
-            const QString mode = interactive ? "interactive, " : "not interactive, ";
-            QTest::newRow(qPrintable(mode + "update found")) << "/list.xml"
-                                                             << "2.9.1" << false << "available"
-                                                             << "";
-            QTest::newRow(qPrintable(mode + "none")) << "/list.xml"
-                                                     << "2.11" << false << "up to date"
-                                                     << "";
-            QTest::newRow(qPrintable(mode + "404")) << "/missing"
-                                                    << "2.9.1" << false << "failed"
-                                                    << "Not Found";
-            QTest::newRow(qPrintable(mode + "junk")) << "/junk"
-                                                     << "2.9.1" << false << "failed"
-                                                     << "did not answer with an update catalogue";
-            QTest::newRow(qPrintable(mode + "not trusted")) << "/list.xml"
-                                                            << "2.9.1" << true << "failed"
-                                                            << "not signed with a trusted key";
-            QTest::newRow(qPrintable(mode + "timeout"))
-                << "stall"
-                << "2.9.1" << false << "failed"
-                << "Timeout error! Update server unreachable!";
-        }
-    }
+    // interaction no dialog opens. Each row twice, from an interactive client and from one that
+    // is not ("server" is a path of the test server, or "stall").
+    void signalsTellTheOutcome_data() { suc::test::addRows("client-signals"); }
     void signalsTellTheOutcome()
     {
         QFETCH(QString, server);
