@@ -466,36 +466,10 @@ private Q_SLOTS:
     }
 
     // Installation, against a package server on port 80.
-    void installByType_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QStringList>("answers");
-        QTest::addColumn<QString>("box"); // the last box shown
-        QTest::addColumn<bool>("fileKept");
-        QTest::addColumn<int>("downloads");
-        QTest::addColumn<int>(
-            "folders"); // temporary folders left: the kept file's, the unpacked one
-        QTest::newRow("cancelled") << "viewer.tar.gz" << 200 << QStringList {"Cancel Install"}
-                                   << "Install Package" << false << 0 << 0;
-        QTest::newRow("tar.gz is only logged") << "viewer.tar.gz" << 200 << QStringList {"Proceed"}
-                                               << "Install Package" << true << 1 << 1;
-        QTest::newRow("404") << "viewer.tar.gz" << 404 << QStringList {"Proceed", "OK"}
-                             << "Download Error | Error downloading! Http status code 404" << false
-                             << 1 << 0;
-        QTest::newRow("unknown type")
-            << "viewer.bin" << 200 << QStringList {"Proceed", "OK"}
-            << "Download Error | Unknown package type! Installation cannot proceed!" << false << 1
-            << 0;
-        QTest::newRow("zip, restart later")
-            << "viewer.zip" << 200 << QStringList {"Proceed", "Restart later"} << "Restart required"
-            << false << 1 << 1;
-        // The file path is "<download folder>/..": its clean-up once removed the whole
-        // temporary folder. Now the download fails and only its own folder goes.
-        QTest::newRow("link ending in /..")
-            << "viewer.tar.gz/.." << 200 << QStringList {"Proceed", "OK"}
-            << "Download Error | Error downloading! Http status code 200" << false << 1 << 0;
-    }
+    // "box" is the last box shown; "folders" the temporary folders left (the kept file's, the
+    // unpacked one). The "/.." row: the file path is "<download folder>/..", whose clean-up once
+    // removed the whole temporary folder; now the download fails and only its own folder goes.
+    void installByType_data() { suc::test::addRows("client-install-by-type"); }
     void installByType()
     {
         QFETCH(QString, file);
