@@ -480,26 +480,9 @@ private Q_SLOTS:
 
     // Package downloads (always to port 80).
 
-    void downloadOutcomes_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<int>("bodySize");
-        QTest::addColumn<int>("announced"); // in the catalogue
-        QTest::addColumn<bool>("success");
-        QTest::newRow("exact size") << int(Response::Normal) << 200 << 5000 << 5000 << true;
-        QTest::newRow("one byte short") << int(Response::Normal) << 200 << 4999 << 5000 << false;
-        QTest::newRow("longer than announced")
-            << int(Response::Normal) << 200 << 5001 << 5000 << true;
-        QTest::newRow("404 page") << int(Response::Normal) << 404 << 40 << 5000 << false;
-        QTest::newRow("long 500 page still succeeds")
-            << int(Response::Normal) << 500 << 6000 << 5000 << true;
-        QTest::newRow("server goes away mid-body")
-            << int(Response::CutShort) << 200 << 3000 << 5000 << false;
-        QTest::newRow("stall") << int(Response::Stall) << 200 << 5000 << 5000 << false;
-        QTest::newRow("drip") << int(Response::Drip) << 200 << 5000 << 5000 << false;
-        QTest::newRow("hang-up") << int(Response::HangUp) << 200 << 0 << 5000 << false;
-    }
+    // "mode" is TestHttpServer's (0 normal, 1 cut short, 2 stall, 3 drip, 4 hang-up);
+    // "announced" the catalogue's size. Success is decided by the size alone.
+    void downloadOutcomes_data() { suc::test::addRows("download-outcomes"); }
     void downloadOutcomes()
     {
         QFETCH(int, mode);
