@@ -172,34 +172,8 @@ private Q_SLOTS:
 
     // Removal never leaves the place it was given: a path that does not say plainly where it
     // leads, one outside `within`, or one through a link below it removes nothing.
-    void eraseStaysWhereItWasSent_data()
-    {
-        QTest::addColumn<QString>("path"); // "@" is the test folder, which holds dl/pkg.zip,
-        QTest::addColumn<QString>("within"); // keep.txt, and dl/link -> the test folder
-        QTest::addColumn<bool>("erased");
-        QTest::addColumn<QStringList>("left");
-        const QStringList all {"dl", "dl/link", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt"};
-        QTest::newRow("a file") << "@/dl/pkg.zip"
-                                << "" << true
-                                << QStringList {"dl", "dl/link", "dl/ro", "dl/ro/f", "keep.txt"};
-        QTest::newRow("a folder, read-only parts too") << "@/dl"
-                                                       << "" << true << QStringList {"keep.txt"};
-        QTest::newRow("ends in /..") << "@/dl/.."
-                                     << "" << false << all;
-        QTest::newRow("ends in /.") << "@/dl/."
-                                    << "" << false << all;
-        QTest::newRow("inside, ends in /..") << "@/dl/.."
-                                             << "@/dl" << false << all;
-        QTest::newRow("outside the folder") << "@/keep.txt"
-                                            << "@/dl" << false << all;
-        QTest::newRow("through a link") << "@/dl/link/keep.txt"
-                                        << "@/dl" << false << all;
-        QTest::newRow("a link: removed, not followed")
-            << "@/dl/link"
-            << "@/dl" << true << QStringList {"dl", "dl/pkg.zip", "dl/ro", "dl/ro/f", "keep.txt"};
-        QTest::newRow("the folder itself") << "@/dl/"
-                                           << "@/dl" << true << QStringList {"keep.txt"};
-    }
+    // "@" is the test folder, which holds dl/pkg.zip, keep.txt, and dl/link -> the test folder.
+    void eraseStaysWhereItWasSent_data() { suc::test::addRows("platform-erase"); }
     void eraseStaysWhereItWasSent()
     {
         QFETCH(QString, path);
@@ -253,27 +227,9 @@ private Q_SLOTS:
     }
 
     // Signatures written by the minisign tool, in both of its forms, against our verifier.
-    void minisignSignatures_data()
-    {
-        QTest::addColumn<bool>("legacy");
-        QTest::addColumn<QString>("damage"); // what is done to the file or signature first
-        QTest::addColumn<int>("result");
-        for (bool legacy : {false, true}) {
-            const QString form = legacy ? "legacy, " : "pre-hashed, ";
-            QTest::newRow(qPrintable(form + "valid")) << legacy << "" << int(qv::Minisign::Valid);
-            QTest::newRow(qPrintable(form + "second of two keys"))
-                << legacy << "second key" << int(qv::Minisign::Valid);
-            QTest::newRow(qPrintable(form + "one byte changed"))
-                << legacy << "byte" << int(qv::Minisign::BadSignature);
-            QTest::newRow(qPrintable(form + "trusted comment changed"))
-                << legacy << "comment" << int(qv::Minisign::BadSignature);
-            QTest::newRow(qPrintable(form + "wrong key"))
-                << legacy << "wrong key" << int(qv::Minisign::UnknownKey);
-        }
-        QTest::newRow("junk") << false << "junk" << int(qv::Minisign::Malformed);
-        QTest::newRow("huge") << false << "huge" << int(qv::Minisign::Malformed);
-        QTest::newRow("empty") << false << "empty" << int(qv::Minisign::Malformed);
-    }
+    // "damage" is what is done to the file or signature first; "result" a qv::Minisign::Result
+    // (0 valid, 1 malformed, 2 unknown key, 3 bad signature).
+    void minisignSignatures_data() { suc::test::addRows("platform-minisign"); }
     void minisignSignatures()
     {
         QFETCH(bool, legacy);
