@@ -23,7 +23,7 @@ class TestUpdateInstaller : public QObject {
     // `start` is what the program does after noting its start: "" confirms to the updater when
     // asked (as the client does), "fail" exits with 3, "quiet" exits without confirming, "hang"
     // never confirms, "die" is killed.
-    static void makeApp(const QString &folder, const QString &version, bool executable = true,
+    static void makeApp(const QString &folder, const QString &version,
                         const QByteArray &start = QByteArray())
     {
         QDir().mkpath(folder + "/lib");
@@ -54,8 +54,7 @@ class TestUpdateInstaller : public QObject {
                   "\"$SUC_MARKER\"\n"
                   + behaviours.value(start));
         app.close();
-        if (executable)
-            app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
+        app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
     }
 
     // Viewer in version v1, the unpacked v2 doing `start` when started, and the updater's
@@ -63,7 +62,7 @@ class TestUpdateInstaller : public QObject {
     QStringList healthCheckedUpdate(const QByteArray &start, int seconds)
     {
         makeApp(m_dir.filePath("Viewer"), "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", true, start);
+        makeApp(m_dir.filePath("unpacked"), "v2", start);
         return {"-oldDir",        m_dir.filePath("Viewer"),
                 "-newDir",        m_dir.filePath("unpacked"),
                 "-exe",           "app",
@@ -284,7 +283,7 @@ private Q_SLOTS:
         QFETCH(bool, asLink);
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", true, "fail");
+        makeApp(m_dir.filePath("unpacked"), "v2", "fail");
         const QString victim = m_dir.filePath("victim.txt");
         QFile v(victim);
         QVERIFY(v.open(QIODevice::WriteOnly) && v.write("the user's own") > 0);
@@ -413,7 +412,7 @@ private Q_SLOTS:
         const QString app = m_dir.filePath("Viewer");
         const QString newDir = m_dir.filePath("unpacked");
         makeApp(app, "v1");
-        makeApp(newDir, "v2", true, "hang");
+        makeApp(newDir, "v2", "hang");
         for (const QString &folder : {app, newDir}) { // each version is a host with its updater
             QVERIFY(QFile::copy(SUC_EXEC_HELPER, folder + "/host"));
             QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller"));

@@ -227,7 +227,7 @@ QString binaryData(const QByteArray &data)
     if (nul >= 0)
         return QStringLiteral("binary data at byte %1").arg(nul);
     QStringDecoder utf8(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    const QString text = utf8.decode(data);
+    (void)utf8.decode(data);
     return utf8.hasError() ? QStringLiteral("bytes that are no UTF-8") : QString();
 }
 
