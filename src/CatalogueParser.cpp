@@ -45,6 +45,8 @@ const QString DownloadManager::COMMENT = QStringLiteral("comment");
 const QString DownloadManager::SHA256 = QStringLiteral("sha256");
 const QString DownloadManager::SERIAL = QStringLiteral("serial");
 const QString DownloadManager::EXPIRES = QStringLiteral("expires");
+const QString DownloadManager::DELTA = QStringLiteral("delta");
+const QString DownloadManager::FROM_RELEASE = QStringLiteral("from-release");
 
 namespace {
 
@@ -67,6 +69,8 @@ enum Tag {
     TagPlatform,
     TagComment,
     TagSha256,
+    TagDelta,
+    TagFromRelease,
     TagCount
 };
 
@@ -90,6 +94,8 @@ int tagId(const QString &name)
         {DownloadManager::PLATFORM, TagPlatform},
         {DownloadManager::COMMENT, TagComment},
         {DownloadManager::SHA256, TagSha256},
+        {DownloadManager::DELTA, TagDelta},
+        {DownloadManager::FROM_RELEASE, TagFromRelease},
     };
     return ids.value(name, -1);
 }
@@ -108,7 +114,8 @@ public:
             if (tag < 0)
                 continue;
             // File and translated-URL elements are read through levels of their own.
-            const bool hasText = tag != TagFile && tag != TagReleaseNotes && tag != TagReadme;
+            const bool hasText
+                = tag != TagFile && tag != TagReleaseNotes && tag != TagReadme && tag != TagDelta;
             m_children[tag].append(Child {e, hasText ? e.text() : QString()});
         }
         const QDomNamedNodeMap attributes = node.attributes();
@@ -284,6 +291,22 @@ void fillPackage(const Chain *packageLevel, PackageInfo &info, DateCache &dates)
         info.sha256 = chainString(c, TagSha256).trimmed().toLower();
         return 0;
     });
+    // Deltas belong to the package itself (or its file), never to a set.
+    for (const Level *level : {packageLevel->level, packageLevel->level->fileLevel()}) {
+        for (const auto &child : level ? level->children(TagDelta) : QList<Level::Child>()) {
+            const Level delta(child.element);
+            const Chain own {&delta, nullptr};
+            PackageInfo::Delta d;
+            d.fromRelease = chainString(&own, TagFromRelease).trimmed();
+            const QString url = chainString(&own, TagUrl).trimmed();
+            // A relative URL lies where the package's base URL points.
+            d.url = QUrl(url).isRelative() ? QUrl(chainString(packageLevel, TagBaseUrl) + url)
+                                           : QUrl(url);
+            d.fileSize = DownloadManager::parseFileSize(chainString(&own, TagFileSize));
+            d.sha256 = chainString(&own, TagSha256).trimmed().toLower();
+            info.deltas.append(d);
+        }
+    }
 }
 
 void parseSetLevels(const QDomElement &set, const Chain *setChain, PackageInfoList &out,

@@ -70,6 +70,8 @@ public:
     static const QString SHA256;
     static const QString SERIAL;
     static const QString EXPIRES;
+    static const QString DELTA; ///< a child of a package: a delta from an older release
+    static const QString FROM_RELEASE;
 
     /// Meta-type id of qv::PackageInfoList, registered when the library loads.
     static int qMetaTypes;

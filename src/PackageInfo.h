@@ -56,6 +56,15 @@ public:
     /// empty when it names none. Checked when trusted keys are configured.
     QString sha256;
 
+    /// A delta package that turns an installed release into this one (a "delta" child).
+    struct Delta {
+        QString fromRelease;
+        QUrl url;
+        qint64 fileSize = 0;
+        QString sha256;
+    };
+    QList<Delta> deltas;
+
     QString displayName(bool usePublic) const;
     QString displayReleaseVersion(bool usePublic) const;
     /// The date alone when the release time is midnight, else date and time.

@@ -11,6 +11,7 @@
 // and signatures are minisign's, so either tool verifies the other's.
 
 #include "CatalogueText.h"
+#include "DeltaWriter.h"
 #include "Signing.h"
 #include "StaticServer.h"
 
@@ -18,6 +19,7 @@
 #include <PackageTable.h>
 #include <PackageTypes.h>
 #include <SoftwareUpdateClient.h>
+#include <qv/DeltaPackage.h>
 #include <qv/Exceptions.h>
 #include <qv/Minisign.h>
 #include <qv/Sha256.h>
@@ -28,7 +30,9 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QDir>
 #include <QDomDocument>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
@@ -39,6 +43,7 @@
 #include <QSaveFile>
 #include <QSet>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QStringDecoder>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -272,6 +277,9 @@ QString attribute(const QString &name, const QString &value)
     return QStringLiteral(" %1=\"%2\"").arg(name, value.toHtmlEscaped());
 }
 
+int deltaElement(const CatalogueText &catalogue, QString old, const QString &file,
+                 const QString &release, QString *element);
+
 int add(const QStringList &args)
 {
     QCommandLineParser p;
@@ -298,9 +306,15 @@ int add(const QStringList &args)
                                    "LANG=URL");
     const QCommandLineOption baseUrl(QStringLiteral("base-url"),
                                      "Where FILE will be downloaded from (ends in /).", "URL");
+    const QCommandLineOption deltaFrom(
+        QStringLiteral("delta-from"),
+        "An older package of the catalogue (repeatable; OLD=RELEASE when the catalogue no longer "
+        "lists it): a delta from it is written beside FILE and listed, unless it is larger than "
+        "half of FILE.",
+        "OLD");
     const Stamp stamp;
     p.addOptions({type, name, release, publicName, publicRelease, status, platform, language, notes,
-                  baseUrl});
+                  baseUrl, deltaFrom});
     stamp.addTo(p);
     int code = Usage;
     if (!parse(p, args, {"CATALOGUE", "FILE"}, &code))
@@ -367,14 +381,24 @@ int add(const QStringList &args)
         element += attribute(DM::PLATFORM, p.values(platform).join(QLatin1Char(',')));
     if (p.isSet(language))
         element += attribute(DM::LANGUAGE, p.values(language).join(QLatin1Char(',')));
-    if (p.isSet(notes)) {
+    QStringList children;
+    for (const QString &note : p.values(notes)) {
+        const qsizetype eq = note.indexOf(QLatin1Char('='));
+        children << QLatin1Char('<') + DM::RELEASE_NOTES + attribute(DM::LANGUAGE, note.left(eq))
+                + attribute(DM::URL, note.mid(eq + 1)) + QStringLiteral("/>");
+    }
+    for (const QString &old : p.values(deltaFrom)) {
+        QString child;
+        if (const int made = deltaElement(catalogue, old, file, p.value(release), &child);
+            made != Success)
+            return made;
+        if (!child.isEmpty())
+            children << child;
+    }
+    if (!children.isEmpty()) {
         element += QLatin1Char('>');
-        for (const QString &note : p.values(notes)) {
-            const qsizetype eq = note.indexOf(QLatin1Char('='));
-            element += QStringLiteral("\n    <") + DM::RELEASE_NOTES
-                + attribute(DM::LANGUAGE, note.left(eq)) + attribute(DM::URL, note.mid(eq + 1))
-                + QStringLiteral("/>");
-        }
+        for (const QString &child : std::as_const(children))
+            element += QStringLiteral("\n    ") + child;
         element += QStringLiteral("\n  </") + DM::PACKAGE + QLatin1Char('>');
     } else {
         element += QStringLiteral("/>");
@@ -398,6 +422,158 @@ int add(const QStringList &args)
                 replaced >= 0 ? "replaced" : "added", qPrintable(p.value(name)),
                 qPrintable(p.value(release)), info.size(), hash.result().toHex().constData(),
                 replaced >= 0 ? "in" : "to", qPrintable(path), qPrintable(stamped));
+    return Success;
+}
+
+// The release of `old` as the catalogue lists it ("OLD=RELEASE" names it outright).
+QString releaseOf(const CatalogueText &catalogue, QString *old)
+{
+    const qsizetype eq = old->lastIndexOf(QLatin1Char('='));
+    if (eq > 0) {
+        const QString release = old->mid(eq + 1);
+        old->truncate(eq);
+        return release;
+    }
+    const QString name = QFileInfo(*old).fileName();
+    for (const QString &element : catalogue.packages()) {
+        const qv::PackageInfo package = packageOf(element);
+        if (QFileInfo(package.url.path()).fileName() == name)
+            return package.release;
+    }
+    return QString();
+}
+
+// Writes the delta from the package `old` to `file` beside `file`, and the element that lists
+// it; nothing when the delta is larger than half of `file`.
+int deltaElement(const CatalogueText &catalogue, QString old, const QString &file,
+                 const QString &release, QString *element)
+{
+    const QString from = releaseOf(catalogue, &old);
+    if (from.isEmpty())
+        return fail(QStringLiteral("the catalogue lists no release for %1; write "
+                                   "--delta-from %1=RELEASE")
+                        .arg(old),
+                    Usage);
+    DeltaWriter::Options options;
+    options.fromRelease = from;
+    options.toRelease = release;
+    const QString output = file + QStringLiteral(".from-") + from + QStringLiteral(".delta");
+    DeltaWriter::Summary summary;
+    QString error;
+    if (!DeltaWriter::write(old, file, output, options, &summary, &error))
+        return fail(QStringLiteral("no delta from %1: %2").arg(old, error), CannotRead);
+    const qint64 full = QFileInfo(file).size();
+    if (summary.size * 2 > full) {
+        QFile::remove(output);
+        std::printf("skipped the delta from %s: %lld bytes, more than half of the package\n",
+                    qPrintable(from), summary.size);
+        return Success;
+    }
+    QFile delta(output);
+    qv::Sha256 hash;
+    if (!delta.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("cannot read %1").arg(output), CannotRead);
+    while (!delta.atEnd())
+        hash.addData(delta.read(1 << 20));
+    using DM = qv::DownloadManager;
+    *element = QLatin1Char('<') + DM::DELTA + attribute(DM::FROM_RELEASE, from)
+        + attribute(DM::URL,
+                    QString::fromLatin1(QUrl::toPercentEncoding(QFileInfo(output).fileName())))
+        + attribute(DM::FILE_SIZE, QString::number(summary.size))
+        + attribute(DM::SHA256, QString::fromLatin1(hash.result().toHex())) + QStringLiteral("/>");
+    std::printf("delta from %s: %s (%lld bytes, %.1f%% of the package)\n", qPrintable(from),
+                qPrintable(QFileInfo(output).fileName()), summary.size,
+                full > 0 ? 100.0 * double(summary.size) / double(full) : 0.0);
+    return Success;
+}
+
+int delta(const QStringList &args)
+{
+    QCommandLineParser p;
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Writes a delta package that turns the application OLD into NEW (each a "
+                       "ZIP or tar.gz package, or a folder), file by file: unchanged and renamed "
+                       "files are copied, changed ones patched (zstd or bsdiff, the smaller), new "
+                       "ones added."),
+        QStringLiteral("0 written, 2 NEW holds what a delta cannot carry (a link pointing "
+                       "outside, a file above 1 GiB), 3 a version cannot be read or OUT "
+                       "written")));
+    const QCommandLineOption output({QStringLiteral("o"), QStringLiteral("output")},
+                                    "The delta file to write.", "OUT");
+    const QCommandLineOption codec(QStringLiteral("codec"),
+                                   "Patches with best (default), zstd or bsdiff.", "C",
+                                   QStringLiteral("best"));
+    const QCommandLineOption level(QStringLiteral("level"), "zstd's level, 1 to 22 (default 19).",
+                                   "N", QStringLiteral("19"));
+    const QCommandLineOption from(QStringLiteral("from-release"), "OLD's release, recorded.", "R");
+    const QCommandLineOption to(QStringLiteral("to-release"), "NEW's release, recorded.", "R");
+    p.addOptions({output, codec, level, from, to});
+    int code = Usage;
+    if (!parse(p, args, {"OLD", "NEW"}, &code))
+        return code;
+    static const QStringList codecs {"best", "zstd", "bsdiff"};
+    bool levelRead = false;
+    DeltaWriter::Options options;
+    options.level = p.value(level).toInt(&levelRead);
+    if (!p.isSet(output) || !codecs.contains(p.value(codec)) || !levelRead || options.level < 1
+        || options.level > 22)
+        return fail(QStringLiteral("delta needs -o OUT, --codec best|zstd|bsdiff and --level 1 to "
+                                   "22"),
+                    Usage);
+    options.codecs = DeltaWriter::Codecs(codecs.indexOf(p.value(codec)));
+    if (options.codecs == DeltaWriter::Codecs::Bsdiff
+        && QStandardPaths::findExecutable(QStringLiteral("bsdiff")).isEmpty())
+        return fail(QStringLiteral("--codec bsdiff needs the bsdiff program"), Usage);
+    options.fromRelease = p.value(from);
+    options.toRelease = p.value(to);
+    const QString oldPath = p.positionalArguments().at(0);
+    const QString newPath = p.positionalArguments().at(1);
+    for (const QString &path : {oldPath, newPath}) {
+        if (!QFileInfo::exists(path))
+            return fail(QStringLiteral("cannot read %1").arg(path), CannotRead);
+    }
+    DeltaWriter::Summary summary;
+    QString error;
+    if (!DeltaWriter::write(oldPath, newPath, p.value(output), options, &summary, &error))
+        return fail(error, error.contains(QLatin1String("cannot")) ? CannotRead : Errors);
+    std::printf("%s: %lld bytes; %d copied, %d patched (zstd %d, bsdiff %d), %d added, %d links, "
+                "%d deleted\n",
+                qPrintable(p.value(output)), summary.size, summary.copied,
+                summary.zstdPatches + summary.bsdiffPatches, summary.zstdPatches,
+                summary.bsdiffPatches, summary.added, summary.links, summary.deleted);
+    return Success;
+}
+
+int apply(const QStringList &args)
+{
+    QCommandLineParser p;
+    p.setApplicationDescription(withExitCodes(
+        QStringLiteral("Builds the new version from the installed FOLDER and DELTA into OUT (a "
+                       "folder that must not exist), as the client does: every source and every "
+                       "result is checked against the delta's manifest."),
+        QStringLiteral("0 built, 2 the delta does not apply to FOLDER, 3 a file cannot be read "
+                       "or OUT created")));
+    const QCommandLineOption output({QStringLiteral("o"), QStringLiteral("output")},
+                                    "The folder to build.", "OUT");
+    p.addOption(output);
+    int code = Usage;
+    if (!parse(p, args, {"DELTA", "FOLDER"}, &code))
+        return code;
+    if (!p.isSet(output))
+        return fail(QStringLiteral("apply needs -o OUT"), Usage);
+    const QString out = p.value(output);
+    if (QFileInfo::exists(out) || !QDir().mkpath(out))
+        return fail(QStringLiteral("cannot create %1 (it must not exist)").arg(out), CannotRead);
+    QString error;
+    QElapsedTimer clock;
+    clock.start();
+    if (!qv::DeltaPackage::apply(p.positionalArguments().at(0), p.positionalArguments().at(1), out,
+                                 &error)) {
+        QDir(out).removeRecursively();
+        return fail(error, error.startsWith(QLatin1String("cannot")) ? CannotRead : Errors);
+    }
+    std::printf("built %s in %lld ms; codecs' heap peak %lld bytes\n", qPrintable(out),
+                clock.elapsed(), qv::DeltaPackage::codecHeapPeak());
     return Success;
 }
 
@@ -953,7 +1129,8 @@ int offer(const QStringList &args)
 }
 
 const char kUsage[]
-    = "usage: softupdate add|sign|verify|lint|offer|serve ... (softupdate <command> --help)\n"
+    = "usage: softupdate add|sign|verify|lint|offer|serve|delta|apply ... (softupdate <command> "
+      "--help)\n"
       "       softupdate --version\n"
       "Exit codes: 0 clean, 1 warnings (lint), 2 errors in the catalogue or its signature, 3 a "
       "file, URL or signature cannot be read, 10 updates available (offer), 64 usage error.\n";
@@ -987,6 +1164,10 @@ int main(int argc, char **argv)
         return offer(args);
     if (command == u"serve")
         return serve(args);
+    if (command == u"delta")
+        return delta(args);
+    if (command == u"apply")
+        return apply(args);
     if (command == u"--help" || command == u"-h" || command == u"help") {
         std::printf("%s", kUsage);
         return Success;
