@@ -203,13 +203,20 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
         connect(manager, qOverload<int>(&DownloadManager::downloadFailure), this,
                 [this, own](int status) {
                     own();
-                    downloadError(status);
+                    if (m_deltaRunning)
+                        deltaFailed(QStringLiteral("its download failed (HTTP status %1)")
+                                        .arg(status));
+                    else
+                        downloadError(status);
                 });
         connect(manager, qOverload<PackageInfo, QString>(&DownloadManager::downloadSuccess), this,
                 [this, own](const PackageInfo &downloaded, const QString &downloadedFile) {
                     own();
                     m_downloadedFilePath = downloadedFile;
-                    installDownloaded(downloaded);
+                    if (m_deltaRunning)
+                        applyDelta();
+                    else
+                        installDownloaded(downloaded);
                 });
         if (m_progressDialog)
             connect(m_progressDialog, &QProgressDialog::canceled, manager,
@@ -221,7 +228,11 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
         });
         connect(manager, &DownloadManager::downloadVerificationFailed, this, [this, own] {
             own();
-            packageNotPublished();
+            if (m_deltaRunning)
+                deltaFailed(QStringLiteral("the download is not the delta the catalogue "
+                                           "published"));
+            else
+                packageNotPublished();
         });
         connect(manager, &DownloadManager::downloadRetrying, this, [this](int seconds) {
             if (m_progressDialog)
@@ -233,6 +244,25 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
                     complete ? Text::tr("Downloading and verifying the package...")
                              : Text::tr("Downloading package to temporary folder..."));
         });
+    }
+    // A delta from the installed release, where the host allows it, in place of the package.
+    m_deltaRunning = false;
+    if (const PackageInfo::Delta *delta = usableDelta(package)) {
+        m_delta = *delta;
+        m_deltaRunning = true;
+        m_deltasTried.insert(package.release);
+        PackageInfo download = package;
+        download.url = delta->url;
+        download.fileSize = delta->fileSize;
+        download.sha256 = delta->sha256;
+        download.deltas.clear();
+        m_downloadedFilePath = folder + QStringLiteral("/update.delta");
+        progressLine(QStringLiteral("SoftwareUpdateClient::downloadPackage() -> the delta from "
+                                    "%1: %2 (%3 bytes)")
+                         .arg(delta->fromRelease, delta->url.toString())
+                         .arg(delta->fileSize));
+        manager->startDownload(download, m_downloadedFilePath);
+        return;
     }
     manager->startDownload(package, m_downloadedFilePath);
 }

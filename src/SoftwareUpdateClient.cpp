@@ -17,6 +17,7 @@
 #include <QMessageBox>
 #include <QNetworkAccessManager>
 #include <QProcess>
+#include <QThread>
 #include <QTimer>
 #include <QTranslator>
 
@@ -107,6 +108,12 @@ SoftwareUpdateClient::SoftwareUpdateClient(const QString &product, VersionNumber
 
 SoftwareUpdateClient::~SoftwareUpdateClient()
 {
+    // A new version being built from a delta stops at its next file.
+    if (m_deltaThread) {
+        m_deltaCancel = true;
+        m_deltaThread->wait();
+        delete m_deltaThread;
+    }
     // A check still waiting for its answer ends with the client.
     delete m_networkManager;
 }

@@ -12,15 +12,18 @@
 #include <QNetworkProxy>
 #include <QObject>
 #include <QPointer>
+#include <QSet>
 #include <QSettings>
 #include <QString>
 #include <QUrl>
 
+#include <atomic>
 #include <functional>
 
 class QNetworkAccessManager;
 class QNetworkReply;
 class QProgressDialog;
+class QThread;
 class QTimer;
 class QWidget;
 
@@ -136,6 +139,17 @@ public:
     /// `count` times after a back-off, the progress dialog saying "Retrying in N s".
     void setResumeDownloads(bool on) { m_resumeDownloads = on; }
     void setDownloadRetries(int count) { m_downloadRetries = qMax(0, count); }
+
+    /// Delta updates (off by default; CompleteInstall with trusted keys only): when the signed
+    /// catalogue offers a delta from the installed release, that delta is downloaded instead of
+    /// the package, its SHA-256 checked, and the new version built beside the application from
+    /// the installed files, each source and each result checked against the delta's manifest.
+    /// Any failure discards what was built, marks that delta as bad for good, and downloads the
+    /// full package at once: one update for the user, logged, without a box.
+    void setDeltaUpdates(bool on) { m_deltaUpdates = on; }
+    bool deltaUpdates() const { return m_deltaUpdates; }
+    /// The SHA-256 of deltas that failed here and are never tried again.
+    QStringList badDeltas() const;
 
     /// Asked before the library ends the host for an update (restartNow(), "Restart now"): it may
     /// save the user's work and quit, returning true, or refuse, returning false (the update is
@@ -269,6 +283,9 @@ private:
     void failInstall(const QString &title, const QString &text);
     bool layoutAccepted(const QString &unpacked);
     void completePackageUnpacked(const QString &folder);
+    const qv::PackageInfo::Delta *usableDelta(const qv::PackageInfo &package) const;
+    void applyDelta();
+    void deltaFailed(const QString &reason);
     void confirmHealthAndNoticeRollBack();
     void removeUpdateLeftovers();
     void settleInterruptedUpdate();
@@ -317,6 +334,12 @@ private:
     int m_healthTimeout = kHealthTimeout;
     bool m_resumeDownloads = false;
     int m_downloadRetries = 0;
+    bool m_deltaUpdates = false;
+    qv::PackageInfo::Delta m_delta; ///< the delta being downloaded or applied
+    bool m_deltaRunning = false;
+    QSet<QString> m_deltasTried; ///< releases whose delta this session tried (one attempt each)
+    QThread *m_deltaThread = nullptr; ///< builds the new version from the delta
+    std::atomic_bool m_deltaCancel {false};
     std::function<bool()> m_quitHandler;
     PackageInfo m_installPackage; ///< the package of the running (or ready) install
     bool m_quietInstall = false; ///< install() on a client that is not interactive: no boxes

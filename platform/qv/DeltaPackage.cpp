@@ -680,12 +680,18 @@ qint64 DeltaPackage::codecHeapPeak()
 }
 
 bool DeltaPackage::apply(const QString &deltaFile, const QString &installed, const QString &staging,
-                         QString *error, const std::atomic_bool *canceled)
+                         QString *error, const QByteArray &sha256,
+                         const std::atomic_bool *canceled)
 {
     Mapped delta;
     Manifest manifest;
-    if (!delta.openRead(deltaFile, error)
-        || !readManifest(delta.data(), delta.size(), &manifest, error))
+    if (!delta.openRead(deltaFile, error))
+        return false;
+    if (!sha256.isEmpty() && sha256Of(delta.data(), delta.size()) != sha256) {
+        *error = QStringLiteral("the delta is not the one the catalogue published");
+        return false;
+    }
+    if (!readManifest(delta.data(), delta.size(), &manifest, error))
         return false;
     const uchar *payloads
         = delta.data() + kHeaderSize + qFromLittleEndian<quint32>(delta.data() + 8);

@@ -61,12 +61,14 @@ public:
     static QByteArray header(const QByteArray &manifestJson);
 
     /// Builds the new version into the empty folder `staging` from the installed folder
-    /// `installed` and the delta file `deltaFile` (whose SHA-256 the caller has checked): every
-    /// source is hashed before it is used, every output file is checked against the manifest.
+    /// `installed` and the delta file `deltaFile`. Its SHA-256 must be `sha256` (32 bytes; empty:
+    /// the caller has checked it) before anything is decoded; every source is hashed before it
+    /// is used, every output file is checked against the manifest.
     /// Decoding works on memory-mapped files; the heap stays small whatever the sizes. False with
     /// `error` set on the first problem; the caller discards `staging`. `canceled` stops it.
     static bool apply(const QString &deltaFile, const QString &installed, const QString &staging,
-                      QString *error, const std::atomic_bool *canceled = nullptr);
+                      QString *error, const QByteArray &sha256 = QByteArray(),
+                      const std::atomic_bool *canceled = nullptr);
 
     /// Decodes one patch into `out` (exactly `outSize` bytes). `source` is the installed file.
     static bool decode(Codec codec, const uchar *source, qint64 sourceSize, const uchar *payload,

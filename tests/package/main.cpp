@@ -113,6 +113,7 @@ int main(int argc, char **argv)
     }
 
     client.setTrustedKeys({args.value(3)});
+    client.setDeltaUpdates(args.contains("delta"));
     if (args.size() > 4)
         client.setHealthTimeout(args.value(4).toInt());
     const bool refuseQuit = args.contains("refuse-quit");

@@ -16,26 +16,32 @@ python3 -m http.server 8080 --bind 127.0.0.1 --directory "$work/site" >/dev/null
 server=$!
 failures=0
 
-# publish <package file>: a catalogue offering only it, signed.
+# publish <package file> [add options]: a catalogue offering only it, signed.
 publish() {
-  rm -f "$work/site/list.xml"*
+  rm -f "$work/site/list.xml"* "$work/site/"*.delta
   cp "$1" "$work/site/"
   local file=${1##*/} release=${1##*-}
   release=${release%.zip}
   release=${release%.tar.gz}
+  shift
   softupdate add "$work/site/list.xml" "$work/site/$file" --type Application --name PackageHost \
-    --release "$release" --base-url http://127.0.0.1:8080/ >/dev/null &&
+    --release "$release" --base-url http://127.0.0.1:8080/ "$@" >/dev/null &&
     softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
 }
 
-# scenario <name> <package> <host arguments...>: installs 1.0 in a home of its own, runs it.
+# install_old <name>: 1.0 in a home of its own.
+install_old() {
+  mkdir -p "$work/$1/apps" && chmod 700 "$work/$1" &&
+    (cd "$work/$1/apps" && cmake -E tar xf "$packages/PackageHost-1.0.zip" && mv PackageHost-1.0 PackageHost)
+}
+
+# scenario <name> <host arguments...>: runs 1.0 (installed now unless it was beforehand).
 scenario() {
   name=$1
   shift
   home=$work/$name
   app=$home/apps/PackageHost
-  mkdir -p "$home/apps" && chmod 700 "$home"
-  (cd "$home/apps" && cmake -E tar xf "$packages/PackageHost-1.0.zip" && mv PackageHost-1.0 PackageHost)
+  [ -d "$app" ] || install_old "$name"
   out=$home/output.txt
   : >"$out" # appended to: the versions the updater starts write there too
   HOME=$home XDG_CONFIG_HOME=$home/.config XDG_STATE_HOME=$home/.local/state \
@@ -81,6 +87,28 @@ sleep 1
 [ "$(release)" = "2.2 late 2500" ] || { echo "FAIL late: $(release)"; failures=$((failures + 1)); }
 scenario late-confirmation-too-late 1
 expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
+
+# Delta updates: 1.0 -> 2.0 from the delta alone, or from the full package when the delta cannot
+# be used (a changed installed file, a delta that is not the published one), never both twice.
+publish "$packages/PackageHost-2.0.zip" --delta-from "$packages/PackageHost-1.0.zip=1.0"
+delta=$(stat -c %s "$work/site/PackageHost-2.0.zip.from-1.0.delta")
+full=$(stat -c %s "$packages/PackageHost-2.0.zip")
+scenario delta delta
+expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
+  "boxes shown: 0"
+[ "$(release)" = "2.0" ] || { echo "FAIL delta: $(release)"; failures=$((failures + 1)); }
+# badly <name> <why the log gives>: the delta is not used, the full package is.
+badly() {
+  scenario "$1" delta
+  expect "is not used: $2; downloading the full package" \
+    "readyToRestart: 2.0 (downloaded $full bytes)" "running 2.0" "boxes shown: 0"
+  grep -rqs "badDeltas=" "$home/.config" || { echo "FAIL $1: not remembered"; failures=$((failures + 1)); }
+}
+# The installed updater differs from the one the delta was made from.
+install_old delta-changed-source && printf 'x' >>"$work/delta-changed-source/apps/PackageHost/UpdateInstaller"
+badly delta-changed-source "the installed file UpdateInstaller is not the one the delta was made from"
+printf 'x' >>"$work/site/PackageHost-2.0.zip.from-1.0.delta"
+badly delta-not-published "the download is not the delta the catalogue published"
 
 # Refused packages: the signal says why, no box is shown, nothing changes.
 publish "$packages/PackageHost-2.0.zip"
