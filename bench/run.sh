@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release and runs them. Each prints ratios against a reference measured
-# in the same run.  bench/run.sh [catalogue|download|unzip|swap|resume]
+# in the same run.  bench/run.sh [catalogue|download|unzip|swap|resume|delta]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=build/bench
@@ -31,4 +31,13 @@ if [ "$what" = all ] || [ "$what" = unzip ]; then
 fi
 if [ "$what" = all ] || [ "$what" = swap ]; then
   bench/swap_bench.sh "$build/tools/UpdateInstaller/UpdateInstaller"
+fi
+if [ "$what" = all ] || [ "$what" = delta ]; then
+  # Real release pairs from the npm registry; the comparison tools from Debian's packages.
+  for p in zstd xdelta3 bsdiff heaptrack npm; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' ||
+      { [ "$p" = npm ] && command -v npm >/dev/null; } ||
+      DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$p"
+  done
+  bench/delta_bench.sh "$build/tools/softupdate/softupdate"
 fi

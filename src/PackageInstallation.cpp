@@ -204,8 +204,8 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
                 [this, own](int status) {
                     own();
                     if (m_deltaRunning)
-                        deltaFailed(QStringLiteral("its download failed (HTTP status %1)")
-                                        .arg(status));
+                        deltaFailed(
+                            QStringLiteral("its download failed (HTTP status %1)").arg(status));
                     else
                         downloadError(status);
                 });

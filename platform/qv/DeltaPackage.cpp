@@ -680,8 +680,7 @@ qint64 DeltaPackage::codecHeapPeak()
 }
 
 bool DeltaPackage::apply(const QString &deltaFile, const QString &installed, const QString &staging,
-                         QString *error, const QByteArray &sha256,
-                         const std::atomic_bool *canceled)
+                         QString *error, const QByteArray &sha256, const std::atomic_bool *canceled)
 {
     Mapped delta;
     Manifest manifest;

@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# Delta packages on real native release pairs, fetched with `npm pack`: our delta's size against
+# the full tar.gz and against `zstd --patch-from` and `xdelta3` on the same pair (whole tar
+# files), then the time to build and verify the new version, and the peak heap while doing so.
+#   bench/delta_bench.sh <softupdate>
+# Goals: a patch release at most 4 % of the full package, a minor one at most 8 %; building
+# and verifying a 150 MB application in at most 3 s; a peak heap of at most 32 MiB.
+set -euo pipefail
+softupdate=$(realpath "$1")
+work=${DELTA_BENCH_DIR:-$(dirname "$softupdate")/../../delta-bench}
+mkdir -p "$work/packs"
+cd "$work"
+
+# kind package old new
+pairs=(
+  "patch @esbuild/linux-x64 0.24.0 0.24.1"
+  "patch @biomejs/cli-linux-x64 1.9.3 1.9.4"
+  "patch @next/swc-linux-x64-gnu 15.0.3 15.0.4"
+  "minor @esbuild/linux-x64 0.23.1 0.24.0"
+  "minor @biomejs/cli-linux-x64 1.8.3 1.9.0"
+)
+
+fetch() { # fetch <package> <version>: packs/<name>-<version>.tar.gz, unpacked beside it
+  local name=${1#@}
+  name=${name//\//-}
+  local file=packs/$name-$2.tar.gz
+  if [ ! -f "$file" ]; then
+    (cd packs && npm pack --silent "$1@$2" >/dev/null 2>&1 && mv "$name-$2.tgz" "$name-$2.tar.gz")
+  fi
+  if [ ! -d "${file%.tar.gz}" ]; then
+    mkdir -p "${file%.tar.gz}" && tar xzf "$file" -C "${file%.tar.gz}"
+    gzip -dc "$file" >"${file%.tar.gz}.tar"
+  fi
+  echo "$file"
+}
+percent() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", 100 * a / b }'; }
+
+printf '%-6s %-44s %10s %8s %8s %8s %9s %8s %10s %10s\n' kind pair "full tar.gz" "ours %" \
+  "zstd %" "xdelta3 %" "files" "build ms" "codec heap" "peak heap"
+worst_patch=0 worst_minor=0 worst_ms=0 worst_heap=0
+for line in "${pairs[@]}"; do
+  read -r kind package old new <<<"$line"
+  a=$(fetch "$package" "$old")
+  b=$(fetch "$package" "$new")
+  full=$(stat -c %s "$b")
+  "$softupdate" delta "$a" "$b" -o ours.delta >/dev/null
+  ours=$(stat -c %s ours.delta)
+  zstd -q -f -19 --long=31 --patch-from="${a%.tar.gz}.tar" "${b%.tar.gz}.tar" -o zstd.patch
+  xdelta3 -e -f -9 -B 2147483648 -s "${a%.tar.gz}.tar" "${b%.tar.gz}.tar" xdelta.patch
+  # Built twice: once timed, once under heaptrack for the whole process's peak heap.
+  rm -rf built && built=$("$softupdate" apply ours.delta "${a%.tar.gz}/package" -o built)
+  diff -r --no-dereference built "${b%.tar.gz}/package" >/dev/null || { echo "MISMATCH $line"; exit 1; }
+  ms=$(sed -n 's/.* in \([0-9]*\) ms.*/\1/p' <<<"$built")
+  codec=$(sed -n 's/.*peak \([0-9]*\) bytes.*/\1/p' <<<"$built")
+  rm -rf built heap.*
+  heaptrack -o heap "$softupdate" apply ours.delta "${a%.tar.gz}/package" -o built >/dev/null 2>&1
+  peak=$(heaptrack_print heap.* 2>/dev/null | sed -n 's/^peak heap memory consumption: \(.*\)/\1/p')
+  files=$(find "${b%.tar.gz}/package" -type f | wc -l)
+  size=$(du -sb "${b%.tar.gz}/package" | cut -f1)
+  ratio=$(percent "$ours" "$full")
+  printf '%-6s %-44s %10d %8s %8s %8s %9s %8d %10s %10s\n' "$kind" "${package} $old>$new" "$full" \
+    "$ratio" "$(percent "$(stat -c %s zstd.patch)" "$full")" \
+    "$(percent "$(stat -c %s xdelta.patch)" "$full")" "$files/$((size >> 20))M" "$ms" \
+    "$((codec >> 10))K" "$peak"
+  if [ "$kind" = patch ]; then worst_patch=$(awk -v a="$ratio" -v b="$worst_patch" 'BEGIN { print (a > b) ? a : b }')
+  else worst_minor=$(awk -v a="$ratio" -v b="$worst_minor" 'BEGIN { print (a > b) ? a : b }'); fi
+  [ "$ms" -gt "$worst_ms" ] && [ "$size" -gt $((100 << 20)) ] && worst_ms=$ms
+done
+echo "largest patch release: ${worst_patch} % of the full package (goal <= 4)"
+echo "largest minor release: ${worst_minor} % of the full package (goal <= 8)"
+echo "build and verify of the application above 100 MB: ${worst_ms} ms (goal <= 3000)"

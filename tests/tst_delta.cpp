@@ -1,0 +1,270 @@
+// Delta packages: written by softupdate from a generated application pair, built back by the
+// library, and refused whenever a delta or an installed file is not what it claims.
+
+#include "TestSupport.h"
+
+#include <DownloadManager.h>
+#include <PackageInfo.h>
+#include <qv/DeltaPackage.h>
+#include <qv/Sha256.h>
+
+#include <QBuffer>
+#include <QtTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using qv::DeltaPackage;
+
+namespace {
+
+void write(const QString &path, const QByteArray &data, int mode = 0644)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write(data);
+    f.close();
+    QVERIFY(::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0);
+}
+
+QByteArray noise(int size, quint32 seed)
+{
+    QByteArray out(size, Qt::Uninitialized);
+    QRandomGenerator random(seed);
+    random.fillRange(reinterpret_cast<quint32 *>(out.data()), size / 4);
+    return out;
+}
+
+// Every entry under `root`: kind, mode, and content or link target.
+QMap<QString, QString> describe(const QString &root)
+{
+    QMap<QString, QString> out;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        struct stat st;
+        ::lstat(QFile::encodeName(path).constData(), &st);
+        char target[256] = {};
+        const QString what = S_ISLNK(st.st_mode)
+            ? "link " + QString::number(::readlink(QFile::encodeName(path), target, 255)) + target
+            : S_ISDIR(st.st_mode)
+            ? QStringLiteral("folder")
+            : "file " + QString::fromLatin1(qv::Sha256::hash(suc::test::readFile(path)).toHex());
+        out.insert(path.mid(root.size()), QString::number(st.st_mode & 0777, 8) + ' ' + what);
+    }
+    return out;
+}
+
+} // namespace
+
+class DeltaTest : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QByteArray m_delta; ///< old -> new, best codecs
+
+    QString path(const QString &name) const { return m_dir.filePath(name); }
+
+    int softupdate(const QStringList &args, QByteArray *output = nullptr)
+    {
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(QStringLiteral(SUC_SOFTUPDATE), args);
+        p.waitForFinished(120000);
+        if (output)
+            *output = p.readAll();
+        return p.exitCode();
+    }
+
+    // Builds `delta` against old/ into a fresh folder; the error, empty when it was built.
+    QString apply(const QByteArray &delta, const QByteArray &sha256 = QByteArray())
+    {
+        QFile::remove(path("test.delta"));
+        QFile f(path("test.delta"));
+        f.open(QIODevice::WriteOnly);
+        f.write(delta);
+        f.close();
+        QDir(path("built")).removeRecursively();
+        QDir().mkpath(path("built"));
+        QString error;
+        return DeltaPackage::apply(path("test.delta"), path("old/App"), path("built"), &error,
+                                   sha256)
+            ? QString()
+            : error;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Changed, added, removed, renamed and unchanged files, a link, modes, an empty folder.
+        const QByteArray app = noise(400000, 1);
+        write(path("old/App/app"), app, 0755);
+        QByteArray changed = app;
+        changed.replace(1000, 5, "patch").append(noise(3000, 2));
+        write(path("new/App/app"), changed, 0755);
+        const QByteArray library = noise(150000, 3);
+        write(path("old/App/lib/libfoo.so.1"), library);
+        write(path("new/App/lib/libfoo.so.2"), library);
+        QVERIFY(QFile::link("libfoo.so.1", path("old/App/lib/libfoo.so")));
+        QVERIFY(QFile::link("libfoo.so.2", path("new/App/lib/libfoo.so")));
+        for (const char *side : {"old", "new"}) {
+            write(path(side + QStringLiteral("/App/data/unchanged.txt")), "the same\n");
+            write(path(side + QStringLiteral("/App/bin/tool")), "#!/bin/sh\n",
+                  side[0] == 'o' ? 0700 : 0755);
+            QDir().mkpath(path(side + QStringLiteral("/App/empty")));
+        }
+        write(path("old/App/data/removed.txt"), "gone\n");
+        QByteArray text;
+        for (int i = 0; i < 5000; ++i)
+            text += QByteArray::number(i) + '\n';
+        write(path("new/App/data/added.txt"), text, 0600);
+        QCOMPARE(softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}),
+                 0);
+        m_delta = suc::test::readFile(path("base.delta"));
+    }
+
+    // Folders and packages, each codec: the built folder is the new version, entry for entry.
+    void roundTrip_data()
+    {
+        QTest::addColumn<QString>("codec");
+        QTest::addColumn<bool>("packages");
+        QTest::addColumn<QString>("summary");
+        QTest::newRow("folders, best") << "best" << false << "3 copied, 1 patched";
+        QTest::newRow("folders, zstd") << "zstd" << false << "(zstd 1, bsdiff 0), 1 added";
+        QTest::newRow("packages, bsdiff") << "bsdiff" << true << "(zstd 0, bsdiff 1)";
+    }
+    void roundTrip()
+    {
+        QFETCH(QString, codec);
+        QFETCH(bool, packages);
+        QFETCH(QString, summary);
+        QString from = path("old/App"), to = path("new/App");
+        if (packages) { // a single top folder, as packages usually have
+            for (const char *side : {"old", "new"})
+                QCOMPARE(QProcess::execute(
+                             "bsdtar",
+                             {"-a", "-cf", path(side + QString(".zip")), "-C", path(side), "App"}),
+                         0);
+            from = path("old.zip");
+            to = path("new.zip");
+        }
+        QByteArray output;
+        QCOMPARE(
+            softupdate({"delta", from, to, "-o", path("trip.delta"), "--codec", codec}, &output),
+            0);
+        QVERIFY2(output.contains(summary.toUtf8()) && output.contains("1 links, 2 deleted"),
+                 output.constData());
+        QCOMPARE(apply(suc::test::readFile(path("trip.delta"))), QString());
+        QCOMPARE(describe(path("built")), describe(path("new/App")));
+        // Three bzip2 streams and a zstd context at most, whatever the file sizes.
+        QVERIFY(DeltaPackage::codecHeapPeak() < 32 << 20);
+    }
+
+    // Each flaw stops the build with its reason: nothing unverified, nothing outside the folder.
+    void refusals_data() { suc::test::addRows("delta-refusals"); }
+    void refusals()
+    {
+        QFETCH(QString, edit);
+        QFETCH(QString, value);
+        QFETCH(QString, error);
+        QByteArray delta = m_delta;
+        QByteArray sha256;
+        const int length = qFromLittleEndian<quint32>(delta.constData() + 8);
+        QJsonObject manifest = QJsonDocument::fromJson(delta.mid(12, length)).object();
+        QJsonArray files = manifest.value("files").toArray();
+        const QJsonObject change = QJsonDocument::fromJson(value.toUtf8()).object();
+        if (edit == u"entry" || edit == u"payload") {
+            for (int i = 0; i < files.size(); ++i) {
+                QJsonObject entry = files.at(i).toObject();
+                if (entry.value("path") != change.value("entry"))
+                    continue;
+                const int at = 12 + length + entry.value("offset").toInt();
+                for (int i = 14; edit == u"payload" && i < entry.value("length").toInt(); ++i)
+                    delta[at + i] ^= 0x55; // the blocks, after the frame header
+
+                const QJsonObject set = change.value("set").toObject();
+                for (auto it = set.begin(); it != set.end(); ++it)
+                    entry.insert(it.key(), it.value());
+                files[i] = entry;
+            }
+        } else if (edit == u"add-entry") {
+            files.append(change);
+        } else if (edit == u"installed") {
+            QFile f(path("old/App/" + value));
+            QVERIFY(f.open(QIODevice::Append));
+            f.write("x");
+        } else if (edit == u"truncate") { // bytes cut off the end; negative: bytes kept
+            delta = value.toInt() > 0 ? delta.chopped(value.toInt()) : delta.left(-value.toInt());
+        } else if (edit == u"sha256") {
+            sha256 = qv::Sha256::hash(QByteArray(delta + value.toUtf8()));
+        }
+        if (edit == u"entry" || edit == u"add-entry") {
+            manifest.insert("files", files);
+            delta = DeltaPackage::header(QJsonDocument(manifest).toJson(QJsonDocument::Compact))
+                + delta.mid(12 + length);
+        }
+        const QString refused = apply(delta, sha256);
+        if (edit == u"installed") { // as it was
+            QFile f(path("old/App/" + value));
+            QVERIFY(f.open(QIODevice::ReadWrite));
+            f.resize(f.size() - 1);
+        }
+        QVERIFY2(refused.contains(error), qPrintable(refused));
+        QVERIFY(!QFileInfo::exists(path("evil")) && !QFileInfo::exists("/tmp/evil-delta"));
+    }
+
+    // add --delta-from lists (the packages of roundTrip serve as releases 1.0 and 1.1) a small
+    // delta under its package, where the client finds it, and skips one larger than half the
+    // package.
+    void listedInTheCatalogue()
+    {
+        QDir().mkpath(path("site"));
+        QVERIFY(QFile::copy(path("old.zip"), path("site/App-1.0.zip")));
+        QVERIFY(QFile::copy(path("new.zip"), path("site/App-1.1.zip")));
+        const QStringList common {"--type", "Application", "--name",
+                                  "App",    "--base-url",  "https://updates.example.com/app/"};
+        QCOMPARE(softupdate(QStringList {"add", path("site/list.xml"), path("site/App-1.0.zip"),
+                                         "--release", "1.0"}
+                            + common),
+                 0);
+        QByteArray output;
+        QCOMPARE(
+            softupdate(QStringList {"add", path("site/list.xml"), path("site/App-1.1.zip"),
+                                    "--release", "1.1", "--delta-from", path("site/App-1.0.zip")}
+                           + common,
+                       &output),
+            0);
+        QVERIFY2(output.contains("delta from 1.0: App-1.1.zip.from-1.0.delta"), output.constData());
+        QFile list(path("site/list.xml"));
+        QVERIFY(list.open(QIODevice::ReadOnly));
+        const qv::PackageInfoList packages = qv::DownloadManager::parseXML(&list);
+        QCOMPARE(packages.size(), 2);
+        QCOMPARE(packages.at(1).deltas.size(), 1);
+        const qv::PackageInfo::Delta delta = packages.at(1).deltas.first();
+        QCOMPARE(delta.fromRelease, "1.0");
+        QCOMPARE(delta.url.toString(),
+                 "https://updates.example.com/app/App-1.1.zip.from-1.0.delta");
+        const QByteArray file = suc::test::readFile(path("site/App-1.1.zip.from-1.0.delta"));
+        QCOMPARE(delta.fileSize, file.size());
+        QCOMPARE(delta.sha256, qv::Sha256::hash(file).toHex());
+
+        write(path("other/App/app"), noise(400000, 9)); // nothing in common
+        QCOMPARE(
+            QProcess::execute(
+                "bsdtar", {"-a", "-cf", path("site/Other-1.2.zip"), "-C", path("other"), "App"}),
+            0);
+        QCOMPARE(softupdate(QStringList {"add", path("site/list.xml"), path("site/Other-1.2.zip"),
+                                         "--release", "1.2", "--delta-from",
+                                         path("site/App-1.1.zip") + "=1.1"}
+                                + common,
+                            &output),
+                 0);
+        QVERIFY2(output.contains("skipped the delta from 1.1"), output.constData());
+        QVERIFY(!QFileInfo::exists(path("site/Other-1.2.zip.from-1.1.delta")));
+    }
+};
+
+QTEST_GUILESS_MAIN(DeltaTest)
+#include "tst_delta.moc"
