@@ -11,7 +11,7 @@ PACKAGES=(
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   qt6-httpserver-dev qt6-websockets-dev libgl-dev
   libarchive-dev libarchive-tools curl python3 libsodium-dev libssl-dev minisign nginx-light
-  libzstd-dev libbz2-dev bsdiff
+  libzstd-dev libbz2-dev bsdiff zstd
 )
 
 ensure_packages() {

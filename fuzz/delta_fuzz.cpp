@@ -1,5 +1,6 @@
-// Feeds arbitrary bytes to the delta manifest reader and to the BSDIFF40 apply loop. The first
-// byte chooses; besides crashes and sanitizer reports, it checks that an accepted manifest holds
+// Feeds arbitrary bytes to the delta manifest reader (as a whole delta, or as the manifest's JSON
+// text in a delta of 64 payload bytes) and to the BSDIFF40 apply loop. The first byte chooses;
+// besides crashes and sanitizer reports, it checks that an accepted manifest holds
 // only safe paths and payloads inside the delta, and that a patch never writes past its output.
 
 #include <qv/DeltaPackage.h>
@@ -69,9 +70,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 1)
         return 0;
-    if (data[0] & 1)
+    if (data[0] % 3 == 1) {
         bspatch(data + 1, size - 1);
-    else
+    } else if (data[0] % 3 == 2) {
+        const QByteArray delta = DeltaPackage::header(QByteArray(
+                                     reinterpret_cast<const char *>(data + 1), qsizetype(size - 1)))
+            + QByteArray(64, 'p');
+        manifest(reinterpret_cast<const uint8_t *>(delta.constData()), size_t(delta.size()));
+    } else {
         manifest(data + 1, size - 1);
+    }
     return 0;
 }

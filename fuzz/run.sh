@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-600}
 target=${2:-catalogue}
 need=()
-for p in clang libclang-rt-14-dev bsdiff; do
+for p in clang libclang-rt-14-dev bsdiff zstd; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then
@@ -24,9 +24,10 @@ mkdir -p "$corpus"
 if [ "$target" = catalogue ]; then
   cp tests/data/*.xml tests/data/hostile-xml/*.xml "$corpus/" 2>/dev/null || true
 else
-  # Seeds: a manifest of every operation (even first byte), a real patch (odd first byte).
+  # Seeds: a manifest of every operation as a delta (first byte 0) and as JSON (2), a real
+  # patch (1).
   python3 - "$corpus" <<'PY'
-import json, struct, sys
+import json, struct, subprocess, sys
 m = json.dumps({"from": "1.0", "to": "1.1", "delete": ["old"], "files": [
     {"path": "app", "op": "patch", "mode": "0755", "size": 4, "sha256": "0" * 64, "source": "app",
      "source-sha256": "1" * 64, "codec": "bsdiff", "offset": 0, "length": 4},
@@ -35,6 +36,8 @@ m = json.dumps({"from": "1.0", "to": "1.1", "delete": ["old"], "files": [
     {"path": "lib/b", "op": "add", "mode": "0644", "size": 4, "sha256": "3" * 64, "codec": "raw",
      "offset": 0, "length": 4},
     {"path": "lib/c", "op": "link", "mode": "0777", "target": "a"}]}).encode()
+open(sys.argv[1] + "/json", "wb").write(b"\2" + m)
+m = subprocess.run(["zstd", "-c"], input=m, capture_output=True).stdout
 open(sys.argv[1] + "/manifest", "wb").write(b"\0SUCDELTA" + struct.pack("<I", len(m)) + m + b"data")
 PY
   head -c 4096 /dev/urandom >"$build/old" && { cat "$build/old"; echo changed; } >"$build/new"

@@ -10,6 +10,7 @@
 
 #include <qv/DeltaPackage.h>
 #include <qv/FileUtils.h>
+#include <qv/VersionNumber.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -47,13 +48,13 @@ const PackageInfo::Delta *SoftwareUpdateClient::usableDelta(const PackageInfo &p
         return nullptr;
     SoftwareUpdateSettings settings;
     getCurrentSettings(&settings);
-    const QString installed = settings.versionNumber.toString();
+
     const QStringList bad = badDeltas();
     static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
     for (const PackageInfo::Delta &delta : package.deltas) {
         const QString scheme = delta.url.scheme();
         if (!delta.fromRelease.isEmpty()
-            && PackageInfo::compareVersion(delta.fromRelease, installed) == 0
+            && VersionNumber::fromText(delta.fromRelease) == settings.versionNumber
             && hex.match(delta.sha256).hasMatch() && !bad.contains(delta.sha256)
             && (scheme == u"http" || scheme == u"https") && delta.url.isValid())
             return &delta;

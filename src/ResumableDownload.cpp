@@ -437,8 +437,16 @@ void DownloadManager::endAttempts()
 void DownloadManager::pruneResumeFolder(const PackageInfoList &catalogue)
 {
     QSet<QString> wanted;
-    for (const PackageInfo &p : catalogue)
+    for (const PackageInfo &p : catalogue) {
         wanted.insert(keyOf(p));
+        // A delta is kept under its own URL and hash, as the client downloads it.
+        for (const PackageInfo::Delta &d : p.deltas) {
+            PackageInfo delta = p;
+            delta.url = d.url;
+            delta.sha256 = d.sha256;
+            wanted.insert(keyOf(delta));
+        }
+    }
     QDir folder(resumeFolder());
     const QFileInfoList records
         = folder.entryInfoList({QStringLiteral("*.json")}, QDir::Files, QDir::Time);

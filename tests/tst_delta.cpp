@@ -172,7 +172,7 @@ private Q_SLOTS:
         QByteArray delta = m_delta;
         QByteArray sha256;
         const int length = qFromLittleEndian<quint32>(delta.constData() + 8);
-        QJsonObject manifest = QJsonDocument::fromJson(delta.mid(12, length)).object();
+        QJsonObject manifest = QJsonDocument::fromJson(DeltaPackage::manifestText(delta)).object();
         QJsonArray files = manifest.value("files").toArray();
         const QJsonObject change = QJsonDocument::fromJson(value.toUtf8()).object();
         if (edit == u"entry" || edit == u"payload") {

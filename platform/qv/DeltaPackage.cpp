@@ -493,15 +493,11 @@ bool DeltaPackage::readManifest(const uchar *data, qint64 size, Manifest *manife
         return false;
     }
     const qint64 length = qFromLittleEndian<quint32>(data + 8);
-    if (length > kMaxManifest || kHeaderSize + length > size) {
-        *error = QStringLiteral("the manifest is larger than the delta allows");
+    const QByteArray text = manifestText(data, size, error);
+    if (text.isEmpty())
         return false;
-    }
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(
-        QByteArray::fromRawData(reinterpret_cast<const char *>(data) + kHeaderSize,
-                                qsizetype(length)),
-        &parseError);
+    const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
     const QJsonObject root = document.object();
     if (parseError.error != QJsonParseError::NoError || !root.value(kFiles).isArray()) {
         *error = QStringLiteral("the manifest is not readable");
@@ -579,11 +575,49 @@ QByteArray DeltaPackage::manifestJson(const Manifest &manifest)
 
 QByteArray DeltaPackage::header(const QByteArray &manifestJson)
 {
+    QByteArray packed(qsizetype(ZSTD_compressBound(size_t(manifestJson.size()))),
+                      Qt::Uninitialized);
+    const size_t written = ZSTD_compress(packed.data(), size_t(packed.size()),
+                                         manifestJson.constData(), size_t(manifestJson.size()), 19);
+    packed.truncate(ZSTD_isError(written) ? 0 : qsizetype(written));
     QByteArray out(kMagic, 8);
     uchar length[4];
-    qToLittleEndian<quint32>(quint32(manifestJson.size()), length);
+    qToLittleEndian<quint32>(quint32(packed.size()), length);
     out.append(reinterpret_cast<const char *>(length), 4);
-    return out + manifestJson;
+    return out + packed;
+}
+
+QByteArray DeltaPackage::manifestText(const uchar *data, qint64 size, QString *error)
+{
+    const qint64 length = size < kHeaderSize ? 0 : qFromLittleEndian<quint32>(data + 8);
+    const unsigned long long declared
+        = kHeaderSize + length > size ? 0 : ZSTD_getFrameContentSize(data + kHeaderSize, length);
+    if (size < kHeaderSize || std::memcmp(data, kMagic, 8) != 0) {
+        *error = QStringLiteral("not a delta package");
+        return QByteArray();
+    }
+    if (kHeaderSize + length > size || declared == 0 || declared > kMaxManifest) {
+        *error = QStringLiteral("the manifest is larger than the delta allows");
+        return QByteArray();
+    }
+    QByteArray text(qsizetype(declared), Qt::Uninitialized);
+    const ZSTD_customMem memory {zstdAlloc, zstdFree, nullptr};
+    ZSTD_DCtx *context = ZSTD_createDCtx_advanced(memory);
+    const size_t got = context ? ZSTD_decompressDCtx(context, text.data(), size_t(text.size()),
+                                                     data + kHeaderSize, size_t(length))
+                               : 0;
+    ZSTD_freeDCtx(context);
+    if (!context || ZSTD_isError(got) || got != size_t(declared)) {
+        *error = QStringLiteral("the manifest is not readable");
+        return QByteArray();
+    }
+    return text;
+}
+
+QByteArray DeltaPackage::manifestText(const QByteArray &delta)
+{
+    QString error;
+    return manifestText(reinterpret_cast<const uchar *>(delta.constData()), delta.size(), &error);
 }
 
 bool DeltaPackage::decode(Codec codec, const uchar *source, qint64 sourceSize, const uchar *payload,

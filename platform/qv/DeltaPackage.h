@@ -13,11 +13,11 @@ namespace qv {
 
 /// A delta package: the files of a new application version described against an installed one.
 /// One file: the 8-byte magic "SUCDELTA", the manifest's length (4 bytes, little-endian), the
-/// manifest (JSON), then the payloads the manifest points into. Every file of the new version
-/// has its path, mode, size, SHA-256 and one operation: copied from a file of the installed
-/// version (matched by hash), patched from one (zstd with the source as prefix, or BSDIFF40),
-/// added from its payload, a link, or a folder. The manifest also names the installed files the
-/// new version no longer has.
+/// manifest (JSON in one zstd frame), then the payloads the manifest points into. Every file of the
+/// new version has its path, mode, size, SHA-256 and one operation: copied from a file of the
+/// installed version (matched by hash), patched from one (zstd with the source as prefix, or
+/// BSDIFF40), added from its payload, a link, or a folder. The manifest also names the installed
+/// files the new version no longer has.
 class QV_PLATFORM_EXPORT DeltaPackage {
 public:
     enum class Operation { Copy, Patch, Add, Link, Folder };
@@ -46,7 +46,7 @@ public:
 
     static constexpr char kMagic[9] = "SUCDELTA";
     static constexpr int kHeaderSize = 12;
-    /// The largest manifest read: about 40,000 files.
+    /// The largest manifest read (decompressed): about 25,000 files.
     static constexpr qint64 kMaxManifest = 8 << 20;
     /// The largest file a delta builds (and the zstd window it may use).
     static constexpr qint64 kMaxFileSize = qint64(1) << 30;
@@ -59,6 +59,9 @@ public:
     static QByteArray manifestJson(const Manifest &manifest);
     /// The first bytes of a delta file holding `manifest`; the payloads follow.
     static QByteArray header(const QByteArray &manifestJson);
+    /// The manifest's JSON text; empty (with `error` set) when there is none to read.
+    static QByteArray manifestText(const uchar *data, qint64 size, QString *error);
+    static QByteArray manifestText(const QByteArray &delta);
 
     /// Builds the new version into the empty folder `staging` from the installed folder
     /// `installed` and the delta file `deltaFile`. Its SHA-256 must be `sha256` (32 bytes; empty:

@@ -32,7 +32,8 @@ publish() {
 # install_old <name>: 1.0 in a home of its own.
 install_old() {
   mkdir -p "$work/$1/apps" && chmod 700 "$work/$1" &&
-    (cd "$work/$1/apps" && cmake -E tar xf "$packages/PackageHost-1.0.zip" && mv PackageHost-1.0 PackageHost)
+    (cd "$work/$1/apps" && cmake -E tar xf "${old_package:-$packages/PackageHost-1.0.zip}" &&
+      mv PackageHost-1.0 PackageHost)
 }
 
 # scenario <name> <host arguments...>: runs 1.0 (installed now unless it was beforehand).
@@ -89,14 +90,30 @@ scenario late-confirmation-too-late 1
 expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
 
 # Delta updates: 1.0 -> 2.0 from the delta alone, or from the full package when the delta cannot
-# be used (a changed installed file, a delta that is not the published one), never both twice.
-publish "$packages/PackageHost-2.0.zip" --delta-from "$packages/PackageHost-1.0.zip=1.0"
+# be used (a changed installed file, a broken or unpublished delta), never both twice. The pair
+# has changed, added, removed, renamed and unchanged files, a link and changed modes.
+head -c 300000 /dev/urandom >"$work/library"
+enrich() { # enrich <version> <shell command run inside its folder>: $work/PackageHost-<version>.zip
+  rm -rf "$work/rich-$1" && mkdir -p "$work/rich-$1" &&
+    (cd "$work/rich-$1" && cmake -E tar xf "$packages/PackageHost-$1.zip" && cd "PackageHost-$1" &&
+      mkdir lib data && echo same >data/same.txt && eval "$2" && cd .. &&
+      cmake -E tar cf "$work/PackageHost-$1.zip" --format=zip "PackageHost-$1")
+}
+enrich 1.0 'cp "$work/library" lib/libfoo.so.1 && ln -s libfoo.so.1 lib/libfoo.so &&
+  echo gone >data/removed.txt && echo "#!/bin/sh" >tool.sh && chmod 700 tool.sh'
+enrich 2.0 'cp "$work/library" lib/libfoo.so.2 && ln -s libfoo.so.2 lib/libfoo.so &&
+  seq 10000 >data/added.txt && chmod 600 data/added.txt && echo "#!/bin/sh" >tool.sh && chmod 755 tool.sh'
+old_package=$work/PackageHost-1.0.zip
+publish "$work/PackageHost-2.0.zip" --delta-from "$old_package=1.0"
 delta=$(stat -c %s "$work/site/PackageHost-2.0.zip.from-1.0.delta")
-full=$(stat -c %s "$packages/PackageHost-2.0.zip")
+full=$(stat -c %s "$work/PackageHost-2.0.zip")
 scenario delta delta
 expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
   "boxes shown: 0"
-[ "$(release)" = "2.0" ] || { echo "FAIL delta: $(release)"; failures=$((failures + 1)); }
+for _ in $(seq 100); do [ "$(release)" = "2.0" ] && break; sleep 0.1; done
+diff -r --no-dereference "$app" "$work/rich-2.0/PackageHost-2.0" >/dev/null &&
+  [ "$(stat -c %a "$app/data/added.txt" "$app/tool.sh" | tr '\n' ' ')" = "600 755 " ] ||
+  { echo "FAIL delta: the installed folder is not 2.0"; failures=$((failures + 1)); }
 # badly <name> <why the log gives>: the delta is not used, the full package is.
 badly() {
   scenario "$1" delta
@@ -104,11 +121,29 @@ badly() {
     "readyToRestart: 2.0 (downloaded $full bytes)" "running 2.0" "boxes shown: 0"
   grep -rqs "badDeltas=" "$home/.config" || { echo "FAIL $1: not remembered"; failures=$((failures + 1)); }
 }
-# The installed updater differs from the one the delta was made from.
-install_old delta-changed-source && printf 'x' >>"$work/delta-changed-source/apps/PackageHost/UpdateInstaller"
-badly delta-changed-source "the installed file UpdateInstaller is not the one the delta was made from"
-printf 'x' >>"$work/site/PackageHost-2.0.zip.from-1.0.delta"
+# The installed library differs from the one the delta was made from.
+install_old delta-changed-source && printf 'x' >>"$work/delta-changed-source/apps/PackageHost/lib/libfoo.so.1"
+badly delta-changed-source "the installed file lib/libfoo.so.1 is not the one the delta was made from"
+# Published as it is, but broken: a payload does not decode (the catalogue lists its hash).
+site_delta=$work/site/PackageHost-2.0.zip.from-1.0.delta
+before=$(sha256sum "$site_delta" | cut -c1-64)
+python3 - "$site_delta" <<'PY'
+import json, struct, subprocess, sys
+data = bytearray(open(sys.argv[1], "rb").read())
+length = struct.unpack("<I", data[8:12])[0]
+manifest = subprocess.run(["zstd", "-dc"], input=bytes(data[12:12 + length]), capture_output=True)
+entry = [e for e in json.loads(manifest.stdout)["files"] if e["op"] == "add"][0]
+at = 12 + length + entry["offset"]
+for i in range(at + 14, at + entry["length"]): # the blocks, after the frame header
+    data[i] ^= 0x55
+open(sys.argv[1], "wb").write(data)
+PY
+sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$work/site/list.xml"
+softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
+badly delta-broken "data/added.txt: zstd: "
+printf 'x' >>"$site_delta"
 badly delta-not-published "the download is not the delta the catalogue published"
+unset old_package
 
 # Refused packages: the signal says why, no box is shown, nothing changes.
 publish "$packages/PackageHost-2.0.zip"

@@ -11,7 +11,7 @@ public:
     struct Options {
         Codecs codecs = Codecs::Best;
         int level = 19; ///< zstd's level for patches and added files
-        qint64 bsdiffLimit = qint64(64) << 20; ///< larger files get zstd patches only
+        qint64 bsdiffLimit = qint64(256) << 20; ///< larger files get zstd patches only
         QString fromRelease;
         QString toRelease;
     };

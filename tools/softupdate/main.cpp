@@ -24,6 +24,7 @@
 #include <qv/Minisign.h>
 #include <qv/Sha256.h>
 #include <qv/StringUtils.h>
+#include <qv/VersionNumber.h>
 #include <qv/XmlUtils.h>
 
 #include <QBuffer>
@@ -907,6 +908,24 @@ int lint(const QStringList &args)
                       .match(info.sha256)
                       .hasMatch())
             say(line, true, what + QStringLiteral(": sha256 is not 64 hex digits"));
+        // Deltas a client would skip: it then downloads the full package.
+        for (const qv::PackageInfo::Delta &delta : std::as_const(info.deltas)) {
+            const QString from
+                = what + QStringLiteral(": the delta from \"%1\"").arg(delta.fromRelease);
+            if (!QRegularExpression(QStringLiteral("^[0-9a-f]{64}$"))
+                     .match(delta.sha256)
+                     .hasMatch())
+                say(line, false,
+                    from + QStringLiteral(" has no valid sha256: clients never use it"));
+            if (delta.fromRelease.isEmpty()
+                || qv::VersionNumber::fromText(delta.fromRelease)
+                    >= qv::VersionNumber::fromText(info.release))
+                say(line, false,
+                    from + QStringLiteral(" is not from an older release: clients never use it"));
+            if (delta.url.scheme() != u"http" && delta.url.scheme() != u"https")
+                say(line, false,
+                    from + QStringLiteral(" has no http or https URL: clients never use it"));
+        }
         const QString sizeText = qv::DownloadManager::findString(e, qv::DownloadManager::FILE_SIZE);
         if (info.fileSize <= 0)
             say(line, true,
