@@ -140,7 +140,7 @@ open(sys.argv[1], "wb").write(data)
 PY
 sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$work/site/list.xml"
 softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
-badly delta-broken "data/added.txt: zstd: "
+badly delta-broken "data/added.txt: zstd: Data corruption detected"
 printf 'x' >>"$site_delta"
 badly delta-not-published "the download is not the delta the catalogue published"
 unset old_package
