@@ -333,22 +333,7 @@ private Q_SLOTS:
         QCOMPARE(list.at(1).fileSize, 2);
     }
 
-    void bestMatches_data()
-    {
-        QTest::addColumn<QString>("release");
-        QTest::addColumn<QString>("status");
-        QTest::addColumn<QStringList>("excludedLanguages");
-        QTest::addColumn<QStringList>("expected"); // type/platform -> file name
-        QTest::newRow("text order: 2.9 rejects 2.10 and 2.11, keeps 2.9.1")
-            << "2.9"
-            << "STABLE" << QStringList {}
-            << QStringList {"Viewer-linux.tar.gz", "M1004-fr.bin", "P3301-de_en.bin",
-                            "Q6034-ja.bin"};
-        QTest::newRow("languages exclude")
-            << ""
-            << "" << QStringList {"fr"}
-            << QStringList {"M1004-de_en.bin", "P3301-de_en.bin", "Q6034-ja.bin"};
-    }
+    void bestMatches_data() { suc::test::addRows("catalogue-best-matches"); }
     void bestMatches()
     {
         QFETCH(QString, release);

@@ -331,15 +331,7 @@ private Q_SLOTS:
         QCOMPARE(dialogs, 1);
     }
 
-    void initialCheck_data()
-    {
-        QTest::addColumn<int>("interval");
-        QTest::addColumn<bool>("checking");
-        QTest::addColumn<int>("requests");
-        QTest::newRow("at start") << 0 << true << 1;
-        QTest::newRow("daily waits for the timer") << 1 << true << 0;
-        QTest::newRow("checking off") << 0 << false << 0;
-    }
+    void initialCheck_data() { suc::test::addRows("client-initial-check"); }
     void initialCheck()
     {
         QFETCH(int, interval);
@@ -426,23 +418,8 @@ private Q_SLOTS:
         QCOMPARE(browser.opened.last(), QUrl("http://dl.example.test/notes/m1004-5.3-en.html"));
     }
 
-    void foreignLanguageRows_data()
-    {
-        QTest::addColumn<QString>("locale");
-        QTest::addColumn<QStringList>(
-            "languages"); // one firmware row each; "app" is an application row
-        QTest::addColumn<QList<int>>("hidden");
-        QTest::newRow("en: de+en shown, others hidden")
-            << "en" << QStringList {"app", "de en", "en", "fr"} << QList<int> {2, 3};
-        QTest::newRow("en: no de+en row hides nothing")
-            << "en" << QStringList {"en", "fr"} << QList<int> {};
-        QTest::newRow("fr: own language shown")
-            << "fr" << QStringList {"de en", "fr"} << QList<int> {0};
-        QTest::newRow("fr: no French row hides nothing")
-            << "fr" << QStringList {"de", "en"} << QList<int> {};
-        QTest::newRow("de: German rows shown")
-            << "de" << QStringList {"de en", "fr", "app", "de"} << QList<int> {1};
-    }
+    // "languages": one firmware row each; "app" is an application row.
+    void foreignLanguageRows_data() { suc::test::addRows("client-foreign-language-rows"); }
     void foreignLanguageRows()
     {
         QFETCH(QString, locale);

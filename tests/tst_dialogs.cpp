@@ -1,5 +1,6 @@
 #include <SoftwareUpdateAvailableDialog.h>
 #include <SoftwareUpdateDialog.h>
+#include <TestSupport.h>
 #include <qv/LogQt.h>
 #include <qv/QtHelpers.h>
 
@@ -163,13 +164,7 @@ private Q_SLOTS:
 
     void closingEmitsApplyOnlyForOk_data()
     {
-        QTest::addColumn<QString>("how");
-        QTest::addColumn<int>("applied");
-        QTest::addColumn<int>("result");
-        QTest::newRow("Ok") << "ok" << 1 << int(QDialog::Accepted);
-        QTest::newRow("Cancel") << "cancel" << 0 << int(QDialog::Rejected);
-        QTest::newRow("window close") << "close" << 0 << int(QDialog::Rejected);
-        QTest::newRow("Escape") << "escape" << 0 << int(QDialog::Rejected);
+        suc::test::addRows("dialogs-closing-emits-apply-only-for-ok");
     }
     void closingEmitsApplyOnlyForOk()
     {

@@ -461,32 +461,11 @@ private Q_SLOTS:
     // whatever an earlier run left beside the application, the updater always leaves one
     // complete application, touches nothing outside the named folders, and a second run with
     // the same arguments finishes the job.
+    // The step killed after (empty: not interrupted), across file systems or not, and what was
+    // left behind beforehand.
     void oneCompleteApplicationAlwaysRemains_data()
     {
-        QTest::addColumn<QByteArray>("step"); // empty: not interrupted
-        QTest::addColumn<bool>("acrossFileSystems");
-        QTest::addColumn<QString>("stale");
-        for (const char *stale :
-             {"clean", "no exchange", "health check", "stale backup",
-              "stale journal of other arguments", "backup linked outside", "concurrent run"}) {
-            for (bool across : {false, true}) {
-                for (const char *step : {"", "journal", "copy", "stage", "exchange", "backup",
-                                         "move", "start", "confirm", "discard", "cleanup"}) {
-                    if (QByteArray(step) == "confirm" && QByteArray(stale) != "health check")
-                        continue;
-                    if (QByteArray(step) == "copy" && !across)
-                        continue;
-                    QTest::newRow(
-                        qPrintable(QStringLiteral("%1, %2, %3")
-                                       .arg(stale,
-                                            across ? QStringLiteral("across file systems")
-                                                   : QStringLiteral("same file system"),
-                                            *step ? QStringLiteral("killed after %1").arg(step)
-                                                  : QStringLiteral("run through"))))
-                        << QByteArray(step) << across << QString(stale);
-                }
-            }
-        }
+        suc::test::addRows("updateinstaller-one-complete-application-always-remains");
     }
     void oneCompleteApplicationAlwaysRemains()
     {
