@@ -96,13 +96,7 @@ private Q_SLOTS:
 
     void storedServerWinsOverConstructor_data()
     {
-        QTest::addColumn<QByteArray>("ini");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("stored url")
-            << QByteArray("serverURL=http://mine.test/x.xml") << "http://mine.test/x.xml";
-        QTest::newRow("stored empty value") << QByteArray("serverURL=") << "";
-        QTest::newRow("never written")
-            << QByteArray("product=Viewer") << "http://ctor.test/list.xml";
+        suc::test::addRows("clientsettings-stored-server");
     }
     void storedServerWinsOverConstructor()
     {
@@ -248,27 +242,9 @@ private Q_SLOTS:
         QCOMPARE(store().value("versionNumber").toString(), QString("3.0"));
     }
 
-    void storeNameFallbacks_data()
-    {
-        QTest::addColumn<QString>("organization");
-        QTest::addColumn<QString>("application");
-        QTest::addColumn<QString>("expectedOrganization");
-        QTest::addColumn<QString>("expectedApplication");
-        // An application name set to empty reads back as the program's file name (Qt's own
-        // default), so only the organization falls back here.
-        QTest::newRow("organization unset") << ""
-                                            << "Cams"
-                                            << "Quorvel"
-                                            << "Cams";
-        QTest::newRow("both set") << "Acme"
-                                  << "Cams"
-                                  << "Acme"
-                                  << "Cams";
-        QTest::newRow("application unset") << "Acme"
-                                           << ""
-                                           << "Acme"
-                                           << "tst_clientsettings";
-    }
+    // An application name set to empty reads back as the program's file name (Qt's own
+    // default), so only the organization falls back here.
+    void storeNameFallbacks_data() { suc::test::addRows("clientsettings-store-name-fallbacks"); }
     void storeNameFallbacks()
     {
         QFETCH(QString, organization);

@@ -152,18 +152,7 @@ private Q_SLOTS:
         QCOMPARE(found.first().first().value<PackageInfoList>().size(), 15);
     }
 
-    void badAnswersGiveNoPackages_data()
-    {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<bool>("parserComplains");
-        QTest::newRow("empty body") << 200 << QByteArray() << true;
-        QTest::newRow("junk") << 200 << QByteArray("\x01\x02garbage<<<") << true;
-        QTest::newRow("404 page") << 404 << QByteArray("<html><body>Not here<br></body></html>")
-                                  << true;
-        QTest::newRow("500 page") << 500 << QByteArray("<h1>Oops</h1>") << false;
-        QTest::newRow("empty catalogue") << 200 << QByteArray("<softwareList/>") << false;
-    }
+    void badAnswersGiveNoPackages_data() { suc::test::addRows("downloadmanager-bad-answers"); }
     void badAnswersGiveNoPackages()
     {
         QFETCH(int, status);
@@ -423,14 +412,7 @@ private Q_SLOTS:
     // A copy that no live answer could be, or that cannot be read without blocking, is ignored.
     void unreadableCacheFilesAreIgnored_data()
     {
-        QTest::addColumn<QString>("kind");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("FIFO") << "fifo"
-                              << "not a regular file";
-        QTest::newRow("600 MB file") << "large"
-                                     << "larger than 33554432 bytes";
-        QTest::newRow("folder") << "folder"
-                                << "not a regular file";
+        suc::test::addRows("downloadmanager-unreadable-cache-files");
     }
     void unreadableCacheFilesAreIgnored()
     {
@@ -646,14 +628,7 @@ private Q_SLOTS:
         QCOMPARE(idleAborted.count(), 1);
     }
 
-    void releaseNotes_data()
-    {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("found") << 200 << "<h1>Viewer 2.10</h1><p>Ünïcode notes</p>";
-        QTest::newRow("missing") << 404 << "";
-        QTest::newRow("over 32 MiB: dropped") << 200 << "@huge";
-    }
+    void releaseNotes_data() { suc::test::addRows("downloadmanager-release-notes"); }
     void releaseNotes()
     {
         QFETCH(int, status);

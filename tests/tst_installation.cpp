@@ -229,10 +229,7 @@ private Q_SLOTS:
 
     void runInstallerStartsOnlyZip_data()
     {
-        QTest::addColumn<QString>("file");
-        QTest::newRow("upper-case ZIP") << "/tmp/package.ZIP";
-        QTest::newRow("exe") << "/tmp/setup.exe";
-        QTest::newRow("tar.gz") << "/tmp/p.tar.gz";
+        suc::test::addRows("installation-run-installer-starts-only-zip");
     }
     void runInstallerStartsOnlyZip()
     {
@@ -250,12 +247,7 @@ private Q_SLOTS:
     // the argument vector they receive.
     void startUpdatePassesItsArguments_data()
     {
-        QTest::addColumn<QString>("oldDir");
-        QTest::addColumn<QString>("exe");
-        QTest::newRow("plain") << "/opt/viewer"
-                               << "Viewer";
-        QTest::newRow("non-ASCII and spaces") << "/opt/Kamera Prüfung/ä"
-                                              << "Ansicht ü";
+        suc::test::addRows("installation-start-update-arguments");
     }
     void startUpdatePassesItsArguments()
     {
@@ -312,10 +304,7 @@ private Q_SLOTS:
 
     void zipInstallerReportsAndRethrowsArchiveErrors_data()
     {
-        QTest::addColumn<QString>("archive");
-        QTest::newRow("dot-dot entry") << "dotdot.zip";
-        QTest::newRow("truncated") << "truncated.zip";
-        QTest::newRow("not an archive") << "missing.zip";
+        suc::test::addRows("installation-zip-installer-archive-errors");
     }
     void zipInstallerReportsAndRethrowsArchiveErrors()
     {

@@ -93,18 +93,8 @@ private Q_SLOTS:
         QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback, dateValid);
     }
 
-    void logThreshold_data()
-    {
-        QTest::addColumn<int>("threshold");
-        QTest::addColumn<QStringList>("lines");
-        const QString d = QString::number(QtDebugMsg) + ":A::f() -> one";
-        const QString w = QString::number(QtWarningMsg) + ":A::f() -> two";
-        const QString c = QString::number(QtCriticalMsg) + ":A::f() -> three";
-        QTest::newRow("everything") << 1 << QStringList {d, w, c};
-        QTest::newRow("warnings and errors") << 2 << QStringList {w, c};
-        QTest::newRow("errors only") << 3 << QStringList {c};
-        QTest::newRow("silent") << 4 << QStringList {};
-    }
+    // Lines are "<QtMsgType>:<text>" (debug 0, warning 1, critical 2).
+    void logThreshold_data() { suc::test::addRows("platform-log-threshold"); }
     void logThreshold()
     {
         QFETCH(int, threshold);

@@ -1,5 +1,6 @@
 #include <SoftwareUpdateClient.h>
 #include <SoftwareUpdateDialog.h>
+#include <TestSupport.h>
 
 #include <QCoreApplication>
 #include <QFile>
@@ -31,16 +32,10 @@ private Q_SLOTS:
 
     // Every German and French locale finds its language, by QTranslator::load(QLocale, ...) or
     // the client's installTranslator(); English needs none and finds none.
+    // "checkNow" empty: no translation.
     void foundForEveryLocaleOfTheLanguage_data()
     {
-        QTest::addColumn<QString>("locale");
-        QTest::addColumn<QString>("checkNow"); // empty: no translation
-        for (const char *de : {"de_DE", "de_AT", "de_CH"})
-            QTest::newRow(de) << de << "Jetzt suchen";
-        for (const char *fr : {"fr_FR", "fr_CA", "fr_BE"})
-            QTest::newRow(fr) << fr << "Rechercher maintenant";
-        QTest::newRow("en_US") << "en_US"
-                               << "";
+        suc::test::addRows("translations-every-locale");
     }
     void foundForEveryLocaleOfTheLanguage()
     {

@@ -406,14 +406,8 @@ private Q_SLOTS:
     }
 
     // A download is checked against the published hash while it streams.
-    void downloads_data()
-    {
-        QTest::addColumn<bool>("tampered");
-        QTest::addColumn<bool>("ownPort"); // the package URL names a port other than 80
-        QTest::newRow("the published package") << false << false;
-        QTest::newRow("one byte changed in the package") << true << false;
-        QTest::newRow("from the port the package URL names") << false << true;
-    }
+    // "ownPort": the package URL names a port other than 80.
+    void downloads_data() { suc::test::addRows("trust-downloads"); }
     void downloads()
     {
         QFETCH(bool, tampered);
@@ -522,12 +516,7 @@ private Q_SLOTS:
     // Install pressed again while the first download runs: in CompleteInstall the second press
     // is refused and the button disabled; in every mode only the file of the download that
     // succeeded is used, never one another request wrote meanwhile.
-    void secondInstallPress_data()
-    {
-        QTest::addColumn<bool>("complete");
-        QTest::newRow("complete install: refused, one download") << true;
-        QTest::newRow("designed install: the first download's own file is used") << false;
-    }
+    void secondInstallPress_data() { suc::test::addRows("trust-second-install-press"); }
     void secondInstallPress()
     {
         QFETCH(bool, complete);
