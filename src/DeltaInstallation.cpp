@@ -14,6 +14,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QLocale>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
@@ -25,6 +26,7 @@ namespace qv {
 using client::errorLine;
 using client::kApplicationKind;
 using client::progressLine;
+using client::Text;
 
 namespace {
 
@@ -60,6 +62,15 @@ const PackageInfo::Delta *SoftwareUpdateClient::usableDelta(const PackageInfo &p
             return &delta;
     }
     return nullptr;
+}
+
+// What the progress dialog says while a delta downloads: its size beside the package's.
+QString SoftwareUpdateClient::deltaLabel() const
+{
+    const QLocale locale;
+    return Text::tr("Downloading the update: %1 instead of the whole package (%2)...")
+        .arg(locale.formattedDataSize(m_delta.fileSize, 1),
+             locale.formattedDataSize(m_installPackage.fileSize, 1));
 }
 
 // The delta is downloaded and its SHA-256 was checked as it arrived; the new version is built

@@ -241,8 +241,9 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
         connect(manager, &DownloadManager::downloadStarted, this, [this, complete] {
             if (m_progressDialog)
                 m_progressDialog->setLabelText(
-                    complete ? Text::tr("Downloading and verifying the package...")
-                             : Text::tr("Downloading package to temporary folder..."));
+                    m_deltaRunning ? deltaLabel()
+                        : complete ? Text::tr("Downloading and verifying the package...")
+                                   : Text::tr("Downloading package to temporary folder..."));
         });
     }
     // A delta from the installed release, where the host allows it, in place of the package.
@@ -261,6 +262,8 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
                                     "%1: %2 (%3 bytes)")
                          .arg(delta->fromRelease, delta->url.toString())
                          .arg(delta->fileSize));
+        if (m_progressDialog)
+            m_progressDialog->setLabelText(deltaLabel());
         manager->startDownload(download, m_downloadedFilePath);
         return;
     }

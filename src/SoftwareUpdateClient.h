@@ -285,6 +285,7 @@ private:
     void completePackageUnpacked(const QString &folder);
     const qv::PackageInfo::Delta *usableDelta(const qv::PackageInfo &package) const;
     void applyDelta();
+    QString deltaLabel() const;
     void deltaFailed(const QString &reason);
     void confirmHealthAndNoticeRollBack();
     void removeUpdateLeftovers();

@@ -458,15 +458,19 @@ private Q_SLOTS:
         QTest::addColumn<bool>("withProgram");
         QTest::addColumn<bool>("keys");
         QTest::addColumn<QString>("lastBox");
+        QTest::addColumn<bool>("delta"); // a delta from 2.9.1 is listed that is none
         const QString ready = "Restart required | The new version is unpacked and verified.";
-        QTest::newRow("zip") << "viewer-3.0.zip" << true << true << ready;
-        QTest::newRow("tar.gz") << "viewer-3.0.tar.gz" << true << true << ready;
+        QTest::newRow("zip") << "viewer-3.0.zip" << true << true << ready << false;
+        QTest::newRow("tar.gz") << "viewer-3.0.tar.gz" << true << true << ready << false;
         QTest::newRow("zip without the program")
             << "viewer-3.0.zip" << false << true
-            << "Installation failed | The package does not contain the program " + programName();
+            << "Installation failed | The package does not contain the program " + programName()
+            << false;
         QTest::newRow("zip without trusted keys: as designed")
             << "viewer-3.0.zip" << true << false
-            << "Restart required | Please restart your application to finish";
+            << "Restart required | Please restart your application to finish" << false;
+        QTest::newRow("a broken delta: the full package, no other box")
+            << "viewer-3.0.zip" << true << true << ready << true;
     }
     void completeInstall()
     {
@@ -474,19 +478,31 @@ private Q_SLOTS:
         QFETCH(bool, withProgram);
         QFETCH(bool, keys);
         QFETCH(QString, lastBox);
+        QFETCH(bool, delta);
         const QByteArray body = packApplication(archive, withProgram ? programName() : "other");
         QVERIFY(!body.isEmpty());
         m_files["/dl/" + archive.toUtf8()] = body;
+        m_files["/dl/viewer.delta"] = "SUCDELTA but nothing else";
         m_packageAnswer = [this](const TestHttpServer::Request &r) {
             return Response::ok(m_files.value(r.target));
         };
-        publish(catalogue(7, future(), false, archive.toUtf8(), body), m_signer.data());
+        const QByteArray deltaHash
+            = QCryptographicHash::hash(m_files["/dl/viewer.delta"], QCryptographicHash::Sha256)
+                  .toHex();
+        QByteArray xml = catalogue(7, future(), false, archive.toUtf8(), body);
+        if (delta)
+            xml.replace("'/></package-set>",
+                        QByteArray("'><delta from-release='2.9.1' url='viewer.delta' "
+                                   "file-size='25' sha256='"
+                                   + deltaHash + "'/></package></package-set>"));
+        publish(xml, m_signer.data());
         SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
         const auto restore = qScopeGuard(
             [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
         restartClient();
         if (!keys)
             m_client->setTrustedKeys({});
+        m_client->setDeltaUpdates(delta);
         LogWatcher log;
         QSignalSpy ready(m_client.data(), &SoftwareUpdateClient::readyToRestart);
         QSignalSpy failed(m_client.data(), &SoftwareUpdateClient::installFailed);
@@ -505,6 +521,11 @@ private Q_SLOTS:
         if (!keys) {
             QVERIFY(log.saw("a complete install needs trusted keys"));
             return;
+        }
+        if (delta) { // set aside for good, with one line
+            QVERIFY(log.saw("is not used: the manifest is larger than the delta allows; "
+                            "downloading the full package"));
+            QCOMPARE(m_client->badDeltas(), QStringList {deltaHash});
         }
         // Only the unpacked new version is left: the archive's folder is gone, and a package
         // without the program leaves nothing.

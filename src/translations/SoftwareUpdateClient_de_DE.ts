@@ -249,6 +249,10 @@
         <source>Retrying in %1 s</source>
         <translation>Neuer Versuch in %1 s</translation>
     </message>
+    <message>
+        <source>Downloading the update: %1 instead of the whole package (%2)...</source>
+        <translation>Das Update wird geladen: %1 statt des ganzen Pakets (%2)...</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>

@@ -249,6 +249,10 @@
         <source>Retrying in %1 s</source>
         <translation>Nouvel essai dans %1&#xa0;s</translation>
     </message>
+    <message>
+        <source>Downloading the update: %1 instead of the whole package (%2)...</source>
+        <translation>Téléchargement de la mise à jour&#xa0;: %1 au lieu du paquet entier (%2)...</translation>
+    </message>
 </context>
 <context>
     <name>SoftwareUpdateDialogGui</name>
