@@ -86,6 +86,7 @@ void SoftwareUpdateClient::applyDelta()
     }
     const QString staging = beside.path();
     m_unpackTarget = staging;
+    m_deltaStaging = staging;
     const QString deltaFile = m_downloadedFilePath;
     const QByteArray sha256 = QByteArray::fromHex(m_delta.sha256.toLatin1());
     auto error = std::make_shared<QString>();
@@ -104,6 +105,7 @@ void SoftwareUpdateClient::applyDelta()
             return;
         }
         m_deltaRunning = false;
+        m_deltaStaging.clear();
         progressLine(QStringLiteral("SoftwareUpdateClient::applyDelta() -> %1 built from the "
                                     "delta from %2")
                          .arg(m_installPackage.release, m_delta.fromRelease));
@@ -135,9 +137,10 @@ void SoftwareUpdateClient::deltaFailed(const QString &reason)
             bad << m_delta.sha256;
         store->setValue(kBadDeltas, bad.join(QLatin1Char(',')));
     }
-    if (!m_unpackTarget.isEmpty())
-        FileUtils::erase(m_unpackTarget);
-    m_unpackTarget.clear();
+    // Only what this delta built: a pending update elsewhere stays.
+    if (!m_deltaStaging.isEmpty())
+        FileUtils::erase(m_deltaStaging);
+    m_deltaStaging.clear();
     if (FileUtils::erase(m_downloadFolder))
         m_downloadFolder.clear();
     deleteProgressDialog();

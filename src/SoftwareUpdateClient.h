@@ -338,6 +338,7 @@ private:
     bool m_deltaUpdates = false;
     qv::PackageInfo::Delta m_delta; ///< the delta being downloaded or applied
     bool m_deltaRunning = false;
+    QString m_deltaStaging; ///< the folder the running delta builds into
     QSet<QString> m_deltasTried; ///< releases whose delta this session tried (one attempt each)
     QThread *m_deltaThread = nullptr; ///< builds the new version from the delta
     std::atomic_bool m_deltaCancel {false};

@@ -768,10 +768,11 @@ private Q_SLOTS:
         // The updater, waiting for the host to end, installs now.
         const auto read = suc::test::readFile;
         QTRY_VERIFY_WITH_TIMEOUT(read(app + "/exec_helper").contains("installed-on-quit"), 20000);
-        const QByteArray account = read(parent.filePath("UpdateInstaller.log"));
-        QVERIFY2(account.contains("waiting for process")
-                     && account.contains("installed when it quit"),
-                 account.constData());
+        // The swap comes first, the updater's last line after it.
+        QTRY_VERIFY2_WITH_TIMEOUT(
+            read(parent.filePath("UpdateInstaller.log")).contains("installed when it quit"),
+            read(parent.filePath("UpdateInstaller.log")).constData(), 20000);
+        QVERIFY(read(parent.filePath("UpdateInstaller.log")).contains("waiting for process"));
     }
 
     // When the session that accepted the update for later did not quit normally, the next start
