@@ -122,8 +122,9 @@ QString withExitCodes(const QString &description, const QString &codes)
 }
 
 // Parses the options of one subcommand; `positional` names its arguments for the help text.
+// With `more`, further positional arguments are allowed after those.
 bool parse(QCommandLineParser &parser, const QStringList &args, const QStringList &positional,
-           int *exitCode)
+           int *exitCode, bool more = false)
 {
     parser.addHelpOption();
     for (const QString &name : positional)
@@ -137,7 +138,8 @@ bool parse(QCommandLineParser &parser, const QStringList &args, const QStringLis
         *exitCode = Success;
         return false;
     }
-    if (parser.positionalArguments().size() != positional.size()) {
+    if (parser.positionalArguments().size() != positional.size()
+        && !(more && parser.positionalArguments().size() > positional.size())) {
         *exitCode
             = fail(QStringLiteral("expected %1; see --help").arg(positional.join(' ')), Usage);
         return false;
@@ -318,8 +320,13 @@ int add(const QStringList &args)
                   baseUrl, deltaFrom});
     stamp.addTo(p);
     int code = Usage;
-    if (!parse(p, args, {"CATALOGUE", "FILE"}, &code))
+    if (!parse(p, args, {"CATALOGUE", "FILE"}, &code, true))
         return code;
+    // --delta-from OLD takes further packages after FILE too: --delta-from a.zip b.zip.
+    QStringList olds = p.values(deltaFrom);
+    olds += p.positionalArguments().mid(2);
+    if (p.positionalArguments().size() > 2 && !p.isSet(deltaFrom))
+        return fail(QStringLiteral("expected CATALOGUE FILE; see --help"), Usage);
     if (!p.isSet(type) || !p.isSet(name) || !p.isSet(release))
         return fail(QStringLiteral("add needs --type, --name and --release"), Usage);
     if (p.value(type) != u"Application" && p.value(type) != u"Camera Firmware")
@@ -388,7 +395,7 @@ int add(const QStringList &args)
         children << QLatin1Char('<') + DM::RELEASE_NOTES + attribute(DM::LANGUAGE, note.left(eq))
                 + attribute(DM::URL, note.mid(eq + 1)) + QStringLiteral("/>");
     }
-    for (const QString &old : p.values(deltaFrom)) {
+    for (const QString &old : std::as_const(olds)) {
         QString child;
         if (const int made = deltaElement(catalogue, old, file, p.value(release), &child);
             made != Success)
