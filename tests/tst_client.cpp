@@ -68,7 +68,8 @@ class TestClient : public QObject {
     }
     static QSettings store()
     {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-client", "Viewer");
+        return QSettings(QSettings::IniFormat, QSettings::UserScope,
+                         QCoreApplication::organizationName(), "Viewer");
     }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
     {
@@ -105,7 +106,9 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest-client");
+        // A store of its own: the locale entries run this program beside itself.
+        QCoreApplication::setOrganizationName(
+            QStringLiteral("SucTest-client-%1").arg(QCoreApplication::applicationPid()));
         QCoreApplication::setApplicationName("Viewer");
         SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
         m_server.route("/list.xml", [this](const QHttpServerRequest &) {
@@ -129,6 +132,12 @@ private Q_SLOTS:
         });
         m_port = m_server.listen(QHostAddress::LocalHost);
         QVERIFY(m_port);
+    }
+    void cleanupTestCase()
+    {
+        const QString file = store().fileName();
+        QFile::remove(file);
+        QDir().rmdir(QFileInfo(file).path());
     }
     void init()
     {
