@@ -3,6 +3,8 @@
 #include "DownloadManager.h"
 #include "Logging.h"
 
+#include <qv/Sha256.h>
+
 #include <QUrl>
 #include <QXmlStreamReader>
 
@@ -143,11 +145,10 @@ QString CatalogueTrust::serialKey(const QString &keyId, const QString &feed)
 
 void CatalogueTrust::dropUnhashed(PackageInfoList &packages, const char *caller)
 {
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
     packages.erase(
         std::remove_if(packages.begin(), packages.end(),
                        [caller](const PackageInfo &p) {
-                           if (hex.match(p.sha256).hasMatch())
+                           if (Sha256::isHexDigest(p.sha256))
                                return false;
                            LogQt::write(
                                lcDownload(), Log::Error,

@@ -10,12 +10,12 @@
 
 #include <qv/DeltaPackage.h>
 #include <qv/FileUtils.h>
+#include <qv/Sha256.h>
 #include <qv/VersionNumber.h>
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QLocale>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 
@@ -52,12 +52,11 @@ const PackageInfo::Delta *SoftwareUpdateClient::usableDelta(const PackageInfo &p
     getCurrentSettings(&settings);
 
     const QStringList bad = badDeltas();
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
     for (const PackageInfo::Delta &delta : package.deltas) {
         const QString scheme = delta.url.scheme();
         if (!delta.fromRelease.isEmpty()
             && VersionNumber::fromText(delta.fromRelease) == settings.versionNumber
-            && hex.match(delta.sha256).hasMatch() && !bad.contains(delta.sha256)
+            && Sha256::isHexDigest(delta.sha256) && !bad.contains(delta.sha256)
             && (scheme == u"http" || scheme == u"https") && delta.url.isValid())
             return &delta;
     }

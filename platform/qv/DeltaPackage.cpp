@@ -11,7 +11,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 #include <QSet>
 #include <QStorageInfo>
 #include <QtEndian>
@@ -100,8 +99,7 @@ const QStringList &operationNames()
 QByteArray hexDigest(const QJsonValue &value)
 {
     const QString text = value.toString();
-    static const QRegularExpression hex(QStringLiteral("^[0-9a-f]{64}$"));
-    return hex.match(text).hasMatch() ? QByteArray::fromHex(text.toLatin1()) : QByteArray();
+    return Sha256::isHexDigest(text) ? QByteArray::fromHex(text.toLatin1()) : QByteArray();
 }
 
 // A whole number from the manifest within [0, max], else -1.
@@ -488,14 +486,10 @@ bool DeltaPackage::readManifest(const QByteArray &data, Manifest *manifest, QStr
 bool DeltaPackage::readManifest(const uchar *data, qint64 size, Manifest *manifest, QString *error)
 {
     *manifest = Manifest();
-    if (size < kHeaderSize || std::memcmp(data, kMagic, 8) != 0) {
-        *error = QStringLiteral("not a delta package");
-        return false;
-    }
-    const qint64 length = qFromLittleEndian<quint32>(data + 8);
     const QByteArray text = manifestText(data, size, error);
     if (text.isEmpty())
         return false;
+    const qint64 length = qFromLittleEndian<quint32>(data + 8);
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
     const QJsonObject root = document.object();

@@ -2,6 +2,10 @@
 
 #include <openssl/evp.h>
 
+#include <QString>
+
+#include <algorithm>
+
 namespace qv {
 
 struct Sha256::Context {
@@ -38,6 +42,13 @@ QByteArray Sha256::hash(QByteArrayView data)
     Sha256 h;
     h.addData(data);
     return h.result();
+}
+
+bool Sha256::isHexDigest(const QString &text)
+{
+    return text.size() == 64 && std::all_of(text.cbegin(), text.cend(), [](QChar c) {
+               return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f');
+           });
 }
 
 } // namespace qv

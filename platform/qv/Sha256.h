@@ -24,6 +24,8 @@ public:
     QByteArray result();
 
     static QByteArray hash(QByteArrayView data);
+    /// True for a digest as catalogues and manifests write it: 64 lower-case hex digits.
+    static bool isHexDigest(const QString &text);
 
 private:
     struct Context;

@@ -911,17 +911,13 @@ int lint(const QStringList &args)
             say(line, false,
                 what
                     + QStringLiteral(": no sha256, so a client with trusted keys never offers it"));
-        else if (!QRegularExpression(QStringLiteral("^[0-9a-f]{64}$"))
-                      .match(info.sha256)
-                      .hasMatch())
+        else if (!qv::Sha256::isHexDigest(info.sha256))
             say(line, true, what + QStringLiteral(": sha256 is not 64 hex digits"));
         // Deltas a client would skip: it then downloads the full package.
         for (const qv::PackageInfo::Delta &delta : std::as_const(info.deltas)) {
             const QString from
                 = what + QStringLiteral(": the delta from \"%1\"").arg(delta.fromRelease);
-            if (!QRegularExpression(QStringLiteral("^[0-9a-f]{64}$"))
-                     .match(delta.sha256)
-                     .hasMatch())
+            if (!qv::Sha256::isHexDigest(delta.sha256))
                 say(line, false,
                     from + QStringLiteral(" has no valid sha256: clients never use it"));
             if (delta.fromRelease.isEmpty()
