@@ -186,17 +186,7 @@ private Q_SLOTS:
         QTEST(DownloadManager::parseFileSize(text), "bytes");
     }
 
-    void releaseDates_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QDateTime>("expected");
-        QTest::newRow("date and time")
-            << "2011-04-05 13:45:00" << QDateTime(QDate(2011, 4, 5), QTime(13, 45));
-        QTest::newRow("date only") << "2011-04-05" << QDateTime(QDate(2011, 4, 5), QTime(0, 0));
-        QTest::newRow("other order") << "05.04.2011" << QDateTime();
-        QTest::newRow("impossible day") << "2011-02-30" << QDateTime();
-        QTest::newRow("empty") << "" << QDateTime();
-    }
+    void releaseDates_data() { suc::test::addRows("catalogue-release-dates"); }
     void releaseDates()
     {
         QFETCH(QString, text);

@@ -264,13 +264,7 @@ private Q_SLOTS:
         QFile::remove(expected.fileName());
     }
 
-    void proxyComesFromHostConfiguration_data()
-    {
-        QTest::addColumn<QString>("address");
-        QTest::addColumn<int>("type");
-        QTest::newRow("host proxy set") << "proxy.lan" << int(QNetworkProxy::HttpProxy);
-        QTest::newRow("no proxy") << "" << int(QNetworkProxy::NoProxy);
-    }
+    void proxyComesFromHostConfiguration_data() { suc::test::addRows("clientsettings-proxy"); }
     void proxyComesFromHostConfiguration()
     {
         QFETCH(QString, address);
@@ -278,7 +272,8 @@ private Q_SLOTS:
         qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy(address, 3128, "user", "secret"));
         const QNetworkProxy proxy = client->networkProxy();
         qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
-        QTEST(int(proxy.type()), "type");
+        QCOMPARE(proxy.type(),
+                 address.isEmpty() ? QNetworkProxy::NoProxy : QNetworkProxy::HttpProxy);
         QCOMPARE(proxy.hostName(), address);
         QCOMPARE(proxy.port(), address.isEmpty() ? 0 : 3128);
         QCOMPARE(proxy.user(), address.isEmpty() ? QString() : QString("user"));

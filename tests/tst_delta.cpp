@@ -123,18 +123,15 @@ private Q_SLOTS:
         QCOMPARE(softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}),
                  0);
         m_delta = suc::test::readFile(path("base.delta"));
+        for (const char *side : {"old", "new"})
+            QCOMPARE(
+                QProcess::execute(
+                    "bsdtar", {"-a", "-cf", path(side + QString(".zip")), "-C", path(side), "App"}),
+                0);
     }
 
     // Folders and packages, each codec: the built folder is the new version, entry for entry.
-    void roundTrip_data()
-    {
-        QTest::addColumn<QString>("codec");
-        QTest::addColumn<bool>("packages");
-        QTest::addColumn<QString>("summary");
-        QTest::newRow("folders, best") << "best" << false << "3 copied, 1 patched";
-        QTest::newRow("folders, zstd") << "zstd" << false << "(zstd 1, bsdiff 0), 1 added";
-        QTest::newRow("packages, bsdiff") << "bsdiff" << true << "(zstd 0, bsdiff 1)";
-    }
+    void roundTrip_data() { suc::test::addRows("delta-round-trip"); }
     void roundTrip()
     {
         QFETCH(QString, codec);
@@ -142,11 +139,6 @@ private Q_SLOTS:
         QFETCH(QString, summary);
         QString from = path("old/App"), to = path("new/App");
         if (packages) { // a single top folder, as packages usually have
-            for (const char *side : {"old", "new"})
-                QCOMPARE(QProcess::execute(
-                             "bsdtar",
-                             {"-a", "-cf", path(side + QString(".zip")), "-C", path(side), "App"}),
-                         0);
             from = path("old.zip");
             to = path("new.zip");
         }
@@ -215,7 +207,7 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(path("evil")) && !QFileInfo::exists("/tmp/evil-delta"));
     }
 
-    // add --delta-from lists (the packages of roundTrip serve as releases 1.0 and 1.1) a small
+    // add --delta-from lists (the packed old and new folders serve as releases 1.0 and 1.1) a small
     // delta under its package, where the client finds it, and skips one larger than half the
     // package.
     void listedInTheCatalogue()

@@ -115,23 +115,7 @@ private Q_SLOTS:
         QCOMPARE(dialog->layout()->sizeConstraint(), QLayout::SetFixedSize);
     }
 
-    void settingsRoundTrip_data()
-    {
-        QTest::addColumn<QString>("version");
-        QTest::addColumn<QString>("lastCheck");
-        QTest::addColumn<bool>("versionCaption");
-        QTest::addColumn<bool>("lastCheckCaption");
-        QTest::addColumn<QString>("shownVersion");
-        QTest::addColumn<QString>("shownLastCheck");
-        QTest::newRow("both set") << "2.9.1"
-                                  << "Monday" << true << true << "2.9.1"
-                                  << "Monday";
-        QTest::newRow("null keeps old text") << QString() << QString() << false << false << "old"
-                                             << "old date";
-        QTest::newRow("empty shows caption") << ""
-                                             << "" << true << true << ""
-                                             << "";
-    }
+    void settingsRoundTrip_data() { suc::test::addRows("dialogs-settings-round-trip"); }
     void settingsRoundTrip()
     {
         QFETCH(QString, version);
@@ -285,13 +269,7 @@ private Q_SLOTS:
         QCOMPARE(child<QTableWidget>(&dialog, "tableWidget")->rowCount(), 0);
     }
 
-    void hidingRows_data()
-    {
-        QTest::addColumn<SoftUpIndexList>("hidden");
-        QTest::newRow("some") << SoftUpIndexList {0, 2};
-        QTest::newRow("none shows all again") << SoftUpIndexList {};
-        QTest::newRow("out of range ignored") << SoftUpIndexList {1, 99, -1};
-    }
+    void hidingRows_data() { suc::test::addRows("dialogs-hiding-rows"); }
     void hidingRows()
     {
         QFETCH(SoftUpIndexList, hidden);

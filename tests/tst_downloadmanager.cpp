@@ -176,9 +176,7 @@ private Q_SLOTS:
     // and does not replace the copy of the last good answer.
     void oversizedAnswersAreDroppedAtTheLimit_data()
     {
-        QTest::addColumn<qint64>("announced");
-        QTest::newRow("announced as 1 GB") << qint64(1000000000);
-        QTest::newRow("length not announced") << qint64(-2);
+        suc::test::addRows("downloadmanager-oversized-answers");
     }
     void oversizedAnswersAreDroppedAtTheLimit()
     {
@@ -344,12 +342,7 @@ private Q_SLOTS:
 
     void oldSettingsMoveToTheBuiltInServer_data()
     {
-        QTest::addColumn<QVariant>("ver");
-        QTest::addColumn<bool>("migrated");
-        QTest::newRow("no version") << QVariant() << true;
-        QTest::newRow("version 2") << QVariant(2) << true;
-        QTest::newRow("junk version") << QVariant("junk") << true;
-        QTest::newRow("version 3") << QVariant(3) << false;
+        suc::test::addRows("downloadmanager-old-settings");
     }
     void oldSettingsMoveToTheBuiltInServer()
     {
@@ -378,18 +371,7 @@ private Q_SLOTS:
                  migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
     }
 
-    void corruptHistoryFallsBack_data()
-    {
-        QTest::addColumn<QByteArray>("ini");
-        QTest::newRow("junk values") << QByteArray(
-            "[Download]\nlast-check=never\nreg-check=perhaps\nver=3\nproxy-pref=77\nserver=::::\n"
-            "hist\\size=4\nhist\\1\\version=a\nhist\\1\\time=garbage\nhist\\2\\time=@ByteArray("
-            "\\xff)\n"
-            "hist\\9\\version=b\n");
-        // Read entry by entry, two billion took about 25 minutes.
-        QTest::newRow("two billion entries")
-            << QByteArray("[Download]\nver=3\nhist\\size=2000000000\n");
-    }
+    void corruptHistoryFallsBack_data() { suc::test::addRows("downloadmanager-corrupt-history"); }
     void corruptHistoryFallsBack()
     {
         QFETCH(QByteArray, ini);

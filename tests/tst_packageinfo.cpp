@@ -10,20 +10,7 @@ class TestPackageInfo : public QObject {
 
 private Q_SLOTS:
 
-    void identity_data()
-    {
-        QTest::addColumn<QDateTime>("dateA");
-        QTest::addColumn<qint64>("sizeA");
-        QTest::addColumn<QDateTime>("dateB");
-        QTest::addColumn<qint64>("sizeB");
-        QTest::addColumn<bool>("equal");
-        const QDateTime d(QDate(2011, 4, 5), QTime(10, 30));
-        QTest::newRow("same date and size") << d << qint64(5242880) << d << qint64(5242880) << true;
-        QTest::newRow("size differs") << d << qint64(5242880) << d << qint64(5242881) << false;
-        QTest::newRow("second differs") << d << qint64(1) << d.addSecs(1) << qint64(1) << false;
-        QTest::newRow("both undated")
-            << QDateTime() << qint64(0) << QDateTime() << qint64(0) << true;
-    }
+    void identity_data() { suc::test::addRows("packageinfo-identity"); }
     void identity()
     {
         QFETCH(QDateTime, dateA);
@@ -54,18 +41,7 @@ private Q_SLOTS:
         QCOMPARE(PackageInfo().stringID(), QString("1--0"));
     }
 
-    void timeToString_data()
-    {
-        QTest::addColumn<QDateTime>("when");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("midnight gives date only")
-            << QDateTime(QDate(2011, 4, 5), QTime(0, 0)) << "2011-04-05";
-        QTest::newRow("one second after")
-            << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 1)) << "2011-04-05T00:00:01";
-        QTest::newRow("one millisecond after")
-            << QDateTime(QDate(2011, 4, 5), QTime(0, 0, 0, 1)) << "2011-04-05T00:00:00";
-        QTest::newRow("null date") << QDateTime() << "";
-    }
+    void timeToString_data() { suc::test::addRows("packageinfo-time-to-string"); }
     void timeToString()
     {
         QFETCH(QDateTime, when);

@@ -136,15 +136,7 @@ private Q_SLOTS:
                      qPrintable(line));
     }
 
-    void invokeQueued_data()
-    {
-        QTest::addColumn<QByteArray>("slot");
-        QTest::addColumn<bool>("found");
-        QTest::newRow("bare name") << QByteArray("done") << true;
-        QTest::newRow("signature") << QByteArray("done(QString)") << true;
-        QTest::newRow("SLOT text") << QByteArray(SLOT(done(QString))) << true;
-        QTest::newRow("unknown") << QByteArray("missing") << false;
-    }
+    void invokeQueued_data() { suc::test::addRows("platform-invoke-queued"); }
     void invokeQueued()
     {
         QFETCH(QByteArray, slot);

@@ -481,27 +481,8 @@ private Q_SLOTS:
 
     // What an attacker or a careless publisher hands the tool: it neither crashes nor writes a
     // catalogue that no client can read.
-    void hostileInput_data()
-    {
-        QTest::addColumn<QStringList>("args"); // "@" is the test folder, "URL" the test server
-        QTest::addColumn<QList<int>>("codes");
-        QTest::addColumn<QString>("said");
-        const QStringList add {"add",    "@/c.xml", "--type",    "Application",
-                               "--name", "V",       "--release", "1"};
-        QTest::newRow("offer --platform X, the space form")
-            << QStringList {"offer",     "--file", "@/c.xml",    "--app", "V",
-                            "--version", "0.1",    "--platform", "linux"}
-            << QList<int> {10} << "V 1 |";
-        QTest::newRow("lint of an endless answer")
-            << QStringList {"lint", "URL"} << QList<int> {3} << "larger than 33554432 bytes";
-        QTest::newRow("offer of an endless answer")
-            << QStringList {"offer", "--server", "URL", "--app", "V", "--version", "0.1"}
-            << QList<int> {3} << "larger than 33554432 bytes";
-        QTest::newRow("add a file name with a control character")
-            << (QStringList(add) << "@/bad\x01name.zip") << QList<int> {64} << "control character";
-        QTest::newRow("add a file name with # and a blank")
-            << (QStringList(add) << "@/v 1#2.zip") << QList<int> {0} << "added V 1";
-    }
+    // "@" is the test folder, "URL" the test server.
+    void hostileInput_data() { suc::test::addRows("softupdate-hostile-input"); }
     void hostileInput()
     {
         QFETCH(QStringList, args);

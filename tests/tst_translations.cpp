@@ -13,23 +13,6 @@ class TestTranslations : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void resourcesRegisteredAtLoad_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::newRow("German") << "de_DE";
-        QTest::newRow("French") << "fr_FR";
-    }
-    void resourcesRegisteredAtLoad()
-    {
-        QFETCH(QString, language);
-        const QString path = ":/translations/SoftwareUpdateClient_" + language + ".qm";
-        QVERIFY(QFile::exists(path));
-        QTranslator translator;
-        QVERIFY(translator.load(path));
-        QVERIFY(!translator.isEmpty());
-        QCOMPARE(translator.language(), language);
-    }
-
     // Every German and French locale finds its language, by QTranslator::load(QLocale, ...) or
     // the client's installTranslator(); English needs none and finds none.
     // "checkNow" empty: no translation.
@@ -53,47 +36,7 @@ private Q_SLOTS:
         }
     }
 
-    void renderings_data()
-    {
-        QTest::addColumn<QString>("language");
-        QTest::addColumn<QString>("context");
-        QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("translation");
-        QTest::newRow("de dialog") << "de_DE"
-                                   << "SoftwareUpdateDialogGui"
-                                   << "Check Now"
-                                   << "Jetzt suchen";
-        QTest::newRow("de client") << "de_DE"
-                                   << "SoftwareUpdateClient"
-                                   << "Error downloading! Http status code %1"
-                                   << "Fehler beim Herunterladen! HTTP-Statuscode %1";
-        QTest::newRow("de kept wording") << "de_DE"
-                                         << "SoftwareUpdateClient"
-                                         << "After downloading the package, the installer will "
-                                            "automatically exit and restart your application!"
-                                         << "Nach der Installation des Pakets wird die Anwendung "
-                                            "automatisch beendet und neu gestartet!";
-        QTest::newRow("de manager") << "de_DE"
-                                    << "DownloadManager"
-                                    << "Unpacking '%1'"
-                                    << "'%1' wird entpackt";
-        QTest::newRow("fr list") << "fr_FR"
-                                 << "SoftwareUpdateAvailableGui"
-                                 << "Show all languages"
-                                 << "Afficher tous les langues";
-        QTest::newRow("fr no-break space")
-            << "fr_FR"
-            << "SoftwareUpdateClient"
-            << "No update available!" << QString("Aucune mise à jour disponible\u00A0!");
-        QTest::newRow("fr manager") << "fr_FR"
-                                    << "DownloadManager"
-                                    << "Select Installation Path for '%1'"
-                                    << "Sélectionner le dossier d'installation pour '%1'";
-        QTest::newRow("not translated") << "de_DE"
-                                        << "DownloadManager"
-                                        << "Unpacking failed"
-                                        << "Unpacking failed";
-    }
+    void renderings_data() { suc::test::addRows("translations-renderings"); }
     void renderings()
     {
         QFETCH(QString, language);

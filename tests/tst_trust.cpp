@@ -327,27 +327,15 @@ private Q_SLOTS:
 
     // Every catalogue value shown in the comment is text: markup in it is shown, never run (an
     // image naming a FIFO froze the GUI).
-    void catalogueValuesAreText_data()
-    {
-        QTest::addColumn<QByteArray>("from"); // replaced in the catalogue by `to`
-        QTest::addColumn<QByteArray>("to");
-        QTest::addColumn<QString>("shown");
-        const QByteArray img
-            = "&lt;img src=&quot;" + m_dir.filePath("fifo").toUtf8() + "&quot;&gt;";
-        const QString shown = "<img src=\"" + m_dir.filePath("fifo") + "\">";
-        QTest::newRow("public-release")
-            << QByteArray("release='3.0'") << "release='3.0' public-release='" + img + "'" << shown;
-        QTest::newRow("url") << QByteArray("url='viewer-3.0.tar.gz'")
-                             << "url='" + img + "/viewer-3.0.tar.gz'" << QString("img src=");
-        QTest::newRow("camera model")
-            << QByteArray("type='Application' name='Viewer'")
-            << "type='Camera Firmware' platform='M1' name='" + img + "'" << shown;
-    }
+    // "from" is replaced in the catalogue by "to"; FIFO stands for a FIFO's path.
+    void catalogueValuesAreText_data() { addRows("trust-catalogue-values-are-text"); }
     void catalogueValuesAreText()
     {
         QFETCH(QByteArray, from);
         QFETCH(QByteArray, to);
         QFETCH(QString, shown);
+        to.replace("FIFO", m_dir.filePath("fifo").toUtf8());
+        shown.replace("FIFO", m_dir.filePath("fifo"));
         QFile::remove(m_dir.filePath("fifo"));
         QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("fifo")).constData(), 0600), 0);
         publish(catalogue(7, future()).replace(from, to), m_signer.data());
@@ -451,27 +439,9 @@ private Q_SLOTS:
 
     // CompleteInstall: the verified package is unpacked before the restart question and must
     // hold the program (named like the running one); without trusted keys it installs nothing,
-    // and is handled as without CompleteInstall, with a log line.
-    void completeInstall_data()
-    {
-        QTest::addColumn<QString>("archive");
-        QTest::addColumn<bool>("withProgram");
-        QTest::addColumn<bool>("keys");
-        QTest::addColumn<QString>("lastBox");
-        QTest::addColumn<bool>("delta"); // a delta from 2.9.1 is listed that is none
-        const QString ready = "Restart required | The new version is unpacked and verified.";
-        QTest::newRow("zip") << "viewer-3.0.zip" << true << true << ready << false;
-        QTest::newRow("tar.gz") << "viewer-3.0.tar.gz" << true << true << ready << false;
-        QTest::newRow("zip without the program")
-            << "viewer-3.0.zip" << false << true
-            << "Installation failed | The package does not contain the program " + programName()
-            << false;
-        QTest::newRow("zip without trusted keys: as designed")
-            << "viewer-3.0.zip" << true << false
-            << "Restart required | Please restart your application to finish" << false;
-        QTest::newRow("a broken delta: the full package, no other box")
-            << "viewer-3.0.zip" << true << true << ready << true;
-    }
+    // and is handled as without CompleteInstall, with a log line. ("delta": a delta from 2.9.1 is
+    // listed that is none.)
+    void completeInstall_data() { suc::test::addRows("trust-complete-install"); }
     void completeInstall()
     {
         QFETCH(QString, archive);
@@ -590,30 +560,12 @@ private Q_SLOTS:
     // The updater that runs is a private copy of the one installed beside the program: one
     // planted in the application's parent folder never runs, and a parent that others can write
     // refuses the install before anything is downloaded. A host process installs for real.
-    void updaterThatRuns_data()
-    {
-        QTest::addColumn<int>("parentMode");
-        QTest::addColumn<QString>("ran"); // what the updater scripts noted
-        QTest::addColumn<QString>("box"); // the failure box, when the install is refused
-        QTest::newRow("a planted updater in the parent is never run") << 0755 << "ours "
-                                                                      << "";
-        QTest::newRow("a parent others can write (1777): refused")
-            << 01777 << ""
-            << "The application folder %1 can be changed by other users";
-        // The application on a small file system (its own mount namespace): the package does
-        // not fit beside it, and nothing is unpacked.
-        QTest::newRow("too little space to unpack: refused")
-            << 0755 << ""
-            << "There is not enough free disk space to unpack the update";
-        // Nothing can be made beside the application: it is unpacked in the temporary folder,
-        // and the update goes on.
-        QTest::newRow("read-only beside the application: unpacked in the temporary folder")
-            << 0755 << "ours "
-            << "read-only";
-    }
+    // The application on a small file system (its own mount namespace) when the package does not
+    // fit beside it; when nothing can be made beside it, it is unpacked in the temporary folder.
+    void updaterThatRuns_data() { suc::test::addRows("trust-updater-that-runs"); }
     void updaterThatRuns()
     {
-        QFETCH(int, parentMode);
+        QFETCH(QString, parentMode); // octal
         QFETCH(QString, ran);
         QFETCH(QString, box);
         QTemporaryDir parent;
@@ -630,7 +582,9 @@ private Q_SLOTS:
             script.close();
             QVERIFY(script.setPermissions(script.permissions() | QFile::ExeOwner));
         }
-        QCOMPARE(chmod(QFile::encodeName(parent.path()).constData(), mode_t(parentMode)), 0);
+        QCOMPARE(chmod(QFile::encodeName(parent.path()).constData(),
+                       mode_t(parentMode.toInt(nullptr, 8))),
+                 0);
         chmod(QFile::encodeName(app).constData(), 0755);
         const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper");
         m_files["/dl/viewer-3.0.zip"] = body;

@@ -221,17 +221,8 @@ private Q_SLOTS:
     // the old one put back and started, and a note left for its client.
     void healthCheck_data()
     {
-        QTest::addColumn<QByteArray>("start");
-        QTest::addColumn<QString>("why"); // empty: the update stays
-        QTest::newRow("confirms") << QByteArray() << "";
-        QTest::newRow("exits with an error") << QByteArray("fail") << "exited with code 3";
-        QTest::newRow("exits without confirming") << QByteArray("quiet") << "exited with code 0";
-        QTest::newRow("hangs without confirming")
-            << QByteArray("hang") << "did not confirm within 1 s";
-        QTest::newRow("killed during the check") << QByteArray("die") << "killed by signal 9";
-        QTest::newRow("confirms without the updater's secret")
-            << QByteArray("no secret") << "did not confirm within 1 s";
-    }
+        suc::test::addRows("updateinstaller-health-check");
+    } // why: empty when the update stays
     void healthCheck()
     {
         QFETCH(QByteArray, start);
@@ -313,10 +304,7 @@ private Q_SLOTS:
     // the confirmed new one, or else the old one, put back and started.
     void resumedDuringTheCheck_data()
     {
-        QTest::addColumn<QByteArray>("start");
-        QTest::addColumn<QString>("remains");
-        QTest::newRow("confirmed before the kill: the new one is kept") << QByteArray() << "v2";
-        QTest::newRow("unconfirmed: the old one is back") << QByteArray("hang") << "v1";
+        suc::test::addRows("updateinstaller-resumed-during-the-check");
     }
     void resumedDuringTheCheck()
     {
@@ -409,13 +397,7 @@ private Q_SLOTS:
     // is the one running, stays; the other goes; nothing is started twice.
     void theNextStartSettlesAnInterruptedUpdate_data()
     {
-        QTest::addColumn<QByteArray>("step");
-        QTest::addColumn<QString>("remains");
-        QTest::newRow("killed once staged: the old version stays") << QByteArray("stage") << "v1";
-        QTest::newRow("killed after the exchange: the new version stays")
-            << QByteArray("exchange") << "v2";
-        QTest::newRow("killed during the check: the new version stays")
-            << QByteArray("start") << "v2";
+        suc::test::addRows("updateinstaller-interrupted-update");
     }
     void theNextStartSettlesAnInterruptedUpdate()
     {

@@ -42,9 +42,10 @@ inline QByteArray testData(const QString &name)
 }
 
 /// Adds the columns and rows of the table tests/data/tables/`name`.json to the running _data()
-/// function: {"columns": [["name", "type"], ...], "rows": [["row tag", value, ...], ...]}, with
-/// the types QString, QByteArray, int, qint64, bool, QStringList and QList<int> (JSON arrays). A
-/// table that cannot be read fails the test.
+/// function: {"columns": [["name", "type"], ...], "rows": [["row tag", value, ...], ...]}. A value
+/// is converted as QVariant converts it (a QDateTime from ISO text, a QStringList from an array);
+/// QList<int> takes an array, QVariant the value as it stands. A table that cannot be read fails
+/// the test.
 inline void addRows(const QString &name)
 {
     const QByteArray text = testData("tables/" + name + ".json");
@@ -52,46 +53,36 @@ inline void addRows(const QString &name)
     const QJsonObject table = QJsonDocument::fromJson(text, &error).object();
     if (table.isEmpty())
         QFAIL(qPrintable("tests/data/tables/" + name + ".json: " + error.errorString()));
-    QList<int> types;
+    QList<QMetaType> types;
     // Known by name once registered: QList<int> may not be yet in a program that never used it.
     qRegisterMetaType<QList<int>>();
     // Qt Test keeps the column names' pointers: they must outlive the table.
     static QList<QByteArray> names;
     for (const QJsonValue &column : table.value("columns").toArray()) {
         const QJsonArray pair = column.toArray();
-        types << QMetaType::fromName(pair.at(1).toString().toLatin1()).id();
+        types << QMetaType::fromName(pair.at(1).toString().toLatin1());
         names << pair.at(0).toString().toLatin1();
-        QTest::addColumnInternal(types.last(), names.last().constData());
+        QTest::addColumnInternal(types.last().id(), names.last().constData());
     }
     for (const QJsonValue &rowValue : table.value("rows").toArray()) {
         const QJsonArray row = rowValue.toArray();
         QTestData &data = QTest::newRow(qPrintable(row.at(0).toString()));
         for (int i = 0; i < types.size(); ++i) {
-            const QJsonValue v = row.at(i + 1);
-            if (types.at(i) == QMetaType::QString) {
-                const QString value = v.toString();
-                data.append(types.at(i), &value);
-            } else if (types.at(i) == QMetaType::QByteArray) {
-                const QByteArray value = v.toString().toUtf8();
-                data.append(types.at(i), &value);
-            } else if (types.at(i) == QMetaType::Int) {
-                const int value = v.toInt();
-                data.append(types.at(i), &value);
-            } else if (types.at(i) == QMetaType::LongLong) {
-                const qint64 value = qint64(v.toDouble());
-                data.append(types.at(i), &value);
-            } else if (types.at(i) == QMetaType::fromType<QList<int>>().id()) {
-                QList<int> value;
-                for (const QJsonValue &n : v.toArray())
-                    value << n.toInt();
-                data.append(types.at(i), &value);
-            } else if (types.at(i) == QMetaType::Bool) {
-                const bool value = v.toBool();
-                data.append(types.at(i), &value);
+            QVariant value = row.at(i + 1).toVariant();
+            if (types.at(i) == QMetaType::fromType<QList<int>>()) {
+                QList<int> numbers;
+                for (const QVariant &n : value.toList())
+                    numbers << n.toInt();
+                value = QVariant::fromValue(numbers);
+            } else if (types.at(i) == QMetaType::fromType<QVariant>()) {
+                data.append(types.at(i).id(), &value);
+                continue;
+            } else if (value.isNull()) {
+                value = QVariant(types.at(i));
             } else {
-                const QStringList value = v.toVariant().toStringList();
-                data.append(types.at(i), &value);
+                value.convert(types.at(i));
             }
+            data.append(types.at(i).id(), value.constData());
         }
     }
 }
