@@ -11,6 +11,7 @@
 using qv::SoftwareUpdateClient;
 using qv::SoftwareUpdateSettings;
 using qv::VersionNumber;
+using suc::test::writeFile;
 
 class TestClientSettings : public QObject {
     Q_OBJECT
@@ -30,9 +31,7 @@ class TestClientSettings : public QObject {
     static void writeStoreFile(const QByteArray &content)
     {
         QDir().mkpath(QFileInfo(storePath()).absolutePath());
-        QFile f(storePath());
-        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(content);
+        QVERIFY(writeFile(storePath(), content));
     }
     QString typesWritten() const
     {

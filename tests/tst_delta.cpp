@@ -15,18 +15,9 @@
 #include <unistd.h>
 
 using qv::DeltaPackage;
+using suc::test::writeFile;
 
 namespace {
-
-void write(const QString &path, const QByteArray &data, int mode = 0644)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile f(path);
-    QVERIFY(f.open(QIODevice::WriteOnly));
-    f.write(data);
-    f.close();
-    QVERIFY(::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0);
-}
 
 QByteArray noise(int size, quint32 seed)
 {
@@ -82,10 +73,7 @@ class DeltaTest : public QObject {
     QString apply(const QByteArray &delta, const QByteArray &sha256 = QByteArray())
     {
         QFile::remove(path("test.delta"));
-        QFile f(path("test.delta"));
-        f.open(QIODevice::WriteOnly);
-        f.write(delta);
-        f.close();
+        writeFile(path("test.delta"), delta);
         QDir(path("built")).removeRecursively();
         QDir().mkpath(path("built"));
         QString error;
@@ -100,26 +88,27 @@ private Q_SLOTS:
     {
         // Changed, added, removed, renamed and unchanged files, a link, modes, an empty folder.
         const QByteArray app = noise(400000, 1);
-        write(path("old/App/app"), app, 0755);
+        QVERIFY(writeFile(path("old/App/app"), app, 0755));
         QByteArray changed = app;
         changed.replace(1000, 5, "patch").append(noise(3000, 2));
-        write(path("new/App/app"), changed, 0755);
+        QVERIFY(writeFile(path("new/App/app"), changed, 0755));
         const QByteArray library = noise(150000, 3);
-        write(path("old/App/lib/libfoo.so.1"), library);
-        write(path("new/App/lib/libfoo.so.2"), library);
+        QVERIFY(writeFile(path("old/App/lib/libfoo.so.1"), library));
+        QVERIFY(writeFile(path("new/App/lib/libfoo.so.2"), library));
         QVERIFY(QFile::link("libfoo.so.1", path("old/App/lib/libfoo.so")));
         QVERIFY(QFile::link("libfoo.so.2", path("new/App/lib/libfoo.so")));
         for (const char *side : {"old", "new"}) {
-            write(path(side + QStringLiteral("/App/data/unchanged.txt")), "the same\n");
-            write(path(side + QStringLiteral("/App/bin/tool")), "#!/bin/sh\n",
-                  side[0] == 'o' ? 0700 : 0755);
+            QVERIFY(
+                writeFile(path(side + QStringLiteral("/App/data/unchanged.txt")), "the same\n"));
+            QVERIFY(writeFile(path(side + QStringLiteral("/App/bin/tool")), "#!/bin/sh\n",
+                              side[0] == 'o' ? 0700 : 0755));
             QDir().mkpath(path(side + QStringLiteral("/App/empty")));
         }
-        write(path("old/App/data/removed.txt"), "gone\n");
+        QVERIFY(writeFile(path("old/App/data/removed.txt"), "gone\n"));
         QByteArray text;
         for (int i = 0; i < 5000; ++i)
             text += QByteArray::number(i) + '\n';
-        write(path("new/App/data/added.txt"), text, 0600);
+        QVERIFY(writeFile(path("new/App/data/added.txt"), text, 0600));
         QCOMPARE(softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}),
                  0);
         m_delta = suc::test::readFile(path("base.delta"));
@@ -242,7 +231,7 @@ private Q_SLOTS:
         QCOMPARE(delta.fileSize, file.size());
         QCOMPARE(delta.sha256, qv::Sha256::hash(file).toHex());
 
-        write(path("other/App/app"), noise(400000, 9)); // nothing in common
+        QVERIFY(writeFile(path("other/App/app"), noise(400000, 9))); // nothing in common
         QCOMPARE(
             QProcess::execute(
                 "bsdtar", {"-a", "-cf", path("site/Other-1.2.zip"), "-C", path("other"), "App"}),

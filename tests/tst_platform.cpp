@@ -81,10 +81,7 @@ private Q_SLOTS:
         QFETCH(QString, iniLine);
         QTemporaryDir dir;
         const QString path = dir.filePath("p.ini");
-        QFile f(path);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("[General]\n" + iniLine.toUtf8() + "\n");
-        f.close();
+        QVERIFY(suc::test::writeFile(path, "[General]\n" + iniLine.toUtf8() + "\n"));
         QSettings s(path, QSettings::IniFormat);
         QTEST(qv::Preferences::boolValue(s, "v", true), "boolResult");
         QTEST(qv::Preferences::intValue(s, "v", 7), "intResult");
@@ -199,10 +196,7 @@ private Q_SLOTS:
         else if (kind == "folder")
             QVERIFY(QDir().mkpath(path));
         if (kind == "large") {
-            QFile f(path);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write(QByteArray(101, 'x'));
-            f.close();
+            QVERIFY(suc::test::writeFile(path, QByteArray(101, 'x')));
             QCOMPARE(qv::FileUtils::readBytes(path).size(), 101);
         }
         QVERIFY_THROWS_EXCEPTION(qv::IOException, qv::FileUtils::readBytes(path, 100));
@@ -220,14 +214,9 @@ private Q_SLOTS:
         QTemporaryDir dir;
         suc::test::MinisignTool signer(dir.path()), other(dir.path(), "other");
         QVERIFY(signer.isValid() && other.isValid());
-        QFile f(dir.filePath("catalogue.xml"));
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("<softwareList serial='1'/>");
-        f.close();
-        QVERIFY(signer.sign(f.fileName(), legacy));
-        QFile sigFile(f.fileName() + ".minisig");
-        QVERIFY(sigFile.open(QIODevice::ReadOnly));
-        QByteArray signature = sigFile.readAll();
+        QVERIFY(suc::test::writeFile(dir.filePath("catalogue.xml"), "<softwareList serial='1'/>"));
+        QVERIFY(signer.sign(dir.filePath("catalogue.xml"), legacy));
+        QByteArray signature = suc::test::readFile(dir.filePath("catalogue.xml.minisig"));
         QByteArray message = "<softwareList serial='1'/>";
         QList<qv::MinisignKey> keys {qv::MinisignKey::fromText(signer.publicKey())};
         if (damage == "second key")

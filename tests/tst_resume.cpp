@@ -136,9 +136,7 @@ private Q_SLOTS:
             QCOMPARE(record.value("committed").toInteger(), cut);
             record.insert("written", cut + 5000);
             record.insert("boot", "an earlier boot");
-            QFile r(recordPath);
-            QVERIFY(r.open(QIODevice::WriteOnly | QIODevice::Truncate)
-                    && r.write(QJsonDocument(record).toJson()) > 0);
+            QVERIFY(suc::test::writeFile(recordPath, QJsonDocument(record).toJson()));
         }
         if (tag.startsWith("a corrupt kept part")) {
             QFile f(part);

@@ -81,19 +81,14 @@ class TestTrust : public QObject {
                  const QString &signedAs = "list.xml")
     {
         const QString file = m_dir.filePath(signedAs);
-        QFile f(file);
-        QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(xml);
-        f.close();
+        QVERIFY(writeFile(file, xml));
         m_files["/list.xml"] = xml;
         m_files.remove("/list.xml.minisig");
         if (!signer)
             return;
         QFile::remove(file + ".minisig");
         QVERIFY(signer->sign(file, legacy));
-        QFile sig(file + ".minisig");
-        QVERIFY(sig.open(QIODevice::ReadOnly));
-        m_files["/list.xml.minisig"] = sig.readAll();
+        m_files["/list.xml.minisig"] = readFile(file + ".minisig");
     }
     void restartClient()
     {
@@ -109,17 +104,10 @@ class TestTrust : public QObject {
     {
         QTemporaryDir src;
         QDir().mkpath(src.filePath("Viewer-3/lib"));
-        QFile exe(src.filePath("Viewer-3/" + program));
-        if (!exe.open(QIODevice::WriteOnly))
-            return QByteArray();
-        exe.write("#!/bin/sh\necho " + says + "\n");
-        exe.close();
-        exe.setPermissions(exe.permissions() | QFile::ExeOwner);
+        writeFile(src.filePath("Viewer-3/" + program), "#!/bin/sh\necho " + says + "\n", 0755);
         const QString packed = src.filePath(archive);
-        if (QProcess::execute("bsdtar", {"-a", "-cf", packed, "-C", src.path(), "Viewer-3"}) != 0)
-            return QByteArray();
-        QFile f(packed);
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+        QProcess::execute("bsdtar", {"-a", "-cf", packed, "-C", src.path(), "Viewer-3"});
+        return readFile(packed);
     }
     static QString programName()
     {
@@ -375,11 +363,9 @@ private Q_SLOTS:
             manager.storeHistory(settings, cacheFile);
         } else {
             // Written by someone else, or long ago.
-            QFile xml(cacheFile), sig(cacheFile + ".minisig");
-            QVERIFY(xml.open(QIODevice::WriteOnly) && sig.open(QIODevice::WriteOnly));
-            xml.write(m_files.value("/list.xml"));
+            QVERIFY(writeFile(cacheFile, m_files.value("/list.xml")));
             if (variant != "no signature")
-                sig.write(m_files.value("/list.xml.minisig"));
+                QVERIFY(writeFile(cacheFile + ".minisig", m_files.value("/list.xml.minisig")));
         }
         QVERIFY(QFileInfo(cacheFile).size() > 0);
         QSettings settings(settingsFile, QSettings::IniFormat);
@@ -576,11 +562,8 @@ private Q_SLOTS:
         for (const auto &[path, who] :
              {std::pair<QString, QByteArray>(app + "/UpdateInstaller", "ours"),
               std::pair<QString, QByteArray>(parent.filePath("UpdateInstaller"), "planted")}) {
-            QFile script(path);
-            QVERIFY(script.open(QIODevice::WriteOnly));
-            script.write("#!/bin/sh\necho " + who + " \"$0\" >> \"" + marker.toUtf8() + "\"\n");
-            script.close();
-            QVERIFY(script.setPermissions(script.permissions() | QFile::ExeOwner));
+            QVERIFY(writeFile(
+                path, "#!/bin/sh\necho " + who + " \"$0\" >> \"" + marker.toUtf8() + "\"\n", 0755));
         }
         QCOMPARE(chmod(QFile::encodeName(parent.path()).constData(),
                        mode_t(parentMode.toInt(nullptr, 8))),
@@ -692,43 +675,6 @@ private Q_SLOTS:
                  QStringList {"someone-elses"});
         QVERIFY(QFileInfo::exists(outside));
         QVERIFY(!store().contains("updateLeftovers"));
-    }
-
-    // "Restart later" still installs: when the host quits normally, the updater waits for it
-    // to end, swaps the folders and starts nothing. A real host process and the real updater.
-    void restartLaterInstallsOnQuit()
-    {
-        QTemporaryDir parent;
-        const QString app = parent.filePath("Viewer");
-        QVERIFY(QDir().mkpath(app));
-        chmod(QFile::encodeName(parent.path()).constData(), 0755);
-        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
-        QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, app + "/UpdateInstaller"));
-        const QByteArray body
-            = packApplication("viewer-3.0.zip", "exec_helper", "installed-on-quit");
-        m_files["/dl/viewer-3.0.zip"] = body;
-        m_packageAnswer = [this](const TestHttpServer::Request &r) {
-            return Response::ok(m_files.value(r.target));
-        };
-        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
-        QProcess host;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("XDG_STATE_HOME", parent.filePath("state"));
-        env.insert("UPDATEINSTALLER_LOG", parent.filePath("UpdateInstaller.log"));
-        host.setProcessEnvironment(env);
-        host.start(app + "/exec_helper",
-                   {"completeInstall", url(), m_signer->publicKey(), "later"});
-        QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
-        const QString said = QString::fromUtf8(host.readAllStandardOutput());
-        QVERIFY2(host.exitCode() == 0 && said.contains("Restart required"), qPrintable(said));
-        // The updater, waiting for the host to end, installs now.
-        const auto read = suc::test::readFile;
-        QTRY_VERIFY_WITH_TIMEOUT(read(app + "/exec_helper").contains("installed-on-quit"), 20000);
-        // The swap comes first, the updater's last line after it.
-        QTRY_VERIFY2_WITH_TIMEOUT(
-            read(parent.filePath("UpdateInstaller.log")).contains("installed when it quit"),
-            read(parent.filePath("UpdateInstaller.log")).constData(), 20000);
-        QVERIFY(read(parent.filePath("UpdateInstaller.log")).contains("waiting for process"));
     }
 
     // When the session that accepted the update for later did not quit normally, the next start

@@ -26,18 +26,10 @@ class TestUpdateInstaller : public QObject {
     static void makeApp(const QString &folder, const QString &version,
                         const QByteArray &start = QByteArray())
     {
-        QDir().mkpath(folder + "/lib");
-        QFile v(folder + "/version.txt");
-        v.open(QIODevice::WriteOnly);
-        v.write(version.toUtf8());
-        v.close();
-        QFile data(folder + "/lib/data.bin");
-        data.open(QIODevice::WriteOnly);
-        data.write(QByteArray(4096, version.at(1).toLatin1()));
-        data.close();
+        QVERIFY(suc::test::writeFile(folder + "/version.txt", version.toUtf8()));
+        QVERIFY(suc::test::writeFile(folder + "/lib/data.bin",
+                                     QByteArray(4096, version.at(1).toLatin1())));
         QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
-        QFile app(folder + "/app");
-        app.open(QIODevice::WriteOnly);
         static const QHash<QByteArray, QByteArray> behaviours {
             {"",
              "[ -n \"$SOFTWAREUPDATE_HEALTH_FILE\" ] && echo \"$SOFTWAREUPDATE_HEALTH_TOKEN\" > "
@@ -50,11 +42,11 @@ class TestUpdateInstaller : public QObject {
             {"quiet", "exit 0\n"},
             {"hang", "sleep 30\n"},
             {"die", "kill -9 $$\n"}};
-        app.write("#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> \"$SUC_MARKER\"\necho >> "
-                  "\"$SUC_MARKER\"\n"
-                  + behaviours.value(start));
-        app.close();
-        app.setPermissions(app.permissions() | QFile::ExeOwner | QFile::ExeUser);
+        QVERIFY(suc::test::writeFile(folder + "/app",
+                                     "#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> "
+                                     "\"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n"
+                                         + behaviours.value(start),
+                                     0755));
     }
 
     // Viewer in version v1, the unpacked v2 doing `start` when started, and the updater's
@@ -120,16 +112,12 @@ class TestUpdateInstaller : public QObject {
 
     QStringList started()
     {
-        QFile f(m_marker);
-        if (!f.open(QIODevice::ReadOnly))
-            return {};
-        return QString::fromUtf8(f.readAll()).split('\n', Qt::SkipEmptyParts);
+        return QString::fromUtf8(suc::test::readFile(m_marker)).split('\n', Qt::SkipEmptyParts);
     }
 
     QString log()
     {
-        QFile f(m_dir.filePath("UpdateInstaller.log"));
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+        return QString::fromUtf8(suc::test::readFile(m_dir.filePath("UpdateInstaller.log")));
     }
 
     // A folder on another file system than the application, when the machine has one.
@@ -240,9 +228,8 @@ private Q_SLOTS:
         QCOMPARE(completeVersion(app), QString("v1"));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
-        QFile note(side(app, "rolled-back"));
-        QVERIFY(note.open(QIODevice::ReadOnly));
-        QVERIFY2(note.readAll().contains(why.toUtf8()), qPrintable(log()));
+        QVERIFY2(suc::test::readFile(side(app, "rolled-back")).contains(why.toUtf8()),
+                 qPrintable(log()));
         // A second update, of a version that runs, goes through after the roll-back.
         QDir(m_dir.filePath("unpacked")).removeRecursively();
         makeApp(m_dir.filePath("unpacked"), "v3");
@@ -276,9 +263,7 @@ private Q_SLOTS:
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2", "fail");
         const QString victim = m_dir.filePath("victim.txt");
-        QFile v(victim);
-        QVERIFY(v.open(QIODevice::WriteOnly) && v.write("the user's own") > 0);
-        v.close();
+        QVERIFY(suc::test::writeFile(victim, "the user's own"));
         const QString planted = path.startsWith("private:") ? side(app, qPrintable(path.mid(8)))
                                                             : QString(path).replace("@", app);
         if (asLink)
@@ -291,10 +276,8 @@ private Q_SLOTS:
                  1);
         QCOMPARE(completeVersion(app), QString("v1"));
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
-        QVERIFY(v.open(QIODevice::ReadOnly));
-        QCOMPARE(v.readAll(), QByteArray("the user's own"));
-        QFile note(side(app, "rolled-back"));
-        QVERIFY2(note.open(QIODevice::ReadOnly) && note.readAll().contains("exited with code 3"),
+        QCOMPARE(suc::test::readFile(victim), QByteArray("the user's own"));
+        QVERIFY2(suc::test::readFile(side(app, "rolled-back")).contains("exited with code 3"),
                  qPrintable(log()));
         QCOMPARE(QFileInfo(qv::UpdateState::folderFor(app)).permissions() & 0x0077,
                  QFile::Permissions());
@@ -441,10 +424,8 @@ private Q_SLOTS:
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2");
-        QFile program(m_dir.filePath("unpacked/app"));
-        QVERIFY(program.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        program.write("#!/bin/sh\nexec \"" SUC_EXEC_HELPER "\" host\n");
-        program.close();
+        QVERIFY(suc::test::writeFile(m_dir.filePath("unpacked/app"),
+                                     "#!/bin/sh\nexec \"" SUC_EXEC_HELPER "\" host\n", 0755));
         QCOMPARE(runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app",
                                "-healthTimeout", "30"}),
                  0);
@@ -479,14 +460,13 @@ private Q_SLOTS:
         const QString earlierNew = m_dir.filePath("earlier-new");
         if (stale == "stale backup") { // a removal cut short: never a version to restore
             QVERIFY(QDir().mkpath(app + ".update-backup/lib"));
-            QFile v(app + ".update-backup/version.txt");
-            QVERIFY(v.open(QIODevice::WriteOnly) && v.write("v0"));
+            QVERIFY(suc::test::writeFile(app + ".update-backup/version.txt", "v0"));
         } else if (stale == "stale journal of other arguments") {
             makeApp(app + ".update-backup", "v0");
             makeApp(earlierNew, "v8");
-            QFile j(side(app, "journal"));
-            QVERIFY(j.open(QIODevice::WriteOnly));
-            j.write(("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8());
+            QVERIFY(suc::test::writeFile(
+                side(app, "journal"),
+                ("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8()));
         } else if (stale == "backup linked outside") {
             QVERIFY(QFile::link(outside, app + ".update-backup"));
         }

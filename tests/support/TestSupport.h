@@ -19,6 +19,8 @@
 
 #include <algorithm>
 
+#include <sys/stat.h>
+
 // Tests run two at a time, and on machines that build beside them: what a wait expects can take
 // longer than Qt's 5 s there. The waits still end as soon as their condition holds.
 #undef QTRY_VERIFY
@@ -33,6 +35,16 @@ inline QByteArray readFile(const QString &path)
 {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+/// Writes `data` to `path`, its folder made first, with the permission bits `mode`; false when it
+/// cannot.
+inline bool writeFile(const QString &path, const QByteArray &data, int mode = 0644)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(data) == data.size()
+        && f.flush() && ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
 }
 
 /// A file of tests/data, whole; empty when it cannot be read.
