@@ -2,9 +2,7 @@
 #include <TestSupport.h>
 #include <qv/LogQt.h>
 
-#include <QBuffer>
 #include <QDomDocument>
-#include <QtTest>
 
 using qv::DownloadManager;
 using qv::PackageInfo;

@@ -6,25 +6,7 @@
 #include <TestSupport.h>
 #include <qv/LogQt.h>
 
-#include <QAbstractButton>
-#include <QApplication>
-#include <QCheckBox>
-#include <QDesktopServices>
 #include <QHttpServer>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMessageBox>
-#include <QProcess>
-#include <QProgressDialog>
-#include <QPushButton>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QStandardPaths>
-#include <QTableWidget>
-#include <QTemporaryDir>
-#include <QTextBrowser>
-#include <QTimer>
-#include <QtTest>
 
 using qv::PackageInfo;
 using qv::PackageInfoList;

@@ -2,12 +2,6 @@
 #include <TestSupport.h>
 #include <qv/NodeDB.h>
 
-#include <QApplication>
-#include <QSettings>
-#include <QStandardPaths>
-#include <QTimer>
-#include <QtTest>
-
 using qv::SoftwareUpdateClient;
 using qv::SoftwareUpdateSettings;
 using qv::VersionNumber;

@@ -8,12 +8,6 @@
 #include <qv/DeltaPackage.h>
 #include <qv/Sha256.h>
 
-#include <QBuffer>
-#include <QtTest>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
 using qv::DeltaPackage;
 using suc::test::writeFile;
 

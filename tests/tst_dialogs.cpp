@@ -4,25 +4,6 @@
 #include <qv/LogQt.h>
 #include <qv/QtHelpers.h>
 
-#include <QAbstractButton>
-#include <QCheckBox>
-#include <QComboBox>
-#include <QDesktopServices>
-#include <QDialogButtonBox>
-#include <QHeaderView>
-#include <QLabel>
-#include <QLayout>
-#include <QLineEdit>
-#include <QProgressBar>
-#include <QPushButton>
-#include <QSignalSpy>
-#include <QTableWidget>
-#include <QTemporaryDir>
-#include <QTextBrowser>
-#include <QtTest>
-
-#include <sys/stat.h>
-
 using qv::SoftwareUpdateAvailableDialog;
 using qv::SoftwareUpdateDialog;
 using qv::SoftwareUpdateDialogSettings;

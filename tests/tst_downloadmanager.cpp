@@ -7,12 +7,6 @@
 #include <qv/NodeDB.h>
 
 #include <QHttpServer>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QtTest>
-
-#include <sys/stat.h>
 
 using qv::DownloadManager;
 using qv::PackageInfo;

@@ -3,14 +3,6 @@
 #include <qv/LogQt.h>
 #include <qv/ZipReader.h>
 
-#include <QAbstractButton>
-#include <QMessageBox>
-#include <QProcess>
-#include <QProgressDialog>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTimer>
-#include <QtTest>
 #include <TestSupport.h>
 
 using qv::DownloadManager;

@@ -1,8 +1,6 @@
 #include <PackageInfo.h>
 #include <TestSupport.h>
 
-#include <QtTest>
-
 using qv::PackageInfo;
 
 class TestPackageInfo : public QObject {

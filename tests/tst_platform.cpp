@@ -7,12 +7,7 @@
 #include <qv/StringUtils.h>
 #include <qv/VersionNumber.h>
 
-#include <QLoggingCategory>
-#include <QTemporaryDir>
-#include <QtTest>
 #include <TestSupport.h>
-
-#include <sys/stat.h>
 
 Q_LOGGING_CATEGORY(lcTest, "qv.softwareupdate.test")
 

@@ -3,13 +3,6 @@
 #include <TestHttpServer.h>
 #include <TestSupport.h>
 
-#include <QCryptographicHash>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QtTest>
-
 using qv::DownloadManager;
 using qv::PackageInfo;
 using Response = TestHttpServer::Response;

@@ -6,15 +6,6 @@
 #include <TestHttpServer.h>
 #include <TestSupport.h>
 
-#include <QBuffer>
-#include <QCryptographicHash>
-#include <QLabel>
-#include <QProgressDialog>
-#include <QTableWidget>
-#include <QTcpSocket>
-#include <QTemporaryDir>
-#include <QtTest>
-
 using qv::DownloadManager;
 using qv::PackageInfoList;
 using suc::test::BoxAnswerer;

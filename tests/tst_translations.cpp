@@ -2,13 +2,6 @@
 #include <SoftwareUpdateDialog.h>
 #include <TestSupport.h>
 
-#include <QCoreApplication>
-#include <QFile>
-#include <QLabel>
-#include <QPushButton>
-#include <QTranslator>
-#include <QtTest>
-
 class TestTranslations : public QObject {
     Q_OBJECT
 

@@ -8,22 +8,7 @@
 #include <qv/LogQt.h>
 #include <qv/UpdateState.h>
 
-#include <QCryptographicHash>
-#include <QElapsedTimer>
-#include <QLabel>
-#include <QProcess>
-#include <QProgressDialog>
-#include <QPushButton>
-#include <QSettings>
-#include <QSignalSpy>
-#include <QTableWidget>
-#include <QTemporaryDir>
-#include <QTextBrowser>
-#include <QtTest>
-
 #include <limits>
-
-#include <sys/stat.h>
 
 using namespace qv;
 using namespace suc::test;

@@ -1,16 +1,6 @@
 #include <TestSupport.h>
 #include <qv/UpdateState.h>
 
-#include <QProcess>
-#include <QRandomGenerator>
-#include <QStorageInfo>
-#include <QTemporaryDir>
-#include <QThread>
-#include <QtTest>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
 // Runs the UpdateInstaller program on application folders made here. Each fake application's
 // program appends its version to a marker file when it starts.
 class TestUpdateInstaller : public QObject {

@@ -14,6 +14,8 @@ key=$(sed -n 2p "$work/updates.pub")
 mkdir -p "$work/site"
 python3 -m http.server 8080 --bind 127.0.0.1 --directory "$work/site" >/dev/null 2>&1 &
 server=$!
+# The first scenario must not start before the server listens (on a loaded machine it takes a while).
+for _ in $(seq 200); do curl -s -o /dev/null http://127.0.0.1:8080/ && break; sleep 0.1; done
 failures=0
 
 # publish <package file> [add options]: a catalogue offering only it, signed.

@@ -2,24 +2,16 @@
 
 // Helpers that several test programs share: test data, modal boxes, open dialogs, port 80.
 
-#include <QAbstractButton>
-#include <QApplication>
-#include <QDirIterator>
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QMessageBox>
-#include <QMutex>
-#include <QProcess>
-#include <QTableWidget>
-#include <QTcpServer>
-#include <QTimer>
+// Qt's test, widget and network modules whole, and the system calls tests use, for every test
+// program: each includes only the project's own headers besides.
+#include <QtNetwork>
 #include <QtTest>
+#include <QtWidgets>
 
 #include <algorithm>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 // Tests run two at a time, and on machines that build beside them: what a wait expects can take
 // longer than Qt's 5 s there. The waits still end as soon as their condition holds.
