@@ -55,6 +55,10 @@ SecretKey SecretKey::load(const QString &path, const QByteArray &password)
     const QByteArray kdf = raw.mid(2, 2);
     if (kdf == "Sc") {
         key.m_encrypted = true;
+        if (password.isNull()) { // asked for first: the derivation takes seconds
+            key.m_error = QStringLiteral("%1 is encrypted: its password is needed").arg(path);
+            return key;
+        }
         QByteArray stream(keynum.size(), 0);
         if (crypto_pwhash_scryptsalsa208sha256(
                 reinterpret_cast<unsigned char *>(stream.data()), quint64(stream.size()),

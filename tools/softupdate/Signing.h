@@ -7,8 +7,9 @@
 /// verifies the other's signatures. Only the pre-hashed form is written (minisign's default).
 class SecretKey {
 public:
-    /// Reads a minisign secret key file; an encrypted one needs its password. On failure
-    /// isValid() is false and error() says why.
+    /// Reads a minisign secret key file; an encrypted one needs its password (with a null
+    /// `password` it is only found to be encrypted). On failure isValid() is false and error()
+    /// says why.
     static SecretKey load(const QString &path, const QByteArray &password);
     bool isValid() const { return m_secret.size() == 64; }
     QString error() const { return m_error; }
