@@ -20,10 +20,7 @@ PackageInfoList parseBytes(const QByteArray &bytes)
 
 PackageInfoList parseFile(const QString &name)
 {
-    QFile f(QFINDTESTDATA("data/" + name));
-    if (!f.open(QIODevice::ReadOnly))
-        qFatal("missing test data %s", qPrintable(name));
-    return DownloadManager::parseXML(&f);
+    return parseBytes(suc::test::testData(name));
 }
 
 QString sorted(const QStringSet &set)

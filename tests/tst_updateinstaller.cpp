@@ -408,20 +408,6 @@ private Q_SLOTS:
         QCOMPARE(started().size(), startsBefore);
     }
 
-    // The new version's client confirms by itself: no host code is needed.
-    void theClientConfirmsByItself()
-    {
-        const QString app = m_dir.filePath("Viewer");
-        makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2");
-        QVERIFY(suc::test::writeFile(m_dir.filePath("unpacked/app"),
-                                     "#!/bin/sh\nexec \"" SUC_EXEC_HELPER "\" host\n", 0755));
-        QCOMPARE(runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app",
-                               "-healthTimeout", "30"}),
-                 0);
-        QVERIFY2(log().contains("the new version confirmed that it runs"), qPrintable(log()));
-    }
-
     // The invariant: whether it runs through or is killed right after any of its steps, with
     // whatever an earlier run left beside the application, the updater always leaves one
     // complete application, touches nothing outside the named folders, and a second run with
