@@ -18,11 +18,6 @@ const QStringList escapes {"/tmp/suc-escape-dotdot.txt", "/tmp/suc-escape-absolu
                            "/tmp/suc-escape-link.txt", "/suc-escape-rel.txt",
                            "/tmp/suc-escape-rel.txt"};
 
-void writeFile(const QString &path, qint64 size, bool executable)
-{
-    suc::test::writeFile(path, QByteArray(size, 'x'), executable ? 0755 : 0644);
-}
-
 } // namespace
 
 class TestInstallation : public QObject {
@@ -181,7 +176,8 @@ private Q_SLOTS:
         QTemporaryDir dir;
         for (const QString &file : files) {
             const QStringList parts = file.split(':');
-            writeFile(dir.filePath(parts.at(0)), parts.at(1).toLongLong(), parts.at(2) == "x");
+            suc::test::writeFile(dir.filePath(parts.at(0)), QByteArray(parts.at(1).toInt(), 'x'),
+                                 parts.at(2) == "x" ? 0755 : 0644);
         }
         DownloadManager manager;
         QTEST(manager.findDefaultExecutable(QDir(dir.path())), "expected");
@@ -194,7 +190,7 @@ private Q_SLOTS:
         QTemporaryDir dir;
         const QString file = dir.filePath("pkg.zip");
         if (onDisk >= 0)
-            writeFile(file, onDisk, false);
+            suc::test::writeFile(file, QByteArray(onDisk, 'x'));
         DownloadManager manager;
         QVERIFY(!manager.hasInstallPackage());
         qv::PackageInfo info;

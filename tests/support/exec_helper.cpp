@@ -3,9 +3,9 @@
 //   exec_helper host
 //   exec_helper startUpdate <updater> <oldDir> <newDir> <exe>   (through the slot, by name)
 //   exec_helper runZipInstaller <archive> <folder to choose>
-//   exec_helper completeInstall <catalogue URL> <trusted key> [later|later-crash]
-//                                    (check, Install, Restart now; or Restart later, then quit,
-//                                     or end without a normal quit)
+//   exec_helper completeInstall <catalogue URL> <trusted key> [later-crash]
+//                                    (check, Install, Restart now; or Restart later, then end
+//                                     without a normal quit)
 //   exec_helper start <trusted key>  (a host that only starts, in CompleteInstall)
 // Exit code 3 means the call returned (the process was not replaced), 4 that runZipInstaller
 // rethrew an archive error.
@@ -79,9 +79,8 @@ int main(int argc, char **argv)
         return 3;
     }
     if (args.value(1) == u"completeInstall" && (args.size() == 4 || args.size() == 5)) {
-        // With "later" as a fifth argument, "Restart later" is chosen and the host then quits.
-        const bool later = args.value(4).startsWith(u"later");
-        const bool crash = args.value(4) == u"later-crash"; // ends without a normal quit
+        // With "later-crash", "Restart later" is chosen and the host ends without a normal quit.
+        const bool later = args.value(4) == u"later-crash";
         // A host of version 2.9 that installs what its signed catalogue offers, answering every
         // box (printed) with Proceed, Restart now or OK. Exit 5 after an "Installation failed"
         // box; "Restart now" replaces the process with the updater.
@@ -95,7 +94,7 @@ int main(int argc, char **argv)
         client.setInteractive(false);
         QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
         auto *answer = new QTimer(&app);
-        QObject::connect(answer, &QTimer::timeout, [later, crash] {
+        QObject::connect(answer, &QTimer::timeout, [later] {
             auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
             if (!box)
                 return;
@@ -106,11 +105,7 @@ int main(int argc, char **argv)
             const QString restart
                 = later ? QStringLiteral("Restart later") : QStringLiteral("Restart now");
             if (later && box->windowTitle() == u"Restart required")
-                QTimer::singleShot(0, [crash] {
-                    if (crash)
-                        _exit(0);
-                    QCoreApplication::quit();
-                });
+                QTimer::singleShot(0, [] { _exit(0); });
             for (QAbstractButton *b : box->buttons()) {
                 if (b->text() == u"Proceed" || b->text() == restart || b->text() == u"OK") {
                     b->click();
