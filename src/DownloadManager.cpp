@@ -447,7 +447,8 @@ void DownloadManager::downloadResult(RequestPtr request)
     const QString fileName = file ? file->fileName() : QString();
     qint64 size = 0;
     // Only what this download wrote counts: a refused target was never opened.
-    if (file && file->isOpen()) {
+    const bool written = file && file->isOpen();
+    if (written) {
         file->close();
         size = file->size();
     }
@@ -455,6 +456,10 @@ void DownloadManager::downloadResult(RequestPtr request)
     // A receiver may delete the manager, so each emission checks that it is still there.
     const QPointer<DownloadManager> self(this);
     if (quint64(size) < quint64(package->fileSize)) {
+        // Checked against a signed catalogue, a short file is no more the published package
+        // than a changed one: it does not stay either (nobody may be listening to clean up).
+        if (written && !trustedKeyTexts.isEmpty())
+            FileUtils::erase(fileName);
         Q_EMIT downloadFailure(*package, fileName);
         if (self)
             Q_EMIT downloadFailure(request->statusCode());

@@ -111,8 +111,8 @@ public:
     /// delivers nothing unless it verifies, its serial is not lower than one accepted before from
     /// that server, and it has not expired; packages without a sha256 are not delivered; and a
     /// download succeeds only when its SHA-256 is the published one (else the file is erased and
-    /// downloadVerificationFailed() follows downloadFailure()). A key that cannot be read is
-    /// refused with a log line; trust stays on.
+    /// downloadVerificationFailed() follows downloadFailure()); a short one is erased too. A key
+    /// that cannot be read is refused with a log line; trust stays on.
     void setTrustedKeys(const QStringList &publicKeys);
     QStringList trustedKeys() const { return trustedKeyTexts; }
 
