@@ -35,7 +35,8 @@ class TestTrust : public QObject {
 
     static QSettings store()
     {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-trust", "Viewer");
+        return QSettings(QSettings::IniFormat, QSettings::UserScope,
+                         QCoreApplication::organizationName(), "Viewer");
     }
     QString url(const QByteArray &path = "/list.xml") const
     {
@@ -154,7 +155,9 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest-trust");
+        // A store of its own: another run of this program may be going on beside it.
+        QCoreApplication::setOrganizationName(
+            QStringLiteral("SucTest-trust-%1").arg(QCoreApplication::applicationPid()));
         QCoreApplication::setApplicationName("Viewer");
         SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
         m_signer.reset(new MinisignTool(m_dir.filePath("keys")));
@@ -173,6 +176,11 @@ private Q_SLOTS:
                                               : Response::error(404, "<html>not here</html>");
         });
         SUC_LISTEN_ON_PORT_80(m_server);
+    }
+    void cleanupTestCase()
+    {
+        QFile::remove(store().fileName());
+        QDir().rmdir(QFileInfo(store().fileName()).path());
     }
     void init()
     {
@@ -521,7 +529,7 @@ private Q_SLOTS:
             QCOMPARE(unpackedVersions(), QStringList {"genuine"});
         } else {
             // The file handed on is the verified first download; the second, the attacker's,
-            // was erased by its own verification.
+            // was erased by its own check (changed, or shorter than published).
             QTRY_COMPARE(served, 2);
             QTRY_COMPARE_WITH_TIMEOUT(downloadedFiles(archive), QList<QByteArray> {genuine}, 30000);
         }
