@@ -416,6 +416,23 @@ private Q_SLOTS:
         }
     }
 
+    // A download shorter than published does not stay either, whoever listens (the download of
+    // a second Install press has nobody to clean up after it).
+    void shortDownloadIsErased()
+    {
+        m_files["/dl/viewer-3.0.tar.gz"] = m_package.left(4000);
+        DownloadManager manager {QUrl(url())};
+        manager.setTrustedKeys({m_signer->publicKey()});
+        PackageInfo package;
+        package.url = QUrl(url("/dl/viewer-3.0.tar.gz"));
+        package.fileSize = m_package.size();
+        package.sha256 = QCryptographicHash::hash(m_package, QCryptographicHash::Sha256).toHex();
+        QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        manager.startDownload(package, m_dir.filePath("short.tar.gz"));
+        QVERIFY(failed.wait(10000));
+        QVERIFY(!QFileInfo::exists(m_dir.filePath("short.tar.gz")));
+    }
+
     // CompleteInstall: the verified package is unpacked before the restart question and must
     // hold the program (named like the running one); without trusted keys it installs nothing,
     // and is handled as without CompleteInstall, with a log line. ("delta": a delta from 2.9.1 is
