@@ -32,7 +32,8 @@ cmd_test() {
   local build=build/test
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DSUC_SANITIZE=ON -DSUC_BUILD_TESTS=ON
   cmake --build "$build" -j2
-  QT_QPA_PLATFORM=offscreen ctest --test-dir "$build" --output-on-failure --timeout 900
+  # Two at a time: every test keeps its own ports, folders and settings.
+  QT_QPA_PLATFORM=offscreen ctest --test-dir "$build" -j2 --output-on-failure --timeout 900
 }
 
 cmd_coverage() {
