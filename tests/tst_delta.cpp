@@ -206,11 +206,13 @@ private Q_SLOTS:
                             + common),
                  0);
         QByteArray output; // the release of a package without one given: as listed
-        QCOMPARE(softupdate({"add", path("site/list.xml"), path("site/Other-1.2.zip"), "--type",
-                             "Application", "--name", "App", "--release", "1.2", "--delta-from",
-                             path("site/App-1.1.zip") + "=1.1", path("site/App-1.0.zip")},
-                            &output),
-                 0);
+        QCOMPARE(
+            softupdate(QStringList {"add", path("site/list.xml"), path("site/Other-1.2.zip"),
+                                    "--release", "1.2", "--delta-from",
+                                    path("site/App-1.1.zip") + "=1.1", path("site/App-1.0.zip")}
+                           + common,
+                       &output),
+            0);
         QVERIFY2(output.contains("skipped the delta from 1.1")
                      && output.contains("skipped the delta from 1.0"),
                  output.constData());

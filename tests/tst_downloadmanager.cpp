@@ -399,9 +399,7 @@ private Q_SLOTS:
         QTemporaryDir dir;
         const QString cache = dir.filePath("cache.xml");
         QSettings settings(dir.filePath("s.ini"), QSettings::IniFormat);
-        {
-            QVERIFY(writeFile(cache, "<softwareList><package name='old'/></softwareList>"));
-        }
+        QVERIFY(writeFile(cache, "<softwareList><package name='old'/></softwareList>"));
         DownloadManager manager(settings, cache);
         QCOMPARE(manager.recentPackages(PackageInfo()).value(0).name, QString("old"));
         DownloadManager fresh(catalogueUrl());
