@@ -1,9 +1,6 @@
+#include <ClientCheck.h>
 #include <PrivateNetwork.h>
-#include <SoftwareUpdateAvailableDialog.h>
-#include <SoftwareUpdateClient.h>
-#include <SoftwareUpdateDialog.h>
 #include <TestHttpServer.h>
-#include <TestSupport.h>
 #include <qv/LogQt.h>
 
 #include <QHttpServer>
@@ -59,31 +56,6 @@ class TestClient : public QObject {
                                                 url(), nullptr));
         return m_client.data();
     }
-    // Runs a check from an open settings dialog and returns the notification line, or
-    // "<packages>" when the package list opened.
-    QString checkFromDialog()
-    {
-        if (!openDialog<SoftwareUpdateDialog>())
-            m_client->queryForUpdate({}, false);
-        SoftwareUpdateDialog *dialog = openDialog<SoftwareUpdateDialog>();
-        if (!dialog)
-            return "no dialog";
-        auto *line = dialog->findChild<QLabel *>("updateNotificationLabel");
-        Q_EMIT dialog->checkForUpdate();
-        if (!QTest::qWaitFor(
-                [&] {
-                    return openDialog<SoftwareUpdateAvailableDialog>() || !line->text().isEmpty();
-                },
-                20000))
-            return "no outcome";
-        return openDialog<SoftwareUpdateAvailableDialog>() ? "<packages>" : line->text();
-    }
-    QStringList tableNames()
-    {
-        auto *d = openDialog<SoftwareUpdateAvailableDialog>();
-        return tableRows(d ? d->findChild<QTableWidget *>("tableWidget") : nullptr, false);
-    }
-
 private Q_SLOTS:
     void initTestCase()
     {
@@ -152,16 +124,18 @@ private Q_SLOTS:
         if (twoCameras)
             m_client->setCurrentCameraVersions(
                 {{"M1004", VersionNumber("5.2.1")}, {"M1004", VersionNumber("5.2.1")}});
-        store().setValue("serverURL", url(path));
+        store().setValue("serverURL", path.startsWith("http") ? path : url(path));
         m_client->queryForUpdate({}, false);
         openDialog<SoftwareUpdateDialog>()
             ->findChild<QCheckBox *>("checkForBetaCheckBox")
             ->setChecked(beta);
         if (outcome == "No update available!" && !catalogue.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
-        const QString got = checkFromDialog();
-        QVERIFY2(got.contains(outcome), qPrintable(got));
-        QCOMPARE(tableNames(), packages);
+        const QStringList got = checkFromDialog(m_client.data());
+        if (outcome == "<packages>")
+            QCOMPARE(got, packages);
+        else
+            QVERIFY2(got.size() == 1 && got.first().contains(outcome), qPrintable(got.join('\n')));
         QVERIFY(
             !openDialog<SoftwareUpdateDialog>()->findChild<QWidget *>("progressBar")->isVisible());
     }
@@ -206,25 +180,15 @@ private Q_SLOTS:
             QCOMPARE(bool(openDialog<SoftwareUpdateAvailableDialog>()), interactive);
             m_client->showAvailableUpdates();
             QVERIFY(openDialog<SoftwareUpdateAvailableDialog>());
-        } else if (outcome == "up to date") {
+        } else if (outcome == "up to date") { // silent, even to an interactive client
             QCOMPARE(upToDate.size(), 1);
+            QVERIFY(!QApplication::activeModalWidget() && !openDialog<SoftwareUpdateDialog>());
         } else {
             QCOMPARE(failed.size(), 1);
             QVERIFY2(failed.first().first().toString().contains(reason),
                      qPrintable(failed.first().first().toString()));
             QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
         }
-    }
-
-    void deadServerShowsTheError()
-    {
-        TestHttpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost));
-        const quint16 port = probe.serverPort();
-        probe.close();
-        makeClient();
-        store().setValue("serverURL", QStringLiteral("http://127.0.0.1:%1/list.xml").arg(port));
-        QVERIFY(checkFromDialog().contains("Connection refused"));
     }
 
     void checkNowUsesTheTypedUrlAndStampsTheTime()
@@ -235,26 +199,12 @@ private Q_SLOTS:
         m_client->queryForUpdate({}, false);
         auto *dialog = openDialog<SoftwareUpdateDialog>();
         dialog->findChild<QLineEdit *>("updateServerLineEdit")->setText(url());
-        QCOMPARE(checkFromDialog(), QString("<packages>"));
+        QCOMPARE(checkFromDialog(m_client.data()), QStringList {"Viewer 2.10"});
         QCOMPARE(m_requests, 1);
         SoftwareUpdateSettings s;
         m_client->getCurrentSettings(&s);
         QVERIFY(s.lastCheck.secsTo(QDateTime::currentDateTime()) < 30);
         QCOMPARE(s.serverURL, QString("http://127.0.0.1:9/nothing-here.xml")); // not applied
-    }
-
-    void backgroundCheckThatFindsNothingIsSilent()
-    {
-        makeClient("2.11");
-        LogWatcher log;
-        qv::LogQt::setLevel(qv::Log::Debug);
-        m_client->checkForUpdate(0);
-        QTRY_VERIFY(log.saw("product is up to date!"));
-        qv::LogQt::setLevel(qv::Log::Warning);
-        QCOMPARE(m_requests, 1);
-        QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
-        QVERIFY(!openDialog<SoftwareUpdateDialog>());
-        QVERIFY(!QApplication::activeModalWidget());
     }
 
     void hourlyRhythm_data() { suc::test::addRows("client-hourly-rhythm"); }
@@ -360,7 +310,6 @@ private Q_SLOTS:
         for (int c = 0; c < 5; ++c)
             QCOMPARE(table->item(0, c)->text(), row0.at(c));
         QCOMPARE(table->item(3, 0)->text(), QString("P3301 Firmware 4.10"));
-        QCOMPARE(table->horizontalHeaderItem(1)->text(), QString("File Size"));
 
         auto *install = dialog->findChild<QPushButton *>("installPushButton");
         auto *download = dialog->findChild<QPushButton *>("downloadPushButton");
@@ -437,9 +386,7 @@ private Q_SLOTS:
             r.status = status;
             return r;
         });
-        if (!packages.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads always use port 80, and 127.0.0.1:80 cannot be bound here "
-                  "(run as root to get a network namespace of its own)");
+        SUC_LISTEN_ON_PORT_80(packages);
         m_catalogue = "<softwareList base-url='http://127.0.0.1/dl/'><package-set "
                       "type='Application' name='Viewer' "
                       "status='STABLE'><package release='3.0' url='"
@@ -455,7 +402,6 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(answerer.seen.size() >= answers.size(), 10000);
         QTRY_VERIFY(!QApplication::activeModalWidget());
         QVERIFY2(answerer.seen.last().startsWith(box), qPrintable(answerer.seen.join('\n')));
-        QVERIFY(!QApplication::activeModalWidget());
         if (downloads)
             QTRY_VERIFY(!openDialog<QProgressDialog>());
         // The ZIP archive goes once its unpacking, which nobody waits for, has finished.
@@ -490,8 +436,7 @@ private Q_SLOTS:
             busy.headers << qMakePair(QByteArray("Retry-After"), QByteArray("1"));
             return busy;
         });
-        if (!packages.listen(QHostAddress::LocalHost, 80))
-            QSKIP("package downloads use port 80, and 127.0.0.1:80 cannot be bound here");
+        SUC_LISTEN_ON_PORT_80(packages);
         m_catalogue = "<softwareList><package type='Application' name='Viewer' status='STABLE' "
                       "release='3.0' url='http://127.0.0.1/dl/viewer.tar.gz' file-size='3000'/>"
                       "</softwareList>";

@@ -1,10 +1,7 @@
+#include <ClientCheck.h>
 #include <DownloadManager.h>
 #include <PrivateNetwork.h>
-#include <SoftwareUpdateAvailableDialog.h>
-#include <SoftwareUpdateClient.h>
-#include <SoftwareUpdateDialog.h>
 #include <TestHttpServer.h>
-#include <TestSupport.h>
 #include <qv/LogQt.h>
 #include <qv/UpdateState.h>
 
@@ -133,23 +130,7 @@ class TestTrust : public QObject {
         return found;
     }
 
-    QString checkFromDialog()
-    {
-        m_client->queryForUpdate({}, false);
-        auto *dialog = openDialog<SoftwareUpdateDialog>();
-        auto *line = dialog->findChild<QLabel *>("updateNotificationLabel");
-        line->clear();
-        Q_EMIT dialog->checkForUpdate();
-        if (!QTest::qWaitFor(
-                [&] {
-                    return openDialog<SoftwareUpdateAvailableDialog>() || !line->text().isEmpty();
-                },
-                20000))
-            return "no outcome";
-        if (auto *available = openDialog<SoftwareUpdateAvailableDialog>())
-            return tableRows(available->findChild<QTableWidget *>("tableWidget"), false).join(',');
-        return line->text();
-    }
+    QString checkFromDialog() { return suc::test::checkFromDialog(m_client.data()).join(','); }
 
 private Q_SLOTS:
     void initTestCase()
