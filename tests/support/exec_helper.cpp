@@ -78,19 +78,26 @@ int main(int argc, char **argv)
         }
         return 3;
     }
-    if (args.value(1) == u"completeInstall" && (args.size() == 4 || args.size() == 5)) {
-        // With "later-crash", "Restart later" is chosen and the host ends without a normal quit.
+    const bool start = args.value(1) == u"start" && args.size() == 3;
+    if (start || (args.value(1) == u"completeInstall" && (args.size() == 4 || args.size() == 5))) {
+        // A host of version 2.9 in CompleteInstall. "start": it only runs (an update left for
+        // later goes in now). "completeInstall": it installs what its signed catalogue offers,
+        // answering every box (printed) with Proceed, Restart now or OK; exit 5 after an
+        // "Installation failed" box; "Restart now" replaces the process with the updater. With
+        // "later-crash", "Restart later" is chosen and the host ends without a normal quit.
         const bool later = args.value(4) == u"later-crash";
-        // A host of version 2.9 that installs what its signed catalogue offers, answering every
-        // box (printed) with Proceed, Restart now or OK. Exit 5 after an "Installation failed"
-        // box; "Restart now" replaces the process with the updater.
         QStandardPaths::setTestModeEnabled(true);
         QCoreApplication::setOrganizationName("SucTestHelper");
         QCoreApplication::setApplicationName("Viewer");
         qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
         qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::CompleteInstall);
-        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9"), args.at(2), nullptr);
-        client.setTrustedKeys({args.at(3)});
+        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9"),
+                                        start ? "http://127.0.0.1:9/x" : args.at(2), nullptr);
+        client.setTrustedKeys({args.at(start ? 2 : 3)});
+        if (start) {
+            QTimer::singleShot(10000, [] { QCoreApplication::exit(3); });
+            return app.exec();
+        }
         client.setInteractive(false);
         QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
         auto *answer = new QTimer(&app);
@@ -120,19 +127,6 @@ int main(int argc, char **argv)
         });
         client.checkForUpdate(0);
         QTimer::singleShot(30000, [] { QCoreApplication::exit(3); });
-        return app.exec();
-    }
-    if (args.value(1) == u"start" && args.size() == 3) {
-        // The same host started again: it only runs (an update left for later goes in now).
-        QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTestHelper");
-        QCoreApplication::setApplicationName("Viewer");
-        qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
-        qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::CompleteInstall);
-        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9"), "http://127.0.0.1:9/x",
-                                        nullptr);
-        client.setTrustedKeys({args.at(2)});
-        QTimer::singleShot(10000, [] { QCoreApplication::exit(3); });
         return app.exec();
     }
     std::fprintf(stderr,
