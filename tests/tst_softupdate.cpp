@@ -342,28 +342,16 @@ private Q_SLOTS:
         const QString package = writeFile("viewer-2.10.tar.gz", body);
         const QString catalogue = m_dir.filePath("list.xml");
         QFile::remove(catalogue);
-        const QStringList common {"--type", "Application", "--name", "Viewer"};
-        QCOMPARE(softupdate(QStringList {"add", catalogue, package} << common << "--release"
-                                                                    << "2.10"
-                                                                    << "--platform"
-                                                                    << "linux"
-                                                                    << "--platform"
-                                                                    << "win32"
-                                                                    << "--release-notes"
-                                                                    << "de=http://x/de.html"
-                                                                    << "--base-url"
-                                                                    << "http://dl.example.test/"
-                                                                    << "--expires"
-                                                                    << "2030-01-31")
+        const QStringList common {"--type", "Application", "--name", "Viewer", "--release"};
+        QCOMPARE(softupdate(QStringList {"add", catalogue, package} + common
+                            + QStringList {"2.10", "--platform", "linux", "--platform", "win32",
+                                           "--release-notes", "de=http://x/de.html", "--base-url",
+                                           "http://dl.example.test/", "--expires", "2030-01-31"})
                      .code,
                  0);
         const QString beta = writeFile("viewer-2.11.tar.gz", body);
-        const QStringList second = QStringList {"add", catalogue, beta} << common << "--release"
-                                                                        << "2.11"
-                                                                        << "--status"
-                                                                        << "BETA"
-                                                                        << "--lifetime"
-                                                                        << "30";
+        const QStringList second = QStringList {"add", catalogue, beta} + common
+            + QStringList {"2.11", "--status", "BETA", "--lifetime", "30"};
         // Published twice, the same file keeps one entry.
         QCOMPARE(softupdate(second).code, 0);
         const Run again = softupdate(second);
