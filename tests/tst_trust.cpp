@@ -173,11 +173,11 @@ private Q_SLOTS:
         m_redirects.clear();
         m_packageAnswer = nullptr;
         m_asked.clear();
-        m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url(), nullptr));
-        m_client->setTrustedKeys({m_signer->publicKey()});
+        restartClient();
     }
     void cleanup()
     {
+        SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall);
         m_client.reset();
         suc::test::closeAllWindows();
         qunsetenv("TMPDIR");
@@ -430,9 +430,6 @@ private Q_SLOTS:
         QVERIFY(!body.isEmpty());
         m_files["/dl/" + archive.toUtf8()] = body;
         m_files["/dl/viewer.delta"] = "SUCDELTA but nothing else";
-        m_packageAnswer = [this](const TestHttpServer::Request &r) {
-            return Response::ok(m_files.value(r.target));
-        };
         const QByteArray deltaHash
             = QCryptographicHash::hash(m_files["/dl/viewer.delta"], QCryptographicHash::Sha256)
                   .toHex();
@@ -444,8 +441,6 @@ private Q_SLOTS:
                                    + deltaHash + "'/></package></package-set>"));
         publish(xml, m_signer.data());
         SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
-        const auto restore = qScopeGuard(
-            [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
         restartClient();
         if (!keys)
             m_client->setTrustedKeys({});
@@ -505,8 +500,6 @@ private Q_SLOTS:
         publish(catalogue(7, future(), false, archive, genuine), m_signer.data());
         if (complete)
             SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::CompleteInstall);
-        const auto restore = qScopeGuard(
-            [] { SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall); });
         restartClient();
         LogWatcher log;
         QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
@@ -562,9 +555,6 @@ private Q_SLOTS:
         chmod(QFile::encodeName(app).constData(), 0755);
         const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper");
         m_files["/dl/viewer-3.0.zip"] = body;
-        m_packageAnswer = [this](const TestHttpServer::Request &r) {
-            return Response::ok(m_files.value(r.target));
-        };
         publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
 
         QProcess host;
@@ -685,9 +675,6 @@ private Q_SLOTS:
                                                 "yes > \"" + marker.toUtf8()
                                                     + "\"\nexec \"" SUC_EXEC_HELPER "\" host");
         m_files["/dl/viewer-3.0.zip"] = body;
-        m_packageAnswer = [this](const TestHttpServer::Request &r) {
-            return Response::ok(m_files.value(r.target));
-        };
         publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("XDG_STATE_HOME", parent.filePath("state"));
