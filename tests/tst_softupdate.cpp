@@ -221,25 +221,24 @@ private Q_SLOTS:
         QFile package(dir.filePath("www/viewer-3.0.tar.gz"));
         QVERIFY(suc::test::writeFile(package.fileName(), body));
         const QString list = dir.filePath("www/list.xml");
-        QCOMPARE(softupdate({"add", list, package.fileName(), "--type", "Application", "--name",
-                             "Viewer", "--release", "3.0", "--base-url", "http://127.0.0.1/"})
-                     .code,
-                 0);
-        QCOMPARE(softupdate({"sign", list, "--key", keys.secretKeyFile()}).code, 0);
+        // Publishes the package as `release` (the catalogue made anew when asked), and signs.
+        const auto publish = [&](const QString &release, bool anew, const QStringList &extra,
+                                 const QStringList &signExtra) {
+            if (anew && !(QFile::remove(list) && QFile::remove(list + ".minisig")))
+                return false;
+            const QStringList add {"add",    list,          package.fileName(),
+                                   "--type", "Application", "--name",
+                                   "Viewer", "--base-url",  "http://127.0.0.1/"};
+            return softupdate(add + extra + QStringList {"--release", release}).code == 0
+                && softupdate(QStringList {"sign", list, "--key", keys.secretKeyFile()} + signExtra)
+                       .code
+                == 0;
+        };
+        QVERIFY(publish("3.0", false, {}, {}));
 
         const QString conf = writeFile(
             "nginx.conf",
-            QString("daemon off; worker_processes 1; user root; pid %1/nginx.pid; error_log "
-                    "%1/error.log;\n"
-                    "events { worker_connections 64; }\n"
-                    "http { access_log %1/access.log; client_body_temp_path %1/tmp; "
-                    "proxy_temp_path %1/tmp; "
-                    "fastcgi_temp_path %1/tmp;\n"
-                    "  uwsgi_temp_path %1/tmp; scgi_temp_path %1/tmp; types { text/xml xml; }\n"
-                    "  server { listen 127.0.0.1:80; root %1/www;\n"
-                    "    location = /big.tar.gz { limit_rate 8m; } } }\n")
-                .arg(dir.path())
-                .toUtf8());
+            QString::fromUtf8(suc::test::testData("nginx.conf")).arg(dir.path()).toUtf8());
         QProcess nginx;
         nginx.start(QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}),
                     {"-c", conf, "-p", dir.path(), "-e", dir.filePath("error.log")});
@@ -266,27 +265,13 @@ private Q_SLOTS:
         // published catalogue, warns before any client sees it.
         const QString published = dir.filePath("published.xml");
         QVERIFY(QFile::copy(list, published));
-        const auto rebuild = [&](const QStringList &extra, const QStringList &signExtra) {
-            QFile::remove(list);
-            QFile::remove(list + ".minisig");
-            return softupdate(QStringList {"add", list, package.fileName(), "--type", "Application",
-                                           "--name", "Viewer", "--release", "3.1", "--base-url",
-                                           "http://127.0.0.1/"}
-                              << extra)
-                       .code
-                == 0
-                && softupdate(QStringList {"sign", list, "--key", keys.secretKeyFile()}
-                              << signExtra)
-                       .code
-                == 0;
-        };
-        QVERIFY(rebuild({}, {}));
+        QVERIFY(publish("3.1", true, {}, {}));
         QCOMPARE(softupdate({"lint", list, "--previous", published}).code, 0);
         const QStringList rebuilt
             = clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {}, false);
         QVERIFY2(rebuilt.value(0).startsWith("Viewer 3.1 | "), qPrintable(rebuilt.join('\n')));
         QVERIFY(QFile::remove(published) && QFile::copy(list, published));
-        QVERIFY(rebuild({"--serial", "1"}, {"--serial", "2"}));
+        QVERIFY(publish("3.1", true, {"--serial", "1"}, {"--serial", "2"}));
         const Run lower = softupdate({"lint", list, "--previous", published});
         QCOMPARE(lower.code, 1);
         QVERIFY2(lower.out.contains("serial 2 is lower than"), qPrintable(lower.out));
