@@ -64,16 +64,13 @@ private Q_SLOTS:
         DownloadManager manager;
         QSignalSpy done(&manager, &DownloadManager::unzippingDone);
         qv::LogQt::setLevel(qv::Log::Debug);
-        QTest::ignoreMessage(
-            QtDebugMsg,
-            QRegularExpression(
-                "DownloadManager::installPackage\\(\\) -> trying to extract .*a.zip to "));
-        manager.unzipPackage(dir.filePath("a.zip"));
-        QTest::ignoreMessage(
-            QtDebugMsg,
-            QRegularExpression(
-                "DownloadManager::installPackage\\(\\) -> trying to extract .*b.zip to "));
-        manager.unzipPackage(dir.filePath("b.zip"));
+        for (const QString name : {"a.zip", "b.zip"}) {
+            QTest::ignoreMessage(QtDebugMsg,
+                                 QRegularExpression("DownloadManager::installPackage\\(\\) -> "
+                                                    "trying to extract .*"
+                                                    + name + " to "));
+            manager.unzipPackage(dir.filePath(name));
+        }
         qv::LogQt::setLevel(qv::Log::Warning);
         QVERIFY(done.wait(10000));
         QVERIFY(!done.wait(200)); // the second call unpacks nothing
@@ -267,18 +264,14 @@ private Q_SLOTS:
         runZipInstallerHelper(helper, dir.path(), corpus + "/good.zip", chosen);
         QCOMPARE(helper.exitCode(), 0);
         const QStringList argv = readArgv(argvFile);
-        QCOMPARE(argv.size(), 10);
-        QCOMPARE(argv.at(0), QString("sh"));
-        QCOMPARE(argv.mid(1, 2), QStringList({"cp", "-fr"}));
-        QVERIFY(argv.at(3).startsWith(dir.path() + "/softwareupdate-"));
+        const QString unpacked = argv.value(3);
+        QVERIFY(unpacked.startsWith(dir.path() + "/softwareupdate-"));
         // The chosen folder travels as 16-bit character data: an ASCII path reads as its first
-        // character.
-        QCOMPARE(argv.at(4), QString("/"));
-        QCOMPARE(argv.mid(5, 2), QStringList({"&&rm", "-fr"}));
-        QCOMPARE(argv.at(7), argv.at(3));
-        QCOMPARE(argv.at(8), QString("&&"));
-        QCOMPARE(argv.at(9), chosen + "/bin/app");
-        QCOMPARE(filesBelow(argv.at(3)),
+        // character ("/").
+        QCOMPARE(argv,
+                 QStringList({"sh", "cp", "-fr", unpacked, "/", "&&rm", "-fr", unpacked, "&&",
+                              chosen + "/bin/app"}));
+        QCOMPARE(filesBelow(unpacked),
                  QStringList({"bin", "bin/app", "share", "share/readme.txt"}));
     }
 
