@@ -105,7 +105,7 @@ int main(int argc, char **argv)
 
     if (args.value(1) != u"update") {
         // A version the updater started: it runs a while, then quits.
-        QTimer::singleShot(lateMs + 1500, [&boxes] {
+        QTimer::singleShot(lateMs + 500, [&boxes] {
             say(QStringLiteral("boxes shown: %1").arg(boxes));
             QCoreApplication::quit();
         });

@@ -87,7 +87,7 @@ publish "$packages/PackageHost-2.2.tar.gz"
 scenario late-confirmation-in-time 10
 expect "running 2.2" "confirmed late"
 sleep 1
-[ "$(release)" = "2.2 late 2500" ] || { echo "FAIL late: $(release)"; failures=$((failures + 1)); }
+[ "$(release)" = "2.2 late 1200" ] || { echo "FAIL late: $(release)"; failures=$((failures + 1)); }
 scenario late-confirmation-too-late 1
 expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
 
