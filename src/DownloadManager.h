@@ -132,6 +132,9 @@ public:
     /// each wait; abortDownload() ends them.
     void setDownloadRetries(int count) { retryCount = qMax(0, count); }
     int downloadRetries() const { return retryCount; }
+    /// How long one second of the back-off lasts (1000 ms unless changed; at least 1): tests
+    /// shorten the waits. downloadRetrying() still tells them in seconds.
+    void setRetryUnit(int milliseconds) { retryUnitMs = qMax(1, milliseconds); }
     /// Where resumable downloads are kept: SoftwareUpdate/downloads in the user's state folder.
     static QString resumeFolder();
     /// Removes the kept partial downloads older than 30 days or of packages not in `catalogue`,
@@ -322,6 +325,7 @@ private:
     bool unpackErrorBox = true;
     bool resumeDownloads = false;
     int retryCount = 0;
+    int retryUnitMs = 1000;
     QHash<qv::RequestData *, std::shared_ptr<Job>> jobs; ///< running resumable or retried downloads
     std::shared_ptr<Job> currentJob; ///< the running one, for progress and commits
     std::shared_ptr<Job> retryingJob; ///< the one waiting for its next attempt

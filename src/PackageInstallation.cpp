@@ -167,6 +167,7 @@ void SoftwareUpdateClient::startInstall(const PackageInfo &package)
     manager->setTrustedKeys(m_trustedKeyTexts);
     manager->setResumeDownloads(m_resumeDownloads);
     manager->setDownloadRetries(m_downloadRetries);
+    manager->setRetryUnit(m_retryUnitMs);
 
     const QString link = package.url.toString();
     // Everything of this download stays inside this folder: the manager refuses a file name

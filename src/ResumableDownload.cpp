@@ -405,7 +405,7 @@ void DownloadManager::finishAttempt(RequestPtr request, const std::shared_ptr<Jo
                     startAttempt(next);
             });
         }
-        retryTimer->start(seconds * 1000);
+        retryTimer->start(seconds * retryUnitMs);
         Q_EMIT downloadRetrying(seconds, job->retries);
         return;
     }

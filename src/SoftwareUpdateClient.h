@@ -139,6 +139,9 @@ public:
     /// `count` times after a back-off, the progress dialog saying "Retrying in N s".
     void setResumeDownloads(bool on) { m_resumeDownloads = on; }
     void setDownloadRetries(int count) { m_downloadRetries = qMax(0, count); }
+    /// How long one second of the retries' back-off lasts (1000 ms unless changed; at least 1;
+    /// see qv::DownloadManager::setRetryUnit): tests shorten it.
+    void setRetryUnit(int milliseconds) { m_retryUnitMs = qMax(1, milliseconds); }
 
     /// Delta updates (off by default; CompleteInstall with trusted keys only): when the signed
     /// catalogue offers a delta from the installed release, that delta is downloaded instead of
@@ -335,6 +338,7 @@ private:
     int m_healthTimeout = kHealthTimeout;
     bool m_resumeDownloads = false;
     int m_downloadRetries = 0;
+    int m_retryUnitMs = 1000;
     bool m_deltaUpdates = false;
     qv::PackageInfo::Delta m_delta; ///< the delta being downloaded or applied
     bool m_deltaRunning = false;

@@ -442,6 +442,7 @@ private Q_SLOTS:
                       "</softwareList>";
         makeClient();
         m_client->setDownloadRetries(2);
+        m_client->setRetryUnit(500); // long enough to see the countdown, and to cancel it
         m_client->checkForUpdate(0);
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
         BoxAnswerer answerer({"Proceed"});
@@ -458,7 +459,7 @@ private Q_SLOTS:
         QTRY_VERIFY(progress() && progress()->labelText() == "Retrying in 1 s");
         if (cancel)
             Q_EMIT progress()->canceled(); // the Cancel button
-        QTest::qWait(1500);
+        QTest::qWait(700);
         QCOMPARE(packages.requests().size(), cancel ? 1 : 2);
         QTRY_COMPARE(installing.size(), cancel ? 0 : 1);
     }
