@@ -155,23 +155,14 @@ private Q_SLOTS:
         QFETCH(bool, erased);
         QFETCH(QStringList, left);
         QTemporaryDir dir;
-        QVERIFY(QDir().mkpath(dir.filePath("dl/ro")));
-        for (const char *name : {"dl/pkg.zip", "keep.txt", "dl/ro/f"}) {
-            QFile f(dir.filePath(name));
-            QVERIFY(f.open(QIODevice::WriteOnly));
-        }
+        for (const char *name : {"dl/pkg.zip", "keep.txt", "dl/ro/f"})
+            QVERIFY(suc::test::writeFile(dir.filePath(name), ""));
         QVERIFY(QFile::link(dir.path(), dir.filePath("dl/link")));
         QVERIFY(QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::ExeOwner));
         path.replace("@", dir.path());
         within.replace("@", dir.path());
         QCOMPARE(qv::FileUtils::erase(path, within), erased);
-        QStringList found;
-        QDirIterator it(dir.path(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System,
-                        QDirIterator::Subdirectories);
-        while (it.hasNext())
-            found << QDir(dir.path()).relativeFilePath(it.next());
-        found.sort();
-        QCOMPARE(found, left);
+        QCOMPARE(suc::test::filesBelow(dir.path()), left);
         QFile::setPermissions(dir.filePath("dl/ro"),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
