@@ -487,14 +487,11 @@ private Q_SLOTS:
         const QByteArray genuine = packApplication(archive, programName());
         const QByteArray attackers = packApplication(archive, programName(), "attacker");
         int served = 0;
-        // The first answer drips (the download is running when Install is pressed again); any
-        // later one is the attacker's, at once: it ends, refused, while the first still runs.
+        // The first answer comes late (the download is running when Install is pressed again);
+        // any later one is the attacker's, at once: it ends, refused, while the first still runs.
         m_packageAnswer = [&](const TestHttpServer::Request &) {
             Response r = Response::ok(served == 0 ? genuine : attackers);
-            if (served++ == 0) {
-                r.mode = Response::Drip;
-                r.dripIntervalMs = 2;
-            }
+            r.delayMs = served++ == 0 ? 1500 : 0;
             return r;
         };
         publish(catalogue(7, future(), false, archive, genuine), m_signer.data());

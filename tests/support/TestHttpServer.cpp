@@ -93,8 +93,20 @@ void TestHttpServer::onReadyRead(QTcpSocket *socket)
 
 void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
 {
-    const Response r
-        = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
+    Response r = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
+    if (r.delayMs > 0) {
+        QPointer<QTcpSocket> guard(socket);
+        QTimer::singleShot(r.delayMs, this, [this, guard, r] {
+            if (guard)
+                send(guard, r);
+        });
+        return;
+    }
+    send(socket, r);
+}
+
+void TestHttpServer::send(QTcpSocket *socket, const Response &r)
+{
     if (r.mode == Response::HangUp) {
         socket->disconnectFromHost();
         return;

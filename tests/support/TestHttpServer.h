@@ -31,6 +31,7 @@ public:
         qint64 missing = 0;
         qint64 sendBeforeStall = 0;
         int dripIntervalMs = 50;
+        int delayMs = 0; ///< the whole answer only after this long
 
         static Response ok(const QByteArray &body,
                            const QByteArray &type = "application/octet-stream");
@@ -58,6 +59,7 @@ private:
     void onNewConnection();
     void onReadyRead(QTcpSocket *socket);
     void respond(QTcpSocket *socket, const Request &request);
+    void send(QTcpSocket *socket, const Response &r);
 
     Handler m_handler;
     QList<Request> m_requests;
