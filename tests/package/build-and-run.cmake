@@ -19,7 +19,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${hostbuild}"
 if(rc)
   message(FATAL_ERROR "configuring the host against the installed package failed")
 endif()
-execute_process(COMMAND ${CMAKE_COMMAND} --build "${hostbuild}" RESULT_VARIABLE rc)
+execute_process(COMMAND ${CMAKE_COMMAND} --build "${hostbuild}" --parallel 2 RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "building the host failed")
 endif()
