@@ -466,8 +466,8 @@ private Q_SLOTS:
     {
         QFETCH(bool, encrypted);
         QFETCH(QString, signer);
-        // A plain pair for all rows; the encrypted one (password "pw") made by minisign once,
-        // in tests/data/keys: each use of it costs a slow key derivation.
+        // A plain pair for all rows; the encrypted one (password "pw", cheap to derive) is in
+        // tests/data/keys.
         QString pub = m_dir.filePath("plain.pub"), sec = m_dir.filePath("plain.key");
         if (encrypted) {
             pub = QStringLiteral(SUC_TEST_DATA_DIR "/keys/encrypted.pub");
