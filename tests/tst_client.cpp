@@ -411,12 +411,7 @@ private Q_SLOTS:
     }
 
     // With retries, the progress dialog says when the next attempt comes; Cancel ends them.
-    void retriesShowInTheProgressDialog_data()
-    {
-        QTest::addColumn<bool>("cancel");
-        QTest::newRow("503, then the file") << false;
-        QTest::newRow("cancelled while waiting") << true;
-    }
+    void retriesShowInTheProgressDialog_data() { suc::test::addRows("client-retries"); }
     void retriesShowInTheProgressDialog()
     {
         QFETCH(bool, cancel);

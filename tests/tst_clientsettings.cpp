@@ -178,9 +178,7 @@ private Q_SLOTS:
 
     void applyDialogSettingsWritesAndSwitchesTimer_data()
     {
-        QTest::addColumn<bool>("doCheck");
-        QTest::newRow("checking on") << true;
-        QTest::newRow("checking off") << false;
+        suc::test::addRows("clientsettings-apply-dialog-settings");
     }
     void applyDialogSettingsWritesAndSwitchesTimer()
     {

@@ -230,21 +230,8 @@ private Q_SLOTS:
     // What steers an update (journal, lock, health confirmation, roll-back note) cannot be turned
     // against the user: a link planted there never leads the updater to write elsewhere, a folder
     // never counts as a confirmation, and a crashing version is still rolled back.
-    void plantedSideFiles_data()
-    {
-        QTest::addColumn<QString>("path"); // "@" is the application folder
-        QTest::addColumn<bool>("asLink"); // else a folder
-        for (const char *name : {"journal", "lock", "health", "rolled-back"}) {
-            for (bool link : {true, false})
-                QTest::newRow(qPrintable(
-                    QString("%1 in the private folder, a %2").arg(name, link ? "link" : "folder")))
-                    << QString("private:") + name << link;
-        }
-        for (const char *beside :
-             {".update-journal", ".update-health", ".update-rolled-back", ".update-lock"})
-            QTest::newRow(qPrintable(QString("@%1 beside the application, a link").arg(beside)))
-                << QString("@") + beside << true;
-    }
+    // "path": "@" is the application folder; "asLink": else a folder.
+    void plantedSideFiles_data() { suc::test::addRows("updateinstaller-planted-side-files"); }
     void plantedSideFiles()
     {
         QFETCH(QString, path);
