@@ -48,8 +48,7 @@ class TestSoftupdate : public QObject {
                                   const SoftUpCurrentCameraVersions &cameras, bool fresh = true)
     {
         if (fresh)
-            QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest-softupdate", "Viewer")
-                .clear();
+            store().clear();
         qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9.1"), catalogueUrl,
                                         nullptr);
         client.setTrustedKeys(keys);
@@ -59,6 +58,11 @@ class TestSoftupdate : public QObject {
             rows.clear(); // the notification line: no package is offered
         suc::test::closeAllWindows();
         return rows;
+    }
+    static QSettings store()
+    {
+        return QSettings(QSettings::IniFormat, QSettings::UserScope,
+                         QCoreApplication::organizationName(), "Viewer");
     }
     static QStringList offerRows(const Run &run)
     {
@@ -76,9 +80,16 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        QCoreApplication::setOrganizationName("SucTest-softupdate");
+        // A store of its own: another run of this program may be going on beside it.
+        QCoreApplication::setOrganizationName(
+            QStringLiteral("SucTest-softupdate-%1").arg(QCoreApplication::applicationPid()));
         QCoreApplication::setApplicationName("Viewer");
         qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+    }
+    void cleanupTestCase()
+    {
+        QFile::remove(store().fileName());
+        QDir().rmdir(QFileInfo(store().fileName()).path());
     }
 
     // lint: one line per finding with its line number; exit 0 clean, 1 warnings, 2 errors. Each
