@@ -132,9 +132,9 @@ public:
     /// each wait; abortDownload() ends them.
     void setDownloadRetries(int count) { retryCount = qMax(0, count); }
     int downloadRetries() const { return retryCount; }
-    /// How long one second of the back-off lasts (1000 ms unless changed; at least 1): tests
+    /// How long one second of the back-off lasts (1000 ms unless changed; 1 to 1000): tests
     /// shorten the waits. downloadRetrying() still tells them in seconds.
-    void setRetryUnit(int milliseconds) { retryUnitMs = qMax(1, milliseconds); }
+    void setRetryUnit(int milliseconds) { retryUnitMs = qBound(1, milliseconds, 1000); }
     /// Where resumable downloads are kept: SoftwareUpdate/downloads in the user's state folder.
     static QString resumeFolder();
     /// Removes the kept partial downloads older than 30 days or of packages not in `catalogue`,

@@ -139,9 +139,9 @@ public:
     /// `count` times after a back-off, the progress dialog saying "Retrying in N s".
     void setResumeDownloads(bool on) { m_resumeDownloads = on; }
     void setDownloadRetries(int count) { m_downloadRetries = qMax(0, count); }
-    /// How long one second of the retries' back-off lasts (1000 ms unless changed; at least 1;
+    /// How long one second of the retries' back-off lasts (1000 ms unless changed; 1 to 1000;
     /// see qv::DownloadManager::setRetryUnit): tests shorten it.
-    void setRetryUnit(int milliseconds) { m_retryUnitMs = qMax(1, milliseconds); }
+    void setRetryUnit(int milliseconds) { m_retryUnitMs = qBound(1, milliseconds, 1000); }
 
     /// Delta updates (off by default; CompleteInstall with trusted keys only): when the signed
     /// catalogue offers a delta from the installed release, that delta is downloaded instead of
