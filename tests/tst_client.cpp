@@ -45,11 +45,7 @@ class TestClient : public QObject {
     {
         return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path);
     }
-    static QSettings store()
-    {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope,
-                         QCoreApplication::organizationName(), "Viewer");
-    }
+    static QSettings store() { return suc::test::clientStore(); }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
     {
         m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber(version.toStdString()),
@@ -59,12 +55,8 @@ class TestClient : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QStandardPaths::setTestModeEnabled(true);
         // A store of its own: the locale entries run this program beside itself.
-        QCoreApplication::setOrganizationName(
-            QStringLiteral("SucTest-client-%1").arg(QCoreApplication::applicationPid()));
-        QCoreApplication::setApplicationName("Viewer");
-        SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        suc::test::useOwnClientStore("client");
         m_server.route("/list.xml", [this](const QHttpServerRequest &) {
             ++m_requests;
             return QHttpServerResponse("text/xml", m_catalogue);
@@ -87,12 +79,7 @@ private Q_SLOTS:
         m_port = m_server.listen(QHostAddress::LocalHost);
         QVERIFY(m_port);
     }
-    void cleanupTestCase()
-    {
-        const QString file = store().fileName();
-        QFile::remove(file);
-        QDir().rmdir(QFileInfo(file).path());
-    }
+    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
     void init()
     {
         QFile::remove(store().fileName());

@@ -59,11 +59,7 @@ class TestSoftupdate : public QObject {
         suc::test::closeAllWindows();
         return rows;
     }
-    static QSettings store()
-    {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope,
-                         QCoreApplication::organizationName(), "Viewer");
-    }
+    static QSettings store() { return suc::test::clientStore(); }
     static QStringList offerRows(const Run &run)
     {
         QStringList rows = run.out.split('\n', Qt::SkipEmptyParts);
@@ -79,18 +75,10 @@ class TestSoftupdate : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QStandardPaths::setTestModeEnabled(true);
         // A store of its own: another run of this program may be going on beside it.
-        QCoreApplication::setOrganizationName(
-            QStringLiteral("SucTest-softupdate-%1").arg(QCoreApplication::applicationPid()));
-        QCoreApplication::setApplicationName("Viewer");
-        qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        suc::test::useOwnClientStore("softupdate");
     }
-    void cleanupTestCase()
-    {
-        QFile::remove(store().fileName());
-        QDir().rmdir(QFileInfo(store().fileName()).path());
-    }
+    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
 
     // lint: one line per finding with its line number; exit 0 clean, 1 warnings, 2 errors. Each
     // row changes one thing in a clean catalogue ("HASH" stands for its sha256).

@@ -30,11 +30,7 @@ class TestTrust : public QObject {
     QScopedPointer<QTemporaryDir> m_tmp; ///< the running test's TMPDIR
     const QByteArray m_package = QByteArray(5000, 'p');
 
-    static QSettings store()
-    {
-        return QSettings(QSettings::IniFormat, QSettings::UserScope,
-                         QCoreApplication::organizationName(), "Viewer");
-    }
+    static QSettings store() { return suc::test::clientStore(); }
     QString url(const QByteArray &path = "/list.xml") const
     {
         return QString::fromLatin1(m_server.url(path));
@@ -135,12 +131,8 @@ class TestTrust : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QStandardPaths::setTestModeEnabled(true);
         // A store of its own: another run of this program may be going on beside it.
-        QCoreApplication::setOrganizationName(
-            QStringLiteral("SucTest-trust-%1").arg(QCoreApplication::applicationPid()));
-        QCoreApplication::setApplicationName("Viewer");
-        SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+        suc::test::useOwnClientStore("trust");
         m_signer.reset(new MinisignTool(m_dir.filePath("keys")));
         m_other.reset(new MinisignTool(m_dir.filePath("keys"), "other"));
         QVERIFY2(m_signer->isValid() && m_other->isValid(),
@@ -158,11 +150,7 @@ private Q_SLOTS:
         });
         SUC_LISTEN_ON_PORT_80(m_server);
     }
-    void cleanupTestCase()
-    {
-        QFile::remove(store().fileName());
-        QDir().rmdir(QFileInfo(store().fileName()).path());
-    }
+    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
     void init()
     {
         // Each test's temporary files, the client's downloads among them, in a folder of its own.

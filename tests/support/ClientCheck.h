@@ -9,6 +9,32 @@
 
 namespace suc::test {
 
+/// The clients' settings store: "Viewer" of this program's organization.
+inline QSettings clientStore()
+{
+    return QSettings(QSettings::IniFormat, QSettings::UserScope,
+                     QCoreApplication::organizationName(), "Viewer");
+}
+
+/// Gives this test program a settings store of its own, named after `program` and its process
+/// (another run of it may be going on beside it), in Qt's test locations.
+inline void useOwnClientStore(const QString &program)
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QCoreApplication::setOrganizationName(
+        QStringLiteral("SucTest-%1-%2").arg(program).arg(QCoreApplication::applicationPid()));
+    QCoreApplication::setApplicationName("Viewer");
+    qv::SoftwareUpdateClient::sSoftUpQSettingsFormat = QSettings::IniFormat;
+}
+
+/// Removes the store of useOwnClientStore() and its folder.
+inline void removeOwnClientStore()
+{
+    const QString file = clientStore().fileName();
+    QFile::remove(file);
+    QDir().rmdir(QFileInfo(file).path());
+}
+
 /// Runs a check from the client's settings dialog, as a user does (the dialog is opened unless
 /// it is open): the rows of the package list that opens (every cell of each, with `allCells`), or
 /// else the dialog's notification line.

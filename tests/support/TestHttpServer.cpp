@@ -138,10 +138,14 @@ void TestHttpServer::send(QTcpSocket *socket, const Response &r)
         const QByteArray body = r.body;
         QPointer<QTcpSocket> guard(socket);
         connect(timer, &QTimer::timeout, socket, [guard, timer, sent, body] {
-            if (guard && *sent < body.size())
+            if (!guard || !timer->isActive())
+                return;
+            if (*sent < body.size()) {
                 guard->write(body.mid((*sent)++, 1));
-            else if (guard && timer->isActive())
-                timer->stop(), guard->disconnectFromHost();
+            } else {
+                timer->stop();
+                guard->disconnectFromHost();
+            }
         });
         timer->start(r.dripIntervalMs);
         break;
