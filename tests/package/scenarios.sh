@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # The package host, installed from its own package, updates itself from a signed catalogue served
 # on 127.0.0.1:8080 (run it in a private network: tests/in-private-network.sh), once per scenario.
+# The scenarios run in lanes side by side, each lane with a site and a home per scenario of its
+# own; within a lane they run one after the other.
 #   scenarios.sh <host build folder> <installed prefix>
 set -uo pipefail
 build=$1
@@ -11,24 +13,24 @@ trap 'kill $server 2>/dev/null; rm -rf "$work"' EXIT
 export PATH="$prefix/bin:$PATH"
 minisign -G -W -p "$work/updates.pub" -s "$work/updates.key" >/dev/null || exit 1
 key=$(sed -n 2p "$work/updates.pub")
-mkdir -p "$work/site"
-python3 -m http.server 8080 --bind 127.0.0.1 --directory "$work/site" >/dev/null 2>&1 &
+mkdir -p "$work/sites"
+python3 -m http.server 8080 --bind 127.0.0.1 --directory "$work/sites" >/dev/null 2>&1 &
 server=$!
 # The first scenario must not start before the server listens (on a loaded machine it takes a while).
 for _ in $(seq 200); do curl -s -o /dev/null http://127.0.0.1:8080/ && break; sleep 0.1; done
 failures=0
 
-# publish <package file> [add options]: a catalogue offering only it, signed.
+# publish <package file> [add options]: a catalogue offering only it, signed, on the lane's site.
 publish() {
-  rm -f "$work/site/list.xml"* "$work/site/"*.delta
-  cp "$1" "$work/site/"
+  rm -f "$site/list.xml"* "$site/"*.delta
+  cp "$1" "$site/"
   local file=${1##*/} release=${1##*-}
   release=${release%.zip}
   release=${release%.tar.gz}
   shift
-  softupdate add "$work/site/list.xml" "$work/site/$file" --type Application --name PackageHost \
-    --release "$release" --base-url http://127.0.0.1:8080/ "$@" >/dev/null &&
-    softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
+  softupdate add "$site/list.xml" "$site/$file" --type Application --name PackageHost \
+    --release "$release" --base-url "http://127.0.0.1:8080/$lane/" "$@" >/dev/null &&
+    softupdate sign "$site/list.xml" --key "$work/updates.key" >/dev/null
 }
 
 # install_old <name>: 1.0 in a home of its own.
@@ -48,8 +50,8 @@ scenario() {
   out=$home/output.txt
   : >"$out" # appended to: the versions the updater starts write there too
   HOME=$home XDG_CONFIG_HOME=$home/.config XDG_STATE_HOME=$home/.local/state \
-    QT_QPA_PLATFORM=offscreen "$app/package_host" update http://127.0.0.1:8080/list.xml "$key" "$@" \
-    >>"$out" 2>&1
+    QT_QPA_PLATFORM=offscreen "$app/package_host" update "http://127.0.0.1:8080/$lane/list.xml" \
+    "$key" "$@" >>"$out" 2>&1
   echo "exit $?" >>"$out"
 }
 
@@ -57,79 +59,103 @@ scenario() {
 expect() {
   for text in "$@"; do
     for _ in $(seq 200); do grep -qF -- "$text" "$out" && continue 2; sleep 0.1; done
-    echo "FAIL $name: no \"$text\" in:"; sed 's/^/    /' "$out"
+    fail "no \"$text\" in:"
+    sed 's/^/    /' "$out"
     cat "$home/.local/state/SoftwareUpdate/UpdateInstaller.log" 2>/dev/null | sed 's/^/    log: /'
-    failures=$((failures + 1))
     return
   done
   echo "ok   $name"
 }
+fail() {
+  echo "FAIL $name: $*"
+  failures=$((failures + 1))
+}
 release() { cat "$app/release.txt" 2>/dev/null; }
+# wait_release <text>: the installed release.txt says it within 10 s.
+wait_release() {
+  for _ in $(seq 100); do [ "$(release)" = "$1" ] && return 0; sleep 0.1; done
+  return 1
+}
 
-publish "$packages/PackageHost-2.0.zip"
-scenario install
-expect "readyToRestart: 2.0" "quit handler: work saved, quitting" "restartNow: 1" "exit 0" \
-  "running 2.0" "boxes shown: 0"
-[ "$(release)" = "2.0" ] || { echo "FAIL install: $(release)"; failures=$((failures + 1)); }
+lane_install() {
+  publish "$packages/PackageHost-2.0.zip"
+  scenario install
+  expect "readyToRestart: 2.0" "quit handler: work saved, quitting" "restartNow: 1" "exit 0" \
+    "running 2.0" "boxes shown: 0"
+  [ "$(release)" = "2.0" ] || fail "$(release)"
+  scenario refuse-quit refuse-quit
+  expect "quit handler: not now" "restartNow: 0" "exit 0"
+  wait_release 2.0 && ! grep -q "running 2.0" "$out" ||
+    fail "installed on quit, not started: $(release)"
+}
 
-scenario refuse-quit refuse-quit
-expect "quit handler: not now" "restartNow: 0" "exit 0"
-for _ in $(seq 100); do [ "$(release)" = "2.0" ] && break; sleep 0.1; done
-[ "$(release)" = "2.0" ] && ! grep -q "running 2.0" "$out" ||
-  { echo "FAIL refuse-quit: installed on quit, not started: $(release)"; failures=$((failures + 1)); }
+lane_rolled_back() {
+  publish "$packages/PackageHost-2.1.zip"
+  scenario rolled-back
+  expect "running 2.1" "updateRolledBack: 2.1 | the new program exited with code 3" "boxes shown: 0"
+  [ "$(release)" = "1.0" ] || fail "$(release)"
+}
 
-publish "$packages/PackageHost-2.1.zip"
-scenario rolled-back
-expect "running 2.1" "updateRolledBack: 2.1 | the new program exited with code 3" "boxes shown: 0"
-[ "$(release)" = "1.0" ] || { echo "FAIL rolled-back: $(release)"; failures=$((failures + 1)); }
-
-publish "$packages/PackageHost-2.2.tar.gz"
-scenario late-confirmation-in-time 10
-expect "running 2.2" "confirmed late"
-sleep 1
-[ "$(release)" = "2.2 late 1200" ] || { echo "FAIL late: $(release)"; failures=$((failures + 1)); }
-scenario late-confirmation-too-late 1
-expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
+lane_late() {
+  publish "$packages/PackageHost-2.2.tar.gz"
+  scenario late-confirmation-in-time 10
+  expect "running 2.2" "confirmed late"
+  sleep 1
+  [ "$(release)" = "2.2 late 1200" ] || fail "$(release)"
+  scenario late-confirmation-too-late 1
+  expect "running 2.2" "updateRolledBack: 2.2 | the new program did not confirm within 1 s"
+}
 
 # Delta updates: 1.0 -> 2.0 from the delta alone, or from the full package when the delta cannot
 # be used (a changed installed file, a broken or unpublished delta), never both twice. The pair
 # has changed, added, removed, renamed and unchanged files, a link and changed modes.
-head -c 300000 /dev/urandom >"$work/library"
-enrich() { # enrich <version> <shell command run inside its folder>: $work/PackageHost-<version>.zip
-  rm -rf "$work/rich-$1" && mkdir -p "$work/rich-$1" &&
-    (cd "$work/rich-$1" && cmake -E tar xf "$packages/PackageHost-$1.zip" && cd "PackageHost-$1" &&
-      mkdir lib data && echo same >data/same.txt && eval "$2" && cd .. &&
-      cmake -E tar cf "$work/PackageHost-$1.zip" --format=zip "PackageHost-$1")
-}
-enrich 1.0 'cp "$work/library" lib/libfoo.so.1 && ln -s libfoo.so.1 lib/libfoo.so &&
-  echo gone >data/removed.txt && echo "#!/bin/sh" >tool.sh && chmod 700 tool.sh'
-enrich 2.0 'cp "$work/library" lib/libfoo.so.2 && ln -s libfoo.so.2 lib/libfoo.so &&
-  seq 10000 >data/added.txt && chmod 600 data/added.txt && echo "#!/bin/sh" >tool.sh && chmod 755 tool.sh'
-old_package=$work/PackageHost-1.0.zip
-publish "$work/PackageHost-2.0.zip" --delta-from "$old_package=1.0"
-delta=$(stat -c %s "$work/site/PackageHost-2.0.zip.from-1.0.delta")
-full=$(stat -c %s "$work/PackageHost-2.0.zip")
-scenario delta delta
-expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
-  "boxes shown: 0"
-for _ in $(seq 100); do [ "$(release)" = "2.0" ] && break; sleep 0.1; done
-diff -r --no-dereference "$app" "$work/rich-2.0/PackageHost-2.0" >/dev/null &&
-  [ "$(stat -c %a "$app/data/added.txt" "$app/tool.sh" | tr '\n' ' ')" = "600 755 " ] ||
-  { echo "FAIL delta: the installed folder is not 2.0"; failures=$((failures + 1)); }
-# badly <name> <why the log gives>: the delta is not used, the full package is.
-badly() {
-  scenario "$1" delta
-  expect "is not used: $2; downloading the full package" \
-    "readyToRestart: 2.0 (downloaded $full bytes)" "running 2.0" "boxes shown: 0"
-  grep -rqs "badDeltas=" "$home/.config" || { echo "FAIL $1: not remembered"; failures=$((failures + 1)); }
-}
-# The installed library differs from the one the delta was made from.
-install_old delta-changed-source && printf 'x' >>"$work/delta-changed-source/apps/PackageHost/lib/libfoo.so.1"
-badly delta-changed-source "the installed file lib/libfoo.so.1 is not the one the delta was made from"
-# Published as it is, but broken: a payload does not decode (the catalogue lists its hash).
-site_delta=$work/site/PackageHost-2.0.zip.from-1.0.delta
-before=$(sha256sum "$site_delta" | cut -c1-64)
-python3 - "$site_delta" <<'PY'
+lane_delta() {
+  head -c 300000 /dev/urandom >"$files/library"
+  enrich() { # enrich <version> <shell command run inside its folder>: $files/PackageHost-<version>.zip
+    rm -rf "$files/rich-$1" && mkdir -p "$files/rich-$1" &&
+      (cd "$files/rich-$1" && cmake -E tar xf "$packages/PackageHost-$1.zip" &&
+        cd "PackageHost-$1" && mkdir lib data && echo same >data/same.txt && eval "$2" && cd .. &&
+        cmake -E tar cf "$files/PackageHost-$1.zip" --format=zip "PackageHost-$1")
+  }
+  enrich 1.0 'cp "$files/library" lib/libfoo.so.1 && ln -s libfoo.so.1 lib/libfoo.so &&
+    echo gone >data/removed.txt && echo "#!/bin/sh" >tool.sh && chmod 700 tool.sh'
+  enrich 2.0 'cp "$files/library" lib/libfoo.so.2 && ln -s libfoo.so.2 lib/libfoo.so &&
+    seq 10000 >data/added.txt && chmod 600 data/added.txt && echo "#!/bin/sh" >tool.sh &&
+    chmod 755 tool.sh'
+  old_package=$files/PackageHost-1.0.zip
+  publish "$files/PackageHost-2.0.zip" --delta-from "$old_package=1.0"
+  local delta full
+  delta=$(stat -c %s "$site/PackageHost-2.0.zip.from-1.0.delta")
+  full=$(stat -c %s "$files/PackageHost-2.0.zip")
+  # badly <name> <why the log gives>: the delta is not used, the full package is.
+  badly() {
+    scenario "$1" delta
+    expect "is not used: $2; downloading the full package" \
+      "readyToRestart: 2.0 (downloaded $full bytes)" "running 2.0" "boxes shown: 0"
+    grep -rqs "badDeltas=" "$home/.config" || fail "not remembered"
+  }
+  # Three chains side by side, each on a copy of the site.
+  for chain in delta-changed delta-broken; do
+    cp -r "$site" "$work/sites/$chain" &&
+      sed -i "s#8080/delta/#8080/$chain/#" "$work/sites/$chain/list.xml" &&
+      softupdate sign "$work/sites/$chain/list.xml" --key "$work/updates.key" >/dev/null
+  done
+  (
+    lane=delta-changed site=$work/sites/delta-changed
+    # The installed library differs from the one the delta was made from.
+    install_old delta-changed-source &&
+      printf 'x' >>"$work/delta-changed-source/apps/PackageHost/lib/libfoo.so.1"
+    badly delta-changed-source \
+      "the installed file lib/libfoo.so.1 is not the one the delta was made from"
+    exit "$failures"
+  ) >"$files/changed.txt" 2>&1 &
+  local changed=$!
+  (
+    lane=delta-broken site=$work/sites/delta-broken
+    # Published as it is, but broken: a payload does not decode (the catalogue lists its hash).
+    local site_delta=$site/PackageHost-2.0.zip.from-1.0.delta before
+    before=$(sha256sum "$site_delta" | cut -c1-64)
+    python3 - "$site_delta" <<'PY'
 import json, struct, subprocess, sys
 data = bytearray(open(sys.argv[1], "rb").read())
 length = struct.unpack("<I", data[8:12])[0]
@@ -140,34 +166,67 @@ for i in range(at + 14, at + entry["length"]): # the blocks, after the frame hea
     data[i] ^= 0x55
 open(sys.argv[1], "wb").write(data)
 PY
-sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$work/site/list.xml"
-softupdate sign "$work/site/list.xml" --key "$work/updates.key" >/dev/null
-badly delta-broken "data/added.txt: zstd: Data corruption detected"
-printf 'x' >>"$site_delta"
-badly delta-not-published "the download is not the delta the catalogue published"
-unset old_package
+    sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$site/list.xml"
+    softupdate sign "$site/list.xml" --key "$work/updates.key" >/dev/null
+    badly delta-broken "data/added.txt: zstd: Data corruption detected"
+    printf 'x' >>"$site_delta"
+    badly delta-not-published "the download is not the delta the catalogue published"
+    exit "$failures"
+  ) >"$files/broken.txt" 2>&1 &
+  local broken=$!
+  scenario delta delta
+  expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
+    "boxes shown: 0"
+  wait_release 2.0
+  diff -r --no-dereference "$app" "$files/rich-2.0/PackageHost-2.0" >/dev/null &&
+    [ "$(stat -c %a "$app/data/added.txt" "$app/tool.sh" | tr '\n' ' ')" = "600 755 " ] ||
+    fail "the installed folder is not 2.0"
+  wait "$changed" || failures=$((failures + $?))
+  wait "$broken" || failures=$((failures + $?))
+  cat "$files/changed.txt" "$files/broken.txt"
+}
 
 # Refused packages: the signal says why, no box is shown, nothing changes.
-publish "$packages/PackageHost-2.0.zip"
-printf 'x' >>"$work/site/PackageHost-2.0.zip"
-scenario mismatch
-expect "installFailed: 2.0 | " "does not match" "boxes shown: 0" "exit 1"
-
-repack() { # repack <name> <shell command run inside the unpacked folder>
-  rm -rf "$work/repack" && mkdir -p "$work/repack" &&
-    (cd "$work/repack" && cmake -E tar xf "$packages/PackageHost-2.0.zip" &&
-      cd PackageHost-2.0 && eval "$2" && cd .. && cmake -E tar cf "$work/$1" --format=zip PackageHost-2.0)
+lane_mismatch() {
+  publish "$packages/PackageHost-2.0.zip"
+  printf 'x' >>"$site/PackageHost-2.0.zip"
+  scenario mismatch
+  expect "installFailed: 2.0 | " "does not match" "boxes shown: 0" "exit 1"
 }
-repack PackageHost-2.0.zip 'mv package_host Package_Host'
-publish "$work/PackageHost-2.0.zip"
-scenario name-case
-expect "installFailed: 2.0 | The package holds Package_Host, not the program package_host" "exit 1"
-repack PackageHost-2.0.zip 'chmod 644 package_host'
-publish "$work/PackageHost-2.0.zip"
-scenario no-exec-bits
-expect "installFailed: 2.0 | The program package_host in the package is not marked as executable" \
-  "exit 1"
-[ "$(release)" = "1.0" ] || { echo "FAIL refused: $(release)"; failures=$((failures + 1)); }
+repack() { # repack <shell command run inside the unpacked folder>: $files/PackageHost-2.0.zip
+  rm -rf "$files/repack" && mkdir -p "$files/repack" &&
+    (cd "$files/repack" && cmake -E tar xf "$packages/PackageHost-2.0.zip" &&
+      cd PackageHost-2.0 && eval "$1" && cd .. &&
+      cmake -E tar cf "$files/PackageHost-2.0.zip" --format=zip PackageHost-2.0)
+}
+lane_name_case() {
+  repack 'mv package_host Package_Host'
+  publish "$files/PackageHost-2.0.zip"
+  scenario name-case
+  expect "installFailed: 2.0 | The package holds Package_Host, not the program package_host" \
+    "exit 1"
+}
+lane_no_exec_bits() {
+  repack 'chmod 644 package_host'
+  publish "$files/PackageHost-2.0.zip"
+  scenario no-exec-bits
+  expect "installFailed: 2.0 | The program package_host in the package is not marked as" \
+    "exit 1"
+  [ "$(release)" = "1.0" ] || fail "$(release)"
+}
 
+lanes=(install rolled_back late delta mismatch name_case no_exec_bits)
+pids=()
+for lane in "${lanes[@]}"; do
+  site=$work/sites/$lane
+  files=$work/files-$lane
+  mkdir -p "$site" "$files"
+  (lane_"$lane"; exit "$failures") >"$work/lane-$lane.txt" 2>&1 &
+  pids+=($!)
+done
+for i in "${!lanes[@]}"; do
+  wait "${pids[$i]}" || failures=$((failures + $?))
+  cat "$work/lane-${lanes[$i]}.txt"
+done
 echo "$failures scenario(s) failed"
 [ "$failures" -eq 0 ]
