@@ -1,5 +1,5 @@
 # Installs the built project into a staging prefix, builds the package host against it and runs it.
-foreach(var BUILD_DIR SOURCE_DIR CXX_FLAGS)
+foreach(var BUILD_DIR SOURCE_DIR LINK_FLAGS)
   if(NOT DEFINED ${var})
     message(FATAL_ERROR "${var} is not set")
   endif()
@@ -13,8 +13,8 @@ if(rc)
   message(FATAL_ERROR "install failed: ${rc}")
 endif()
 execute_process(COMMAND ${CMAKE_COMMAND} -S "${SOURCE_DIR}" -B "${hostbuild}"
-                        "-DCMAKE_PREFIX_PATH=${stage}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}"
-                        "-DCMAKE_EXE_LINKER_FLAGS=${CXX_FLAGS}"
+                        "-DCMAKE_PREFIX_PATH=${stage}"
+                        "-DCMAKE_EXE_LINKER_FLAGS=${LINK_FLAGS}"
                 RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "configuring the host against the installed package failed")
