@@ -479,7 +479,7 @@ private Q_SLOTS:
         // any later one is the attacker's, at once: it ends, refused, while the first still runs.
         m_packageAnswer = [&](const TestHttpServer::Request &) {
             Response r = Response::ok(served == 0 ? genuine : attackers);
-            r.delayMs = served++ == 0 ? 1500 : 0;
+            r.delayMs = served++ == 0 ? 800 : 0;
             return r;
         };
         publish(catalogue(7, future(), false, archive, genuine), m_signer.data());
