@@ -67,16 +67,8 @@ private Q_SLOTS:
         QVERIFY(QTest::qWaitForWindowExposed(&m_host));
     }
 
-    void expertRowsNeedAModifier_data()
-    {
-        QTest::addColumn<int>("key");
-        QTest::addColumn<int>("modifier");
-        QTest::addColumn<bool>("expert");
-        QTest::newRow("no modifier") << int(Qt::Key_unknown) << int(Qt::NoModifier) << false;
-        QTest::newRow("Shift held") << int(Qt::Key_Shift) << int(Qt::ShiftModifier) << true;
-        QTest::newRow("Ctrl held") << int(Qt::Key_Control) << int(Qt::ControlModifier) << true;
-        QTest::newRow("Alt held") << int(Qt::Key_Alt) << int(Qt::AltModifier) << true;
-    }
+    // Each row holds a key and its modifier while the dialog opens.
+    void expertRowsNeedAModifier_data() { suc::test::addRows("dialogs-expert-rows"); }
     void expertRowsNeedAModifier()
     {
         QFETCH(int, key);
