@@ -7,7 +7,7 @@ endforeach()
 set(stage "${BUILD_DIR}/package-stage")
 set(hostbuild "${BUILD_DIR}/package-host")
 file(REMOVE_RECURSE "${stage}" "${hostbuild}")
-execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${stage}"
+execute_process(COMMAND ${CMAKE_COMMAND} --install "${BUILD_DIR}" --prefix "${stage}" --strip
                 RESULT_VARIABLE rc OUTPUT_QUIET)
 if(rc)
   message(FATAL_ERROR "install failed: ${rc}")
