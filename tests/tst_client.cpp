@@ -394,6 +394,8 @@ private Q_SLOTS:
         };
         QTRY_COMPARE(downloadedFileExists(), fileKept);
         QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
+        for (const QFileInfo &dir : QDir::temp().entryInfoList({"softwareupdate-*"}, QDir::Dirs))
+            QCOMPARE(dir.permissions() & 0x0077, QFile::Permissions()); // the user's alone
         QVERIFY(QFileInfo::exists(QDir::temp().filePath("another-program.txt")));
     }
 

@@ -319,51 +319,7 @@ private Q_SLOTS:
         QCOMPARE(later.recentPackages(PackageInfo()).size(), 1);
     }
 
-    // A download is checked against the published hash while it streams.
-    // "ownPort": the package URL names a port other than 80.
-    void downloads_data() { suc::test::addRows("trust-downloads"); }
-    void downloads()
-    {
-        QFETCH(bool, tampered);
-        QFETCH(bool, ownPort);
-        // With trusted keys a package comes from its URL's own port (integrity is by hash).
-        TestHttpServer other([this](const TestHttpServer::Request &r) {
-            m_asked << "other:" + r.target;
-            return Response::ok(m_package);
-        });
-        QVERIFY(other.listen(QHostAddress::LocalHost));
-        QByteArray xml = catalogue(7, future());
-        if (ownPort)
-            xml.replace("http://127.0.0.1/dl/", other.url("/dl/"));
-        publish(xml, m_signer.data());
-        if (tampered)
-            m_files["/dl/viewer-3.0.tar.gz"] = QByteArray(m_package).replace(100, 1, "X");
-        const QString tmp = QDir::tempPath();
-        QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
-        BoxAnswerer answerer({"Proceed", "OK"});
-        QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
-        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
-        QTRY_VERIFY(
-            m_asked.contains(ownPort ? "other:/dl/viewer-3.0.tar.gz" : "/dl/viewer-3.0.tar.gz"));
-        // Done: the error box was answered and the folder removed, or the verified file is kept.
-        QTRY_VERIFY_WITH_TIMEOUT(tampered ? answerer.seen.size() == 2 && filesBelow(tmp).isEmpty()
-                                          : installing.size() == 1,
-                                 10000);
-        QTRY_VERIFY(!QApplication::activeModalWidget());
-        const QStringList left = filesBelow(tmp);
-        if (tampered) {
-            QCOMPARE(answerer.seen.last(),
-                     "Download Error | The downloaded package does not match the published one. "
-                     "It was deleted, and nothing was installed.");
-            QCOMPARE(left, QStringList());
-        } else {
-            QCOMPARE(left.size(), 2); // the download's own folder and the verified file in it
-            QCOMPARE(QFileInfo(tmp + "/" + left.first()).permissions() & 0x0077,
-                     QFile::Permissions());
-        }
-    }
-
-    // A download shorter than published does not stay either, whoever listens (the download of
+    // A download shorter than published is not kept, whoever listens (the download of
     // a second Install press has nobody to clean up after it).
     void shortDownloadIsErased()
     {
