@@ -50,15 +50,12 @@ class DeltaTest : public QObject {
 
     QString path(const QString &name) const { return m_dir.filePath(name); }
 
-    int softupdate(const QStringList &args, QByteArray *output = nullptr)
+    static int softupdate(const QStringList &args, QByteArray *output = nullptr)
     {
-        QProcess p;
-        p.setProcessChannelMode(QProcess::MergedChannels);
-        p.start(QStringLiteral(SUC_SOFTUPDATE), args);
-        p.waitForFinished(120000);
+        const suc::test::Run run = suc::test::run(SUC_SOFTUPDATE, args);
         if (output)
-            *output = p.readAll();
-        return p.exitCode();
+            *output = run.out.toUtf8();
+        return run.code;
     }
 
     // Builds `delta` against old/ into a fresh folder; the error, empty when it was built.

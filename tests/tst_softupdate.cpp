@@ -8,6 +8,7 @@ using qv::PackageInfoList;
 using suc::test::BoxAnswerer;
 using suc::test::MinisignTool;
 using suc::test::openDialog;
+using suc::test::Run;
 
 // nginx serves packages on port 80: this test has a loopback of its own.
 SUC_PRIVATE_NETWORK_BEFORE_MAIN
@@ -19,28 +20,13 @@ class TestSoftupdate : public QObject {
 
     QTemporaryDir m_dir;
 
-    struct Run {
-        int code;
-        QString out;
-    };
     static Run softupdate(const QStringList &args, const QByteArray &input = QByteArray())
     {
-        QProcess p;
-        p.setProcessChannelMode(QProcess::MergedChannels);
-        p.start(QStringLiteral(SUC_SOFTUPDATE), args);
-        p.write(input);
-        p.closeWriteChannel();
-        if (!p.waitForFinished(30000))
-            return {-100, QString()};
-        return {p.exitCode(), QString::fromUtf8(p.readAll())};
+        return suc::test::run(SUC_SOFTUPDATE, args, input);
     }
     static bool minisign(const QStringList &args, const QByteArray &input = QByteArray())
     {
-        QProcess p;
-        p.start("minisign", args);
-        p.write(input);
-        p.closeWriteChannel();
-        return p.waitForFinished(30000) && p.exitCode() == 0;
+        return suc::test::run("minisign", args, input).code == 0;
     }
     // What the user is offered for `catalogueUrl`, as the list shows it ("a | b | c" per row).
     // A client that has checked before (`fresh` false) keeps the serials it accepted.

@@ -54,6 +54,24 @@ inline bool writeFile(const QString &path, const QByteArray &data, int mode = 06
         && f.flush() && ::chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
 }
 
+/// What a program said (its output and errors together) and its exit code, -100 when it did not
+/// end normally within `timeoutMs`.
+struct Run {
+    int code;
+    QString out;
+};
+inline Run run(const QString &program, const QStringList &args, const QByteArray &input = {},
+               int timeoutMs = 120000)
+{
+    QProcess p;
+    p.setProcessChannelMode(QProcess::MergedChannels);
+    p.start(program, args);
+    p.write(input);
+    p.closeWriteChannel();
+    const bool ended = p.waitForFinished(timeoutMs) && p.exitStatus() == QProcess::NormalExit;
+    return {ended ? p.exitCode() : -100, QString::fromUtf8(p.readAll())};
+}
+
 /// A file of tests/data, whole; empty when it cannot be read.
 inline QByteArray testData(const QString &name)
 {
@@ -240,14 +258,7 @@ public:
     }
 
 private:
-    static bool run(const QStringList &args)
-    {
-        QProcess p;
-        p.start("minisign", args);
-        p.closeWriteChannel();
-        return p.waitForFinished(20000) && p.exitStatus() == QProcess::NormalExit
-            && p.exitCode() == 0;
-    }
+    static bool run(const QStringList &args) { return test::run("minisign", args).code == 0; }
     QString m_pub;
     QString m_sec;
     bool m_ok = false;
