@@ -151,37 +151,11 @@ private Q_SLOTS:
             QCOMPARE(served, qint64(m_body.size()));
     }
 
-    // A check removes kept downloads that are old, no longer published, or beyond two.
+    // Kept downloads are pruned: a new one keeps only the most recent other, and a check removes
+    // those that are old, no longer published, or beyond two.
     void keptDownloadsArePruned()
     {
         const QString folder = DownloadManager::resumeFolder();
-        QVERIFY(QDir().mkpath(folder));
-        QList<PackageInfo> published;
-        for (int i = 0; i < 5; ++i) {
-            PackageInfo p = package();
-            p.url = QUrl(QString("http://127.0.0.1/dl/v%1.tar.gz").arg(i));
-            if (i != 4) // v4 is no longer in the catalogue
-                published << p;
-            // Its kept file, as a cut download leaves it (the record's name is the package's).
-            QTemporaryDir dir;
-            TestHttpServer server([&](const TestHttpServer::Request &) {
-                Response r = Response::ok(m_body.left(1000));
-                r.mode = Response::CutShort;
-                r.missing = m_body.size() - 1000;
-                return r;
-            });
-            SUC_LISTEN_ON_PORT_80(server);
-            DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
-            manager.setResumeDownloads(true);
-            QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
-            manager.startDownload(p, dir.filePath("v.tar.gz"));
-            QVERIFY(failed.wait(10000));
-            QTest::qWait(20); // distinct times: the order of the records is their age
-        }
-        // At most two packages' worth at any time: the newest download and one other.
-        QCOMPARE(QDir(folder).entryList({"*.json"}).size(), 2);
-        QDir(folder).removeRecursively();
-        QVERIFY(QDir().mkpath(folder));
         const auto keep = [&](const QString &name, int daysOld) {
             for (const char *suffix : {".json", ".part"}) {
                 QFile f(folder + "/" + name + suffix);
@@ -190,22 +164,51 @@ private Q_SLOTS:
                               QFileDevice::FileModificationTime);
             }
         };
+        // The kept files of a package are named by its URL and hash.
         const auto keyOf = [](const PackageInfo &p) {
             const QByteArray identity = p.url.toEncoded() + '\n' + p.sha256.toLatin1();
             return QString::fromLatin1(
                 QCryptographicHash::hash(identity, QCryptographicHash::Sha256).toHex().left(32));
         };
+        const auto files = [&](const QList<int> &packages, const QList<PackageInfo> &of) {
+            QStringList names;
+            for (const int i : packages)
+                names << keyOf(of.at(i)) + ".json" << keyOf(of.at(i)) + ".part";
+            names.sort();
+            return names;
+        };
+        QList<PackageInfo> published;
+        for (int i = 0; i < 4; ++i) {
+            published << package();
+            published.last().url = QUrl(QString("http://127.0.0.1/dl/v%1.tar.gz").arg(i));
+        }
+        QVERIFY(QDir().mkpath(folder));
+        for (int i = 0; i < 3; ++i)
+            keep(keyOf(published.at(i)), i + 1);
+        TestHttpServer server([&](const TestHttpServer::Request &) {
+            Response r = Response::ok(m_body.left(1000));
+            r.mode = Response::CutShort;
+            r.missing = m_body.size() - 1000;
+            return r;
+        });
+        SUC_LISTEN_ON_PORT_80(server);
+        QTemporaryDir dir;
+        DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
+        manager.setResumeDownloads(true);
+        QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
+        manager.startDownload(published.at(3), dir.filePath("v.tar.gz"));
+        QVERIFY(failed.wait(10000));
+        QCOMPARE(kept(), files({0, 3}, published));
+
+        QDir(folder).removeRecursively();
+        QVERIFY(QDir().mkpath(folder));
         keep(keyOf(published.at(0)), 1);
         keep(keyOf(published.at(1)), 40); // older than 30 days
         keep("0123456789abcdef0123456789abcdef", 1); // not published
         keep(keyOf(published.at(2)), 2);
         keep(keyOf(published.at(3)), 3); // a third one: the oldest goes
         DownloadManager::pruneResumeFolder(published);
-        QStringList expected;
-        for (const int kept : {0, 2})
-            expected << keyOf(published.at(kept)) + ".json" << keyOf(published.at(kept)) + ".part";
-        expected.sort();
-        QCOMPARE(QDir(folder).entryList(QDir::Files, QDir::Name), expected);
+        QCOMPARE(kept(), files({0, 2}, published));
     }
 
     // Transient failures are tried again after a back-off; others fail at once.
