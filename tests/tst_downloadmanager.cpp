@@ -255,15 +255,8 @@ private Q_SLOTS:
         const QDateTime now = QDateTime::currentDateTime();
         const auto at = [&now](qint64 s) { return now.addSecs(s).toString(Qt::ISODateWithMs); };
         const qint64 day = 86400, twoYears = now.addYears(-2).secsTo(now);
-        // Entries: young, just inside two years, just outside, without a time, young again.
         QVERIFY(writeFile(ini,
-                          QString("[Download]\nver=3\nserver=%1\npath=/software/list.xml\n"
-                                  "regular-check=true\nhist\\size=5\n"
-                                  "hist\\1\\version=young\nhist\\1\\time=%2\n"
-                                  "hist\\2\\version=just inside\nhist\\2\\time=%3\n"
-                                  "hist\\3\\version=too old\nhist\\3\\time=%4\n"
-                                  "hist\\4\\version=no time\n"
-                                  "hist\\5\\version=young\nhist\\5\\time=%5\n")
+                          QString::fromUtf8(testData("history.ini"))
                               .arg(catalogueUrl().toString(), at(-10 * day), at(120 - twoYears),
                                    at(-120 - twoYears), at(-day))
                               .toUtf8()));
