@@ -38,23 +38,6 @@ private Q_SLOTS:
         qv::ZipReader::setDefaultLimits({64 << 20, 1000});
     }
 
-    void unpacksAndRemovesTheArchive()
-    {
-        QTemporaryDir dir;
-        const QString archive = dir.filePath("package.zip");
-        QVERIFY(QFile::copy(corpus + "/good.zip", archive));
-        DownloadManager manager;
-        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
-        manager.unzipPackage(archive);
-        QVERIFY(done.wait(10000));
-        const QString folder = done.first().first().toString();
-        QCOMPARE(filesBelow(folder), QStringList({"bin", "bin/app", "share", "share/readme.txt"}));
-        QVERIFY(QFileInfo(folder + "/bin/app").isExecutable());
-        QVERIFY(!QFile::exists(archive));
-        QCOMPARE(manager.findDefaultExecutable(QDir(folder)), QString("bin/app"));
-        QDir(folder).removeRecursively();
-    }
-
     void oneUnpackingPerManager()
     {
         QTemporaryDir dir;
@@ -97,7 +80,7 @@ private Q_SLOTS:
         QCOMPARE(filesBelow(dir.path()), QStringList({"dl", "other.zip"}));
     }
 
-    // "failure" is a pattern of the message; empty: the archive unpacks, contained.
+    // "failure" is a pattern of the message; empty: the archive unpacks, contained, and goes.
     void hostileArchivesAreRefusedOrContained_data()
     {
         suc::test::addRows("installation-hostile-archives");
@@ -130,8 +113,15 @@ private Q_SLOTS:
             QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}), tempBefore);
         } else if (done.count()) {
             const QString folder = done.first().first().toString();
+            QVERIFY(!QFile::exists(copy)); // the archive goes once it is unpacked
             for (const QString &f : filesBelow(folder))
                 QVERIFY(!QFileInfo(folder + "/" + f).isSymLink());
+            if (archive == "good.zip") {
+                QCOMPARE(filesBelow(folder),
+                         QStringList({"bin", "bin/app", "share", "share/readme.txt"}));
+                QVERIFY(QFileInfo(folder + "/bin/app").isExecutable());
+                QCOMPARE(manager.findDefaultExecutable(QDir(folder)), QString("bin/app"));
+            }
             if (archive == "fifo.zip") // ZIP readers know no FIFOs: an empty file, never a pipe
                 QVERIFY(QFileInfo(folder + "/pipe").isFile());
             if (archive == "setuid.zip")
