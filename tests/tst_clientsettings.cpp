@@ -126,17 +126,6 @@ private Q_SLOTS:
         QTEST(cameras(*client), "read");
     }
 
-    void checkingOffStopsTheTimer()
-    {
-        writeStoreFile("[General]\ndoUpdateCheck=false\n");
-        QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        QVERIFY(!client->findChild<QTimer *>()->isActive());
-        client->enableSoftwareUpdate();
-        QVERIFY(client->findChild<QTimer *>()->isActive());
-        client->disableSoftwareUpdate();
-        QVERIFY(!client->findChild<QTimer *>()->isActive());
-    }
-
     // Junk never crashes; stored booleans read as Qt reads them (any text but "", "0" and "false"
     // is true, "no" too), and a date is whatever Qt decodes, before 1970 included.
     // Every file of tests/data/corrupt-settings; its first line says what is read back:
@@ -176,6 +165,7 @@ private Q_SLOTS:
         QCOMPARE(client->findChild<QTimer *>()->isActive(), doCheck);
     }
 
+    // The checking switch of the dialog, and of the host, turns the timer on or off.
     void applyDialogSettingsWritesAndSwitchesTimer_data()
     {
         suc::test::addRows("clientsettings-apply-dialog-settings");
@@ -201,6 +191,11 @@ private Q_SLOTS:
         QCOMPARE(read.serverURL, QString("http://typed.test/list.xml"));
         QVERIFY(read.lastCheck.isNull());
         QCOMPARE(client->findChild<QTimer *>()->isActive(), doCheck);
+        // The host's switches do the same.
+        client->enableSoftwareUpdate();
+        QVERIFY(client->findChild<QTimer *>()->isActive());
+        client->disableSoftwareUpdate();
+        QVERIFY(!client->findChild<QTimer *>()->isActive());
     }
 
     void lastCheckStoredAsDateTime()
