@@ -3,8 +3,6 @@
 #include <TestHttpServer.h>
 #include <qv/LogQt.h>
 
-#include <QHttpServer>
-
 using qv::PackageInfo;
 using qv::PackageInfoList;
 using qv::SoftwareUpdateAvailableDialog;
@@ -33,8 +31,7 @@ public Q_SLOTS:
 class TestClient : public QObject {
     Q_OBJECT
 
-    QHttpServer m_server;
-    quint16 m_port = 0;
+    TestHttpServer m_server;
     QByteArray m_catalogue;
     int m_requests = 0;
     QScopedPointer<SoftwareUpdateClient> m_client;
@@ -43,7 +40,7 @@ class TestClient : public QObject {
 
     QString url(const QString &path = "/list.xml") const
     {
-        return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path);
+        return QString::fromLatin1(m_server.url(path.toLatin1()));
     }
     static QSettings store() { return suc::test::clientStore(); }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
@@ -57,27 +54,19 @@ private Q_SLOTS:
     {
         // A store of its own: the locale entries run this program beside itself.
         suc::test::useOwnClientStore("client");
-        m_server.route("/list.xml", [this](const QHttpServerRequest &) {
-            ++m_requests;
-            return QHttpServerResponse("text/xml", m_catalogue);
+        m_server.setHandler([this](const TestHttpServer::Request &r) {
+            if (r.target == "/list.xml") {
+                ++m_requests;
+                return TestHttpServer::Response::ok(m_catalogue, "text/xml");
+            }
+            if (r.target.startsWith("/moved")) // to the catalogue, or nowhere
+                return TestHttpServer::Response::redirect(
+                    302, r.target == "/moved" ? url().toUtf8() : QByteArray());
+            if (r.target == "/junk")
+                return TestHttpServer::Response::ok("\x01\x02 not xml <<<", "text/xml");
+            return TestHttpServer::Response::error(404, "<html>gone</html>");
         });
-        m_server.route("/moved", [this](const QHttpServerRequest &) {
-            QHttpServerResponse r(QHttpServerResponse::StatusCode::Found);
-            r.setHeader("Location", url().toUtf8());
-            return r;
-        });
-        m_server.route("/moved-nowhere", [](const QHttpServerRequest &) {
-            return QHttpServerResponse(QHttpServerResponse::StatusCode::Found);
-        });
-        m_server.route("/junk", [](const QHttpServerRequest &) {
-            return QHttpServerResponse("text/xml", "\x01\x02 not xml <<<");
-        });
-        m_server.route("/missing", [](const QHttpServerRequest &) {
-            return QHttpServerResponse("text/html", "<html>gone</html>",
-                                       QHttpServerResponse::StatusCode::NotFound);
-        });
-        m_port = m_server.listen(QHostAddress::LocalHost);
-        QVERIFY(m_port);
+        QVERIFY(m_server.listen(QHostAddress::LocalHost));
     }
     void cleanupTestCase() { suc::test::removeOwnClientStore(); }
     void init()

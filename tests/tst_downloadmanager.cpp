@@ -6,8 +6,6 @@
 #include <qv/LogQt.h>
 #include <qv/NodeDB.h>
 
-#include <QHttpServer>
-
 using qv::DownloadManager;
 using qv::PackageInfo;
 using qv::PackageInfoList;
@@ -46,8 +44,7 @@ public Q_SLOTS:
 class TestDownloadManager : public QObject {
     Q_OBJECT
 
-    QHttpServer m_catalogueServer;
-    quint16 m_cataloguePort = 0;
+    TestHttpServer m_catalogueServer;
     QByteArray m_catalogue;
     QByteArray m_cookie;
     int m_catalogueStatus = 200;
@@ -56,7 +53,7 @@ class TestDownloadManager : public QObject {
 
     QUrl catalogueUrl(const QString &path = "/software/list.xml") const
     {
-        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_cataloguePort).arg(path));
+        return QUrl(QString::fromLatin1(m_catalogueServer.url(path.toLatin1())));
     }
 
     // Runs one query to the end and returns what the manager reported.
@@ -75,15 +72,14 @@ private Q_SLOTS:
     void initTestCase()
     {
         QStandardPaths::setTestModeEnabled(true);
-        m_catalogueServer.route("/software/list.xml", [this](const QHttpServerRequest &) {
-            QHttpServerResponse response("text/xml", m_catalogue,
-                                         QHttpServerResponse::StatusCode(m_catalogueStatus));
+        m_catalogueServer.setHandler([this](const TestHttpServer::Request &) {
+            Response response = Response::ok(m_catalogue, "text/xml");
+            response.status = m_catalogueStatus;
             if (!m_cookie.isEmpty())
-                response.setHeader("Set-Cookie", m_cookie);
+                response.headers << qMakePair(QByteArray("Set-Cookie"), m_cookie);
             return response;
         });
-        m_cataloguePort = m_catalogueServer.listen(QHostAddress::LocalHost);
-        QVERIFY(m_cataloguePort != 0);
+        QVERIFY(m_catalogueServer.listen(QHostAddress::LocalHost));
     }
     void init()
     {
@@ -130,7 +126,7 @@ private Q_SLOTS:
         QCOMPARE(second.size(), 15);
         QCOMPARE(DownloadManager::countNew(second), 0);
         QCOMPARE(started.first().first().toString(),
-                 QString("http://127.0.0.1:%1").arg(m_cataloguePort));
+                 QString("http://127.0.0.1:%1").arg(m_catalogueServer.serverPort()));
 
         // Callbacks arrive queued, with the whole list, whichever way the slot spells the type.
         QVERIFY(receiver.byValue.isEmpty() || receiver.byValue.size() == 1);
