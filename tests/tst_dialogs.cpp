@@ -168,22 +168,7 @@ private Q_SLOTS:
         QVERIFY(dialog.isVisible());
     }
 
-    void threeCellsOfOneRowAreOneIndex()
-    {
-        SoftwareUpdateAvailableDialog dialog(nullptr, {});
-        dialog.setTableEntries(rows(3));
-        QTableWidget *table = child<QTableWidget>(&dialog, "tableWidget");
-        QSignalSpy changed(&dialog, &SoftwareUpdateAvailableDialog::currentItemsChangedSig);
-        table->setSelectionBehavior(QAbstractItemView::SelectItems);
-        table->setCurrentCell(1, 0, QItemSelectionModel::ClearAndSelect);
-        table->setCurrentCell(1, 2, QItemSelectionModel::Select);
-        table->setCurrentCell(1, 4, QItemSelectionModel::Select);
-        QCOMPARE(table->selectedItems().size(), 3);
-        QCOMPARE(dialog.getCurrentSelectedItems(), SoftUpIndexList {1});
-        QVERIFY(changed.count() >= 1);
-        QCOMPARE(changed.last().first().value<SoftUpIndexList>(), SoftUpIndexList {1});
-    }
-
+    // Each selected row counts once, whichever of its cells are selected.
     void selectionDrivesSignals()
     {
         SoftwareUpdateAvailableDialog dialog(nullptr, {});
