@@ -4,9 +4,7 @@
 
 #include <QDomDocument>
 
-using qv::DownloadManager;
-using qv::PackageInfo;
-using qv::PackageInfoList;
+using namespace qv;
 
 namespace {
 
@@ -75,7 +73,7 @@ class TestCatalogue : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { qv::LogQt::setLevel(qv::Log::Warning); }
+    void initTestCase() { LogQt::setLevel(Log::Warning); }
 
     void inheritanceAndPrecedence_data() { suc::test::addRows("catalogue-fields"); }
     void inheritanceAndPrecedence()

@@ -3,13 +3,7 @@
 #include <TestHttpServer.h>
 #include <qv/LogQt.h>
 
-using qv::PackageInfo;
-using qv::PackageInfoList;
-using qv::SoftwareUpdateAvailableDialog;
-using qv::SoftwareUpdateClient;
-using qv::SoftwareUpdateDialog;
-using qv::SoftwareUpdateSettings;
-using qv::VersionNumber;
+using namespace qv;
 using namespace suc::test;
 
 // Package downloads always use port 80: this test has a loopback of its own.
@@ -42,7 +36,6 @@ class TestClient : public QObject {
     {
         return QString::fromLatin1(m_server.url(path.toLatin1()));
     }
-    static QSettings store() { return suc::test::clientStore(); }
     SoftwareUpdateClient *makeClient(const QString &version = "2.9.1")
     {
         m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber(version.toStdString()),
@@ -53,7 +46,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         // A store of its own: the locale entries run this program beside itself.
-        suc::test::useOwnClientStore("client");
+        useOwnClientStore("client");
         m_server.setHandler([this](const TestHttpServer::Request &r) {
             if (r.target == "/list.xml") {
                 ++m_requests;
@@ -68,10 +61,10 @@ private Q_SLOTS:
         });
         QVERIFY(m_server.listen(QHostAddress::LocalHost));
     }
-    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
+    void cleanupTestCase() { removeOwnClientStore(); }
     void init()
     {
-        QFile::remove(store().fileName());
+        QFile::remove(clientStore().fileName());
         m_catalogue = testData("realistic.xml");
         m_requests = 0;
         // Downloads go to fresh temporary folders; give each test its own.
@@ -82,10 +75,10 @@ private Q_SLOTS:
     void cleanup()
     {
         m_client.reset();
-        suc::test::closeAllWindows();
+        closeAllWindows();
     }
 
-    void checkOutcomes_data() { suc::test::addRows("client-check-outcomes"); }
+    void checkOutcomes_data() { addRows("client-check-outcomes"); }
     void checkOutcomes()
     {
         QFETCH(QString, version);
@@ -100,7 +93,7 @@ private Q_SLOTS:
         if (twoCameras)
             m_client->setCurrentCameraVersions(
                 {{"M1004", VersionNumber("5.2.1")}, {"M1004", VersionNumber("5.2.1")}});
-        store().setValue("serverURL", path.startsWith("http") ? path : url(path));
+        clientStore().setValue("serverURL", path.startsWith("http") ? path : url(path));
         m_client->queryForUpdate({}, false);
         openDialog<SoftwareUpdateDialog>()
             ->findChild<QCheckBox *>("checkForBetaCheckBox")
@@ -119,7 +112,7 @@ private Q_SLOTS:
     // What a host hears of a check: checkStarted, then exactly one outcome; without
     // interaction no dialog opens. Each row twice, from an interactive client and from one that
     // is not ("server" is a path of the test server, or "stall").
-    void signalsTellTheOutcome_data() { suc::test::addRows("client-signals"); }
+    void signalsTellTheOutcome_data() { addRows("client-signals"); }
     void signalsTellTheOutcome()
     {
         QFETCH(QString, server);
@@ -140,9 +133,9 @@ private Q_SLOTS:
         if (trusted) // a key this unsigned server cannot meet
             m_client->setTrustedKeys(
                 {QString::fromLatin1(QByteArray(QByteArray("Ed") + QByteArray(40, 1)).toBase64())});
-        store().setValue("serverURL",
-                         server == "stall" ? QString::fromLatin1(stalled.url("/list.xml"))
-                                           : url(server));
+        clientStore().setValue("serverURL",
+                               server == "stall" ? QString::fromLatin1(stalled.url("/list.xml"))
+                                                 : url(server));
         QSignalSpy started(m_client.data(), &SoftwareUpdateClient::checkStarted);
         QSignalSpy available(m_client.data(), &SoftwareUpdateClient::updatesAvailable);
         QSignalSpy upToDate(m_client.data(), &SoftwareUpdateClient::upToDate);
@@ -170,8 +163,8 @@ private Q_SLOTS:
     void checkNowUsesTheTypedUrlAndStampsTheTime()
     {
         makeClient();
-        store().setValue("serverURL", "http://127.0.0.1:9/nothing-here.xml");
-        store().setValue("doUpdateCheck", false);
+        clientStore().setValue("serverURL", "http://127.0.0.1:9/nothing-here.xml");
+        clientStore().setValue("doUpdateCheck", false);
         m_client->queryForUpdate({}, false);
         auto *dialog = openDialog<SoftwareUpdateDialog>();
         dialog->findChild<QLineEdit *>("updateServerLineEdit")->setText(url());
@@ -183,7 +176,7 @@ private Q_SLOTS:
         QCOMPARE(s.serverURL, QString("http://127.0.0.1:9/nothing-here.xml")); // not applied
     }
 
-    void hourlyRhythm_data() { suc::test::addRows("client-hourly-rhythm"); }
+    void hourlyRhythm_data() { addRows("client-hourly-rhythm"); }
     void hourlyRhythm()
     {
         QFETCH(int, interval);
@@ -198,7 +191,7 @@ private Q_SLOTS:
             = hoursAgo < 0 ? QDateTime() : QDateTime::currentDateTime().addSecs(-3600 * hoursAgo);
         m_client->setCurrentSettings(&s);
         if (hoursAgo < 0)
-            store().remove("lastCheck");
+            clientStore().remove("lastCheck");
         LogWatcher log;
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
         // A check stamps the last check at once; without one the stamp stays.
@@ -213,11 +206,11 @@ private Q_SLOTS:
     void openSettingsDialogSuppressesTheRhythm()
     {
         makeClient();
-        store().setValue("updateInterval", 1);
+        clientStore().setValue("updateInterval", 1);
         m_client->queryForUpdate({}, false);
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
         m_client->checkForUpdate(0);
-        QVERIFY(!store().contains("lastCheck")); // a check would have stamped it at once
+        QVERIFY(!clientStore().contains("lastCheck")); // a check would have stamped it at once
         m_client->queryForUpdate({}, false); // the same dialog, raised again
         int dialogs = 0;
         for (QWidget *w : QApplication::topLevelWidgets())
@@ -225,14 +218,14 @@ private Q_SLOTS:
         QCOMPARE(dialogs, 1);
     }
 
-    void initialCheck_data() { suc::test::addRows("client-initial-check"); }
+    void initialCheck_data() { addRows("client-initial-check"); }
     void initialCheck()
     {
         QFETCH(int, interval);
         QFETCH(bool, checking);
         m_catalogue = "<softwareList/>";
-        store().setValue("updateInterval", interval);
-        store().setValue("doUpdateCheck", checking);
+        clientStore().setValue("updateInterval", interval);
+        clientStore().setValue("doUpdateCheck", checking);
         makeClient();
         LogWatcher log;
         m_client->doInitialCheck(300);
@@ -308,7 +301,7 @@ private Q_SLOTS:
     }
 
     // "languages": one firmware row each; "app" is an application row.
-    void foreignLanguageRows_data() { suc::test::addRows("client-foreign-language-rows"); }
+    void foreignLanguageRows_data() { addRows("client-foreign-language-rows"); }
     void foreignLanguageRows()
     {
         QFETCH(QString, locale);
@@ -335,7 +328,7 @@ private Q_SLOTS:
     // "box" is the last box shown; "folders" the temporary folders left (the kept file's, the
     // unpacked one). The "/.." row: the file path is "<download folder>/..", whose clean-up once
     // removed the whole temporary folder; now the download fails and only its own folder goes.
-    void installByType_data() { suc::test::addRows("client-install-by-type"); }
+    void installByType_data() { addRows("client-install-by-type"); }
     void installByType()
     {
         QFETCH(QString, file);
@@ -361,7 +354,7 @@ private Q_SLOTS:
             + file.toUtf8() + "' file-size='" + QByteArray::number(body.size())
             + "'/></package-set></softwareList>";
         makeClient();
-        store().setValue("supportedPackageTypes", "tar.gz,bin,zip,gz/");
+        clientStore().setValue("supportedPackageTypes", "tar.gz,bin,zip,gz/");
         m_client->checkForUpdate(0);
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
         BoxAnswerer answerer(answers);
@@ -389,7 +382,7 @@ private Q_SLOTS:
     }
 
     // With retries, the progress dialog says when the next attempt comes; Cancel ends them.
-    void retriesShowInTheProgressDialog_data() { suc::test::addRows("client-retries"); }
+    void retriesShowInTheProgressDialog_data() { addRows("client-retries"); }
     void retriesShowInTheProgressDialog()
     {
         QFETCH(bool, cancel);

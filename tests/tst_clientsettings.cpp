@@ -2,10 +2,8 @@
 #include <TestSupport.h>
 #include <qv/NodeDB.h>
 
-using qv::SoftwareUpdateClient;
-using qv::SoftwareUpdateSettings;
-using qv::VersionNumber;
-using suc::test::writeFile;
+using namespace qv;
+using namespace suc::test;
 
 class TestClientSettings : public QObject {
     Q_OBJECT
@@ -85,10 +83,7 @@ private Q_SLOTS:
         QCOMPARE(timer->interval(), 3600000);
     }
 
-    void storedServerWinsOverConstructor_data()
-    {
-        suc::test::addRows("clientsettings-stored-server");
-    }
+    void storedServerWinsOverConstructor_data() { addRows("clientsettings-stored-server"); }
     void storedServerWinsOverConstructor()
     {
         QFETCH(QByteArray, ini);
@@ -117,7 +112,7 @@ private Q_SLOTS:
                  QString("M1004:5.2.1,P3301:4.10"));
     }
 
-    void storedCameraTexts_data() { suc::test::addRows("clientsettings-stored-camera-texts"); }
+    void storedCameraTexts_data() { addRows("clientsettings-stored-camera-texts"); }
     void storedCameraTexts()
     {
         QFETCH(QString, stored);
@@ -168,13 +163,13 @@ private Q_SLOTS:
     // The checking switch of the dialog, and of the host, turns the timer on or off.
     void applyDialogSettingsWritesAndSwitchesTimer_data()
     {
-        suc::test::addRows("clientsettings-apply-dialog-settings");
+        addRows("clientsettings-apply-dialog-settings");
     }
     void applyDialogSettingsWritesAndSwitchesTimer()
     {
         QFETCH(bool, doCheck);
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        qv::SoftwareUpdateDialogSettings d;
+        SoftwareUpdateDialogSettings d;
         d.doUpdateCheck = doCheck;
         d.checkForBeta = true;
         d.updateInterval = 2;
@@ -215,7 +210,7 @@ private Q_SLOTS:
 
     // An application name set to empty reads back as the program's file name (Qt's own
     // default), so only the organization falls back here.
-    void storeNameFallbacks_data() { suc::test::addRows("clientsettings-store-name-fallbacks"); }
+    void storeNameFallbacks_data() { addRows("clientsettings-store-name-fallbacks"); }
     void storeNameFallbacks()
     {
         QFETCH(QString, organization);
@@ -235,14 +230,14 @@ private Q_SLOTS:
         QFile::remove(expected.fileName());
     }
 
-    void proxyComesFromHostConfiguration_data() { suc::test::addRows("clientsettings-proxy"); }
+    void proxyComesFromHostConfiguration_data() { addRows("clientsettings-proxy"); }
     void proxyComesFromHostConfiguration()
     {
         QFETCH(QString, address);
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy(address, 3128, "user", "secret"));
+        NodeDB::getDB().setGlobalProxy(NetworkProxy(address, 3128, "user", "secret"));
         const QNetworkProxy proxy = client->networkProxy();
-        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
+        NodeDB::getDB().setGlobalProxy(NetworkProxy());
         QCOMPARE(proxy.type(),
                  address.isEmpty() ? QNetworkProxy::NoProxy : QNetworkProxy::HttpProxy);
         QCOMPARE(proxy.hostName(), address);

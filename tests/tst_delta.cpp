@@ -6,8 +6,8 @@
 #include <qv/DeltaPackage.h>
 #include <qv/Sha256.h>
 
-using qv::DeltaPackage;
-using suc::test::writeFile;
+using namespace qv;
+using namespace suc::test;
 
 namespace {
 
@@ -34,7 +34,7 @@ QMap<QString, QString> describe(const QString &root)
             ? "link " + QString::number(::readlink(QFile::encodeName(path), target, 255)) + target
             : S_ISDIR(st.st_mode)
             ? QStringLiteral("folder")
-            : "file " + QString::fromLatin1(qv::Sha256::hash(suc::test::readFile(path)).toHex());
+            : "file " + QString::fromLatin1(Sha256::hash(readFile(path)).toHex());
         out.insert(path.mid(root.size()), QString::number(st.st_mode & 0777, 8) + ' ' + what);
     }
     return out;
@@ -52,10 +52,10 @@ class DeltaTest : public QObject {
 
     static int softupdate(const QStringList &args, QByteArray *output = nullptr)
     {
-        const suc::test::Run run = suc::test::run(SUC_SOFTUPDATE, args);
+        const Run done = suc::test::run(SUC_SOFTUPDATE, args);
         if (output)
-            *output = run.out.toUtf8();
-        return run.code;
+            *output = done.out.toUtf8();
+        return done.code;
     }
 
     // Builds `delta` against old/ into a fresh folder; the error, empty when it was built.
@@ -100,7 +100,7 @@ private Q_SLOTS:
         QVERIFY(writeFile(path("new/App/data/added.txt"), text, 0600));
         QCOMPARE(softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}),
                  0);
-        m_delta = suc::test::readFile(path("base.delta"));
+        m_delta = readFile(path("base.delta"));
         for (const char *side : {"old", "new"})
             QCOMPARE(
                 QProcess::execute(
@@ -109,7 +109,7 @@ private Q_SLOTS:
     }
 
     // Folders and packages, each codec: the built folder is the new version, entry for entry.
-    void roundTrip_data() { suc::test::addRows("delta-round-trip"); }
+    void roundTrip_data() { addRows("delta-round-trip"); }
     void roundTrip()
     {
         QFETCH(QString, codec);
@@ -126,14 +126,14 @@ private Q_SLOTS:
             0);
         QVERIFY2(output.contains(summary.toUtf8()) && output.contains("1 links, 2 deleted"),
                  output.constData());
-        QCOMPARE(apply(suc::test::readFile(path("trip.delta"))), QString());
+        QCOMPARE(apply(readFile(path("trip.delta"))), QString());
         QCOMPARE(describe(path("built")), describe(path("new/App")));
         // Three bzip2 streams and a zstd context at most, whatever the file sizes.
         QVERIFY(DeltaPackage::codecHeapPeak() < 32 << 20);
     }
 
     // Each flaw stops the build with its reason: nothing unverified, nothing outside the folder.
-    void refusals_data() { suc::test::addRows("delta-refusals"); }
+    void refusals_data() { addRows("delta-refusals"); }
     void refusals()
     {
         QFETCH(QString, edit);
@@ -168,7 +168,7 @@ private Q_SLOTS:
         } else if (edit == u"truncate") { // bytes cut off the end; negative: bytes kept
             delta = value.toInt() > 0 ? delta.chopped(value.toInt()) : delta.left(-value.toInt());
         } else if (edit == u"sha256") {
-            sha256 = qv::Sha256::hash(QByteArray(delta + value.toUtf8()));
+            sha256 = Sha256::hash(QByteArray(delta + value.toUtf8()));
         }
         if (edit == u"entry" || edit == u"add-entry") {
             manifest.insert("files", files);
@@ -214,7 +214,7 @@ private Q_SLOTS:
                      && output.contains("skipped the delta from 1.0"),
                  output.constData());
         QVERIFY(!QFileInfo::exists(path("site/Other-1.2.zip.from-1.1.delta")));
-        QVERIFY(!suc::test::readFile(path("site/list.xml")).contains("<delta"));
+        QVERIFY(!readFile(path("site/list.xml")).contains("<delta"));
     }
 };
 

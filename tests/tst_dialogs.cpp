@@ -4,9 +4,7 @@
 #include <qv/LogQt.h>
 #include <qv/QtHelpers.h>
 
-using qv::SoftwareUpdateAvailableDialog;
-using qv::SoftwareUpdateDialog;
-using qv::SoftwareUpdateDialogSettings;
+using namespace qv;
 
 Q_DECLARE_METATYPE(qv::SoftwareUpdateDialogSettings)
 
@@ -77,7 +75,7 @@ private Q_SLOTS:
         QScopedPointer<SoftwareUpdateDialog> dialog;
         {
             HeldModifier held(m_host.windowHandle(), Qt::Key(key), Qt::KeyboardModifier(modifier));
-            dialog.reset(new SoftwareUpdateDialog(&m_host, qv::dialogFlags(false)));
+            dialog.reset(new SoftwareUpdateDialog(&m_host, dialogFlags(false)));
         }
         dialog->show();
         QVERIFY(QTest::qWaitForWindowExposed(dialog.data()));

@@ -6,12 +6,9 @@
 #include <qv/LogQt.h>
 #include <qv/NodeDB.h>
 
-using qv::DownloadManager;
-using qv::PackageInfo;
-using qv::PackageInfoList;
-using suc::test::writeFile;
+using namespace qv;
+using namespace suc::test;
 using Response = TestHttpServer::Response;
-using suc::test::testData;
 
 // Package downloads always use port 80: this test has a loopback of its own.
 SUC_PRIVATE_NETWORK_BEFORE_MAIN
@@ -38,7 +35,7 @@ public:
     QList<PackageInfoList> byReference;
 public Q_SLOTS:
     void onPackages(PackageInfoList list) { byValue << list; }
-    void onPackagesRef(const qv::PackageInfoList &list) { byReference << list; }
+    void onPackagesRef(const PackageInfoList &list) { byReference << list; }
 };
 
 class TestDownloadManager : public QObject {
@@ -100,9 +97,9 @@ private Q_SLOTS:
         QCOMPARE(manager.queryUrl(), catalogueUrl("/software/list.xml?x=1").toString());
         QCOMPARE(int(manager.server().proxyPreference), 2);
         QVERIFY(manager.isRegularCheck());
-        manager.setProxy(qv::HttpHost::OwnProxy, "proxy.lan:3128");
+        manager.setProxy(HttpHost::OwnProxy, "proxy.lan:3128");
         QCOMPARE(manager.server().proxy.port(), 3128);
-        QCOMPARE(qv::HttpAccessHistory::proxies.entries().value(0).host(), QString("proxy.lan"));
+        QCOMPARE(HttpAccessHistory::proxies.entries().value(0).host(), QString("proxy.lan"));
         manager.setServer(QUrl("http://other.test/list.xml"));
         QCOMPARE(int(manager.server().proxyPreference), 2); // reset on every server change
         QCOMPARE(manager.queryUrl(), QString("http://other.test/list.xml"));
@@ -152,7 +149,7 @@ private Q_SLOTS:
         QCOMPARE(found.first().first().value<PackageInfoList>().size(), 15);
     }
 
-    void badAnswersGiveNoPackages_data() { suc::test::addRows("downloadmanager-bad-answers"); }
+    void badAnswersGiveNoPackages_data() { addRows("downloadmanager-bad-answers"); }
     void badAnswersGiveNoPackages()
     {
         QFETCH(int, status);
@@ -176,7 +173,7 @@ private Q_SLOTS:
     // and does not replace the copy of the last good answer.
     void oversizedAnswersAreDroppedAtTheLimit_data()
     {
-        suc::test::addRows("downloadmanager-oversized-answers");
+        addRows("downloadmanager-oversized-answers");
     }
     void oversizedAnswersAreDroppedAtTheLimit()
     {
@@ -212,7 +209,7 @@ private Q_SLOTS:
     // A receiver may delete the manager in the slot that hears the outcome.
     void managerDeletedByItsReceiver_data()
     {
-        suc::test::addRows("downloadmanager-manager-deleted-by-its-receiver");
+        addRows("downloadmanager-manager-deleted-by-its-receiver");
     }
     void managerDeletedByItsReceiver()
     {
@@ -224,10 +221,10 @@ private Q_SLOTS:
         QPointer<DownloadManager> manager = new DownloadManager(catalogueUrl());
         const auto drop = [&manager] { delete manager.data(); };
         if (signal == "success")
-            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess),
+            connect(manager, qOverload<PackageInfo, QString>(&DownloadManager::downloadSuccess),
                     this, drop);
         else if (signal == "failure")
-            connect(manager, qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure),
+            connect(manager, qOverload<PackageInfo, QString>(&DownloadManager::downloadFailure),
                     this, drop);
         else if (signal == "found")
             connect(manager, &DownloadManager::packageFound, this, drop);
@@ -287,10 +284,7 @@ private Q_SLOTS:
         QCOMPARE(DownloadManager::countNew(runQuery(again)), 0);
     }
 
-    void oldSettingsMoveToTheBuiltInServer_data()
-    {
-        suc::test::addRows("downloadmanager-old-settings");
-    }
+    void oldSettingsMoveToTheBuiltInServer_data() { addRows("downloadmanager-old-settings"); }
     void oldSettingsMoveToTheBuiltInServer()
     {
         QFETCH(QVariant, ver);
@@ -317,7 +311,7 @@ private Q_SLOTS:
                  migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
     }
 
-    void corruptHistoryFallsBack_data() { suc::test::addRows("downloadmanager-corrupt-history"); }
+    void corruptHistoryFallsBack_data() { addRows("downloadmanager-corrupt-history"); }
     void corruptHistoryFallsBack()
     {
         QFETCH(QByteArray, ini);
@@ -336,7 +330,7 @@ private Q_SLOTS:
     // A copy that no live answer could be, or that cannot be read without blocking, is ignored.
     void unreadableCacheFilesAreIgnored_data()
     {
-        suc::test::addRows("downloadmanager-unreadable-cache-files");
+        addRows("downloadmanager-unreadable-cache-files");
     }
     void unreadableCacheFilesAreIgnored()
     {
@@ -383,7 +377,7 @@ private Q_SLOTS:
     // "mode" is TestHttpServer's (0 normal, 1 cut short, 2 stall, 3 drip, 4 hang-up; -1 nothing
     // listens); "announced" the catalogue's size, where 0 (unsized) reports nothing at all.
     // Success is decided by the size alone.
-    void downloadOutcomes_data() { suc::test::addRows("download-outcomes"); }
+    void downloadOutcomes_data() { addRows("download-outcomes"); }
     void downloadOutcomes()
     {
         QFETCH(int, mode);
@@ -407,11 +401,10 @@ private Q_SLOTS:
         const PackageInfo package
             = sizedPackage("http://127.0.0.1:8080/dl/viewer-2.10.zip", announced);
         QSignalSpy started(&manager, &DownloadManager::downloadStarted);
-        QSignalSpy ok(&manager,
-                      qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadSuccess));
+        QSignalSpy ok(&manager, qOverload<PackageInfo, QString>(&DownloadManager::downloadSuccess));
         QSignalSpy okPlain(&manager, qOverload<>(&DownloadManager::downloadSuccess));
         QSignalSpy failed(&manager,
-                          qOverload<qv::PackageInfo, QString>(&DownloadManager::downloadFailure));
+                          qOverload<PackageInfo, QString>(&DownloadManager::downloadFailure));
         QSignalSpy failedStatus(&manager, qOverload<int>(&DownloadManager::downloadFailure));
         const QString target = tmp("viewer.zip");
         manager.startDownload(package, target);
@@ -437,7 +430,7 @@ private Q_SLOTS:
     // written through) fails like an unwritable one (a missing folder, a full disk).
     void targetsThatLeadElsewhereAreRefused_data()
     {
-        suc::test::addRows("downloadmanager-targets-that-lead-elsewhere-are-refused");
+        addRows("downloadmanager-targets-that-lead-elsewhere-are-refused");
     }
     void targetsThatLeadElsewhereAreRefused()
     {
@@ -458,7 +451,7 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(failedStatus.count(), 1, 10000);
         QCOMPARE(QDir(m_tmp->path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
                  QStringList({"outside.txt", "sub"}));
-        QCOMPARE(suc::test::readFile(tmp("outside.txt")), QByteArray("keep me"));
+        QCOMPARE(readFile(tmp("outside.txt")), QByteArray("keep me"));
     }
 
     // Bodies are stored as served: a gzip-encoded answer is not inflated on the way.
@@ -475,7 +468,7 @@ private Q_SLOTS:
         manager.startDownload(sizedPackage("http://127.0.0.1/v.tar.gz", gz.size()),
                               tmp("v.tar.gz"));
         QVERIFY(okPlain.wait(10000));
-        QCOMPARE(suc::test::readFile(tmp("v.tar.gz")), gz);
+        QCOMPARE(readFile(tmp("v.tar.gz")), gz);
         QCOMPARE(m_dl->requests().first().header("Accept-Encoding"), QByteArray("identity"));
     }
 
@@ -506,7 +499,7 @@ private Q_SLOTS:
         QCOMPARE(idleAborted.count(), 1);
     }
 
-    void releaseNotes_data() { suc::test::addRows("downloadmanager-release-notes"); }
+    void releaseNotes_data() { addRows("downloadmanager-release-notes"); }
     void releaseNotes()
     {
         QFETCH(int, status);
@@ -537,12 +530,12 @@ private Q_SLOTS:
             return Response::ok("<softwareList/>", "text/xml");
         });
         QVERIFY(proxy.listen(QHostAddress::LocalHost));
-        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy("127.0.0.1", proxy.serverPort()));
+        NodeDB::getDB().setGlobalProxy(NetworkProxy("127.0.0.1", proxy.serverPort()));
         DownloadManager manager(QUrl("http://updates.example.invalid/list.xml"));
         QSignalSpy finished(&manager, &DownloadManager::queryFinished);
         manager.queryUpdate();
         QVERIFY(finished.wait());
-        qv::NodeDB::getDB().setGlobalProxy(qv::NetworkProxy());
+        NodeDB::getDB().setGlobalProxy(NetworkProxy());
         QCOMPARE(proxy.requests().size(), 1);
         QCOMPARE(proxy.requests().first().target,
                  QByteArray("http://updates.example.invalid/list.xml"));

@@ -5,9 +5,8 @@
 
 #include <TestSupport.h>
 
-using qv::DownloadManager;
-using suc::test::BoxAnswerer;
-using suc::test::filesBelow;
+using namespace qv;
+using namespace suc::test;
 
 namespace {
 
@@ -35,7 +34,7 @@ private Q_SLOTS:
         QVERIFY2(QFile::exists(corpus + "/good.zip"), "run the corpus fixture first");
         for (const QString &e : escapes)
             QFile::remove(e);
-        qv::ZipReader::setDefaultLimits({64 << 20, 1000});
+        ZipReader::setDefaultLimits({64 << 20, 1000});
     }
 
     void oneUnpackingPerManager()
@@ -46,7 +45,7 @@ private Q_SLOTS:
         const QStringList tempBefore = QDir::temp().entryList({"softwareupdate-*"});
         DownloadManager manager;
         QSignalSpy done(&manager, &DownloadManager::unzippingDone);
-        qv::LogQt::setLevel(qv::Log::Debug);
+        LogQt::setLevel(Log::Debug);
         for (const QString name : {"a.zip", "b.zip"}) {
             QTest::ignoreMessage(QtDebugMsg,
                                  QRegularExpression("DownloadManager::installPackage\\(\\) -> "
@@ -54,7 +53,7 @@ private Q_SLOTS:
                                                     + name + " to "));
             manager.unzipPackage(dir.filePath(name));
         }
-        qv::LogQt::setLevel(qv::Log::Warning);
+        LogQt::setLevel(Log::Warning);
         QVERIFY(done.wait(10000));
         QVERIFY(!done.wait(200)); // the second call unpacks nothing
         QVERIFY(QFile::exists(dir.filePath("b.zip")));
@@ -81,10 +80,7 @@ private Q_SLOTS:
     }
 
     // "failure" is a pattern of the message; empty: the archive unpacks, contained, and goes.
-    void hostileArchivesAreRefusedOrContained_data()
-    {
-        suc::test::addRows("installation-hostile-archives");
-    }
+    void hostileArchivesAreRefusedOrContained_data() { addRows("installation-hostile-archives"); }
     void hostileArchivesAreRefusedOrContained()
     {
         QFETCH(QString, archive);
@@ -128,7 +124,7 @@ private Q_SLOTS:
                 QCOMPARE(QFileInfo(folder + "/tool").permissions() & 0x7777,
                          QFile::Permissions(0x7755));
             if (archive == "duplicate.zip") {
-                QCOMPARE(suc::test::readFile(folder + "/same.txt"), QByteArray("first"));
+                QCOMPARE(readFile(folder + "/same.txt"), QByteArray("first"));
             }
             QDir(folder).removeRecursively();
         }
@@ -137,7 +133,7 @@ private Q_SLOTS:
     void readerProgressAndCancel()
     {
         QTemporaryDir dir;
-        qv::ZipReader reader(corpus + "/many-entries.zip");
+        ZipReader reader(corpus + "/many-entries.zip");
         reader.setLimits({1 << 30, 100000});
         reader.open(QIODevice::ReadOnly);
         const QStringList names = reader.fileList(QRegularExpression("^e/0000"));
@@ -151,36 +147,36 @@ private Q_SLOTS:
         QVERIFY(reader.wasCanceled());
         QVERIFY(filesBelow(dir.path()).size() < 5001);
 
-        qv::ZipReader broken(dir.filePath("missing.zip"));
-        QVERIFY_THROWS_EXCEPTION(qv::IOException, broken.open(QIODevice::ReadOnly));
-        QVERIFY_THROWS_EXCEPTION(qv::IOException, broken.fileList());
+        ZipReader broken(dir.filePath("missing.zip"));
+        QVERIFY_THROWS_EXCEPTION(IOException, broken.open(QIODevice::ReadOnly));
+        QVERIFY_THROWS_EXCEPTION(IOException, broken.fileList());
     }
 
-    void defaultExecutable_data() { suc::test::addRows("installation-default-executable"); }
+    void defaultExecutable_data() { addRows("installation-default-executable"); }
     void defaultExecutable()
     {
         QFETCH(QStringList, files);
         QTemporaryDir dir;
         for (const QString &file : files) {
             const QStringList parts = file.split(':');
-            suc::test::writeFile(dir.filePath(parts.at(0)), QByteArray(parts.at(1).toInt(), 'x'),
-                                 parts.at(2) == "x" ? 0755 : 0644);
+            writeFile(dir.filePath(parts.at(0)), QByteArray(parts.at(1).toInt(), 'x'),
+                      parts.at(2) == "x" ? 0755 : 0644);
         }
         DownloadManager manager;
         QTEST(manager.findDefaultExecutable(QDir(dir.path())), "expected");
     }
 
-    void pendingInstallation_data() { suc::test::addRows("installation-pending-installation"); }
+    void pendingInstallation_data() { addRows("installation-pending-installation"); }
     void pendingInstallation()
     {
         QFETCH(qint64, onDisk);
         QTemporaryDir dir;
         const QString file = dir.filePath("pkg.zip");
         if (onDisk >= 0)
-            suc::test::writeFile(file, QByteArray(onDisk, 'x'));
+            writeFile(file, QByteArray(onDisk, 'x'));
         DownloadManager manager;
         QVERIFY(!manager.hasInstallPackage());
-        qv::PackageInfo info;
+        PackageInfo info;
         info.name = "Viewer";
         info.fileSize = 1000;
         info.localFile = file;
@@ -194,10 +190,7 @@ private Q_SLOTS:
         QVERIFY(!manager.hasInstallPackage());
     }
 
-    void runInstallerStartsOnlyZip_data()
-    {
-        suc::test::addRows("installation-run-installer-starts-only-zip");
-    }
+    void runInstallerStartsOnlyZip_data() { addRows("installation-run-installer-starts-only-zip"); }
     void runInstallerStartsOnlyZip()
     {
         QFETCH(QString, file);
@@ -205,17 +198,14 @@ private Q_SLOTS:
         try {
             manager.runInstaller(file);
             QFAIL("no exception");
-        } catch (const qv::ExceptionQt &e) {
+        } catch (const ExceptionQt &e) {
             QCOMPARE(e.message(), QString("execl() failed"));
         }
     }
 
     // The process-replacing calls run in a helper process against fake programs that record
     // the argument vector they receive.
-    void startUpdatePassesItsArguments_data()
-    {
-        suc::test::addRows("installation-start-update-arguments");
-    }
+    void startUpdatePassesItsArguments_data() { addRows("installation-start-update-arguments"); }
     void startUpdatePassesItsArguments()
     {
         QFETCH(QString, oldDir);
@@ -267,7 +257,7 @@ private Q_SLOTS:
 
     void zipInstallerReportsAndRethrowsArchiveErrors_data()
     {
-        suc::test::addRows("installation-zip-installer-archive-errors");
+        addRows("installation-zip-installer-archive-errors");
     }
     void zipInstallerReportsAndRethrowsArchiveErrors()
     {
@@ -298,12 +288,12 @@ private:
 
     static void writeRecorder(const QString &path, const QString &argvFile)
     {
-        QVERIFY(suc::test::writeFile(
+        QVERIFY(writeFile(
             path, "#!/bin/sh\nprintf '%s\\n' \"$0\" \"$@\" > '" + argvFile.toUtf8() + "'\n", 0755));
     }
     static QStringList readArgv(const QString &file)
     {
-        return QString::fromUtf8(suc::test::readFile(file)).split('\n', Qt::SkipEmptyParts);
+        return QString::fromUtf8(readFile(file)).split('\n', Qt::SkipEmptyParts);
     }
 };
 

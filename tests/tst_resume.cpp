@@ -3,8 +3,7 @@
 #include <TestHttpServer.h>
 #include <TestSupport.h>
 
-using qv::DownloadManager;
-using qv::PackageInfo;
+using namespace qv;
 using Response = TestHttpServer::Response;
 
 // Without trusted keys packages download from port 80: this test has a loopback of its own.

@@ -3,12 +3,8 @@
 #include <PrivateNetwork.h>
 #include <TestHttpServer.h>
 
-using qv::DownloadManager;
-using qv::PackageInfoList;
-using suc::test::BoxAnswerer;
-using suc::test::MinisignTool;
-using suc::test::openDialog;
-using suc::test::Run;
+using namespace qv;
+using namespace suc::test;
 
 // nginx serves packages on port 80: this test has a loopback of its own.
 SUC_PRIVATE_NETWORK_BEFORE_MAIN
@@ -22,11 +18,11 @@ class TestSoftupdate : public QObject {
 
     static Run softupdate(const QStringList &args, const QByteArray &input = QByteArray())
     {
-        return suc::test::run(SUC_SOFTUPDATE, args, input);
+        return run(SUC_SOFTUPDATE, args, input);
     }
     static bool minisign(const QStringList &args, const QByteArray &input = QByteArray())
     {
-        return suc::test::run("minisign", args, input).code == 0;
+        return run("minisign", args, input).code == 0;
     }
     // What the user is offered for `catalogueUrl`, as the list shows it ("a | b | c" per row).
     // A client that has checked before (`fresh` false) keeps the serials it accepted.
@@ -34,18 +30,16 @@ class TestSoftupdate : public QObject {
                                   const SoftUpCurrentCameraVersions &cameras, bool fresh = true)
     {
         if (fresh)
-            store().clear();
-        qv::SoftwareUpdateClient client("Viewer", qv::VersionNumber("2.9.1"), catalogueUrl,
-                                        nullptr);
+            clientStore().clear();
+        SoftwareUpdateClient client("Viewer", VersionNumber("2.9.1"), catalogueUrl, nullptr);
         client.setTrustedKeys(keys);
         client.setCurrentCameraVersions(cameras);
-        QStringList rows = suc::test::checkFromDialog(&client, true);
+        QStringList rows = checkFromDialog(&client, true);
         if (rows.size() == 1 && !rows.first().contains(" | ") && rows.first() != "no outcome")
             rows.clear(); // the notification line: no package is offered
-        suc::test::closeAllWindows();
+        closeAllWindows();
         return rows;
     }
-    static QSettings store() { return suc::test::clientStore(); }
     static QStringList offerRows(const Run &run)
     {
         QStringList rows = run.out.split('\n', Qt::SkipEmptyParts);
@@ -62,13 +56,13 @@ private Q_SLOTS:
     void initTestCase()
     {
         // A store of its own: another run of this program may be going on beside it.
-        suc::test::useOwnClientStore("softupdate");
+        useOwnClientStore("softupdate");
     }
-    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
+    void cleanupTestCase() { removeOwnClientStore(); }
 
     // lint: one line per finding with its line number; exit 0 clean, 1 warnings, 2 errors. Each
     // row changes one thing in a clean catalogue ("HASH" stands for its sha256).
-    void lint_data() { suc::test::addRows("softupdate-lint"); }
+    void lint_data() { addRows("softupdate-lint"); }
     void lint()
     {
         QFETCH(QString, replace);
@@ -105,18 +99,17 @@ private Q_SLOTS:
     {
         QFETCH(QString, catalogue);
         QFETCH(bool, complete);
-        const QByteArray xml = suc::test::testData(catalogue);
+        const QByteArray xml = testData(catalogue);
         TestHttpServer server([&](const TestHttpServer::Request &) {
             return TestHttpServer::Response::ok(xml, "text/xml");
         });
         QVERIFY(server.listen(QHostAddress::LocalHost));
-        qv::SoftwareUpdateClient::setInstallMode(complete
-                                                     ? qv::SoftwareUpdateClient::CompleteInstall
-                                                     : qv::SoftwareUpdateClient::DesignedInstall);
-        const QStringList client = clientRows(
-            QString::fromLatin1(server.url("/list.xml")), {},
-            {{"M1004", qv::VersionNumber("5.2.1")}, {"P3301", qv::VersionNumber("4.0")}});
-        qv::SoftwareUpdateClient::setInstallMode(qv::SoftwareUpdateClient::DesignedInstall);
+        SoftwareUpdateClient::setInstallMode(complete ? SoftwareUpdateClient::CompleteInstall
+                                                      : SoftwareUpdateClient::DesignedInstall);
+        const QStringList client
+            = clientRows(QString::fromLatin1(server.url("/list.xml")), {},
+                         {{"M1004", VersionNumber("5.2.1")}, {"P3301", VersionNumber("4.0")}});
+        SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall);
         const Run offer
             = softupdate({"offer", "--file", QString(SUC_TEST_DATA_DIR "/") + catalogue, "--app",
                           "Viewer", "--version", "2.9.1", "--camera", "M1004=5.2.1", "--camera",
@@ -204,8 +197,7 @@ private Q_SLOTS:
         QVERIFY(publish("3.0", false, {}, {}));
 
         const QString conf = writeFile(
-            "nginx.conf",
-            QString::fromUtf8(suc::test::testData("nginx.conf")).arg(dir.path()).toUtf8());
+            "nginx.conf", QString::fromUtf8(testData("nginx.conf")).arg(dir.path()).toUtf8());
         QProcess nginx;
         nginx.start(QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}),
                     {"-c", conf, "-p", dir.path(), "-e", dir.filePath("error.log")});
@@ -249,7 +241,7 @@ private Q_SLOTS:
         // download cut off early resumes where it stopped.
         QFile catalogueFile(list);
         QVERIFY(catalogueFile.open(QIODevice::ReadOnly));
-        qv::PackageInfo info = DownloadManager::parseXML(&catalogueFile).value(0);
+        PackageInfo info = DownloadManager::parseXML(&catalogueFile).value(0);
         qputenv("XDG_STATE_HOME", QFile::encodeName(dir.filePath("state")));
         const auto unsetState = qScopeGuard([] { qunsetenv("XDG_STATE_HOME"); });
         qint64 firstProgress = -1;
@@ -270,11 +262,10 @@ private Q_SLOTS:
         }
         // The second download counted on from the kept part: it asked nginx for the rest only.
         QVERIFY2(firstProgress >= (1 << 20), qPrintable(QString::number(firstProgress)));
-        const QList<QByteArray> served
-            = suc::test::readFile(dir.filePath("access.log")).trimmed().split('\n');
+        const QList<QByteArray> served = readFile(dir.filePath("access.log")).trimmed().split('\n');
         QVERIFY2(served.last().contains("\"GET /viewer-3.0.tar.gz HTTP/1.1\" 206 "),
                  served.last().constData());
-        QCOMPARE(suc::test::readFile(dir.filePath("downloaded.tar.gz")), body);
+        QCOMPARE(readFile(dir.filePath("downloaded.tar.gz")), body);
 
         nginx.terminate();
         QVERIFY(nginx.waitForFinished(10000));
@@ -301,7 +292,7 @@ private Q_SLOTS:
         const Run again = softupdate(second);
         QVERIFY2(again.code == 0 && again.out.startsWith("replaced Viewer 2.11"),
                  qPrintable(again.out));
-        QByteArray xml = suc::test::readFile(catalogue);
+        QByteArray xml = readFile(catalogue);
         // The serial is at least the UTC time as yyyymmddHHMMSS; the expiry renewed by 30 days.
         const qint64 serial = xml.mid(xml.indexOf("serial=\"") + 8, 14).toLongLong();
         QVERIFY2(serial >= QDateTime::currentDateTimeUtc()
@@ -342,7 +333,7 @@ private Q_SLOTS:
                             "--name", "V", "--release", "2"})
                     .code
                 == 0);
-        QByteArray xml = suc::test::readFile(catalogue);
+        QByteArray xml = readFile(catalogue);
         const QByteArray start = "<softwareList expires='"
             + QDate::currentDate().addDays(90).toString(Qt::ISODate).toUtf8() + "' serial='20";
         const QByteArray middle = "' base-url='http://h/'>\n" + kept + "  <package type=";
@@ -351,7 +342,7 @@ private Q_SLOTS:
                  xml.constData());
     }
 
-    void refusals_data() { suc::test::addRows("softupdate-refusals"); }
+    void refusals_data() { addRows("softupdate-refusals"); }
     void refusals()
     {
         QFETCH(QStringList, args);
@@ -370,7 +361,7 @@ private Q_SLOTS:
     // What an attacker or a careless publisher hands the tool: it neither crashes nor writes a
     // catalogue that no client can read.
     // "@" is the test folder, "URL" the test server.
-    void hostileInput_data() { suc::test::addRows("softupdate-hostile-input"); }
+    void hostileInput_data() { addRows("softupdate-hostile-input"); }
     void hostileInput()
     {
         QFETCH(QStringList, args);
@@ -420,7 +411,7 @@ private Q_SLOTS:
 
     // Each tool verifies the other's signatures, with plain and password-protected keys.
     // Only softupdate decrypts a key: verifying never depends on how the secret is kept.
-    void signaturesInterchange_data() { suc::test::addRows("softupdate-signatures-interchange"); }
+    void signaturesInterchange_data() { addRows("softupdate-signatures-interchange"); }
     void signaturesInterchange()
     {
         QFETCH(bool, encrypted);

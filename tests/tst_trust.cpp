@@ -30,7 +30,6 @@ class TestTrust : public QObject {
     QScopedPointer<QTemporaryDir> m_tmp; ///< the running test's TMPDIR
     const QByteArray m_package = QByteArray(5000, 'p');
 
-    static QSettings store() { return suc::test::clientStore(); }
     QString url(const QByteArray &path = "/list.xml") const
     {
         return QString::fromLatin1(m_server.url(path));
@@ -72,7 +71,7 @@ class TestTrust : public QObject {
     void restartClient()
     {
         m_client.reset();
-        suc::test::closeAllWindows();
+        closeAllWindows();
         m_client.reset(new SoftwareUpdateClient("Viewer", VersionNumber("2.9.1"), url(), nullptr));
         m_client->setTrustedKeys({m_signer->publicKey()});
     }
@@ -132,7 +131,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         // A store of its own: another run of this program may be going on beside it.
-        suc::test::useOwnClientStore("trust");
+        useOwnClientStore("trust");
         m_signer.reset(new MinisignTool(m_dir.filePath("keys")));
         m_other.reset(new MinisignTool(m_dir.filePath("keys"), "other"));
         QVERIFY2(m_signer->isValid() && m_other->isValid(),
@@ -150,13 +149,13 @@ private Q_SLOTS:
         });
         SUC_LISTEN_ON_PORT_80(m_server);
     }
-    void cleanupTestCase() { suc::test::removeOwnClientStore(); }
+    void cleanupTestCase() { removeOwnClientStore(); }
     void init()
     {
         // Each test's temporary files, the client's downloads among them, in a folder of its own.
         m_tmp.reset(new QTemporaryDir(m_dir.filePath("tmp-XXXXXX")));
         qputenv("TMPDIR", QFile::encodeName(m_tmp->path()));
-        QFile::remove(store().fileName());
+        QFile::remove(clientStore().fileName());
         m_files.clear();
         m_redirects.clear();
         m_packageAnswer = nullptr;
@@ -167,7 +166,7 @@ private Q_SLOTS:
     {
         SoftwareUpdateClient::setInstallMode(SoftwareUpdateClient::DesignedInstall);
         m_client.reset();
-        suc::test::closeAllWindows();
+        closeAllWindows();
         qunsetenv("TMPDIR");
         for (const QString &folder : unpackedFolders())
             QDir(folder).removeRecursively();
@@ -177,7 +176,7 @@ private Q_SLOTS:
     // rows, or the dialog's line. ("another feed": the same publisher's catalogue of another
     // product, with the highest serial there is, is refused for this feed, and the genuine one is
     // still taken afterwards.)
-    void checks_data() { suc::test::addRows("trust-checks"); }
+    void checks_data() { addRows("trust-checks"); }
     void checks()
     {
         QFETCH(QString, variant);
@@ -271,7 +270,7 @@ private Q_SLOTS:
     // The manager's queries follow the client's rules. With keys, its kept copy of the last
     // answer is offered only while it verifies: not one kept before keys were set, not one that
     // has expired since, not one without its signature.
-    void cachedOffers_data() { suc::test::addRows("trust-cached-offers"); }
+    void cachedOffers_data() { addRows("trust-cached-offers"); }
     void cachedOffers()
     {
         QFETCH(QString, variant);
@@ -340,7 +339,7 @@ private Q_SLOTS:
     // hold the program (named like the running one); without trusted keys it installs nothing,
     // and is handled as without CompleteInstall, with a log line. ("delta": a delta from 2.9.1 is
     // listed that is none.)
-    void completeInstall_data() { suc::test::addRows("trust-complete-install"); }
+    void completeInstall_data() { addRows("trust-complete-install"); }
     void completeInstall()
     {
         QFETCH(QString, archive);
@@ -404,7 +403,7 @@ private Q_SLOTS:
     // Install pressed again while the first download runs: in CompleteInstall the second press
     // is refused and the button disabled; in every mode only the file of the download that
     // succeeded is used, never one another request wrote meanwhile.
-    void secondInstallPress_data() { suc::test::addRows("trust-second-install-press"); }
+    void secondInstallPress_data() { addRows("trust-second-install-press"); }
     void secondInstallPress()
     {
         QFETCH(bool, complete);
@@ -454,7 +453,7 @@ private Q_SLOTS:
     // refuses the install before anything is downloaded. A host process installs for real.
     // The application on a small file system (its own mount namespace) when the package does not
     // fit beside it; when nothing can be made beside it, it is unpacked in the temporary folder.
-    void updaterThatRuns_data() { suc::test::addRows("trust-updater-that-runs"); }
+    void updaterThatRuns_data() { addRows("trust-updater-that-runs"); }
     void updaterThatRuns()
     {
         QFETCH(QString, parentMode); // octal
@@ -508,10 +507,9 @@ private Q_SLOTS:
         // The updater ran (once the host had quit) as a copy in a private temporary folder of
         // its own.
         if (!ran.isEmpty())
-            QTRY_VERIFY_WITH_TIMEOUT(!suc::test::readFile(marker).isEmpty(), 10000);
+            QTRY_VERIFY_WITH_TIMEOUT(!readFile(marker).isEmpty(), 10000);
         const QString copy = QDir::tempPath() + "/softwareupdate-";
-        QVERIFY2(QString::fromUtf8(suc::test::readFile(marker)).trimmed().section(copy, 0, 0)
-                     == ran,
+        QVERIFY2(QString::fromUtf8(readFile(marker)).trimmed().section(copy, 0, 0) == ran,
                  qPrintable(
                      said + host.readAllStandardError().right(3000)
                      + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
@@ -538,9 +536,9 @@ private Q_SLOTS:
         qputenv("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
         const auto restore = qScopeGuard([] { qunsetenv("XDG_STATE_HOME"); });
         m_client.reset();
-        store().setValue("updateInstalling", "3.0");
-        QVERIFY(qv::UpdateState::writePrivate(
-            qv::UpdateState::folderFor(QCoreApplication::applicationDirPath()) + "/rolled-back",
+        clientStore().setValue("updateInstalling", "3.0");
+        QVERIFY(UpdateState::writePrivate(
+            UpdateState::folderFor(QCoreApplication::applicationDirPath()) + "/rolled-back",
             "the new program exited with code 3\n"));
         publish(catalogue(7, future()), m_signer.data());
         BoxAnswerer answerer({"OK"});
@@ -553,7 +551,7 @@ private Q_SLOTS:
         QCOMPARE(checkFromDialog(), QString("Congratulations! Your product is up-to-date!"));
         publish(catalogue(8, future()).replace("release='3.0'", "release='3.1'"), m_signer.data());
         QCOMPARE(checkFromDialog(), QString("Viewer 3.1"));
-        suc::test::closeAllWindows();
+        closeAllWindows();
         m_client->forgetRolledBackVersions();
         publish(catalogue(9, future()), m_signer.data());
         QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
@@ -569,15 +567,15 @@ private Q_SLOTS:
             QVERIFY(QDir().mkpath(temp + "/" + folder));
         const QString outside = m_dir.filePath("softwareupdate-outside");
         QVERIFY(QDir().mkpath(outside));
-        store().setValue("updateLeftovers",
-                         QStringList {temp + "/softwareupdate-unpacked",
-                                      temp + "/softwareupdate-updater", temp + "/someone-elses",
-                                      outside});
+        clientStore().setValue("updateLeftovers",
+                               QStringList {temp + "/softwareupdate-unpacked",
+                                            temp + "/softwareupdate-updater",
+                                            temp + "/someone-elses", outside});
         restartClient();
         QCOMPARE(QDir(temp).entryList(QDir::Dirs | QDir::NoDotAndDotDot),
                  QStringList {"someone-elses"});
         QVERIFY(QFileInfo::exists(outside));
-        QVERIFY(!store().contains("updateLeftovers"));
+        QVERIFY(!clientStore().contains("updateLeftovers"));
     }
 
     // When the session that accepted the update for later did not quit normally, the next start
@@ -617,10 +615,9 @@ private Q_SLOTS:
         // Quits, and the updater, waiting for it to end, installs and starts the new version.
         QVERIFY(run({"start", m_signer->publicKey()}));
         QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(marker), 20000);
-        QTRY_VERIFY2_WITH_TIMEOUT(suc::test::readFile(parent.filePath("UpdateInstaller.log"))
+        QTRY_VERIFY2_WITH_TIMEOUT(readFile(parent.filePath("UpdateInstaller.log"))
                                       .contains("the new version confirmed that it runs"),
-                                  suc::test::readFile(parent.filePath("UpdateInstaller.log")),
-                                  20000);
+                                  readFile(parent.filePath("UpdateInstaller.log")), 20000);
     }
 };
 
