@@ -5,6 +5,7 @@
 #include <QDomDocument>
 
 using namespace qv;
+using namespace suc::test;
 
 namespace {
 
@@ -18,7 +19,7 @@ PackageInfoList parseBytes(const QByteArray &bytes)
 
 PackageInfoList parseFile(const QString &name)
 {
-    return parseBytes(suc::test::testData(name));
+    return parseBytes(testData(name));
 }
 
 QString sorted(const QStringSet &set)
@@ -75,7 +76,7 @@ class TestCatalogue : public QObject {
 private Q_SLOTS:
     void initTestCase() { LogQt::setLevel(Log::Warning); }
 
-    void inheritanceAndPrecedence_data() { suc::test::addRows("catalogue-fields"); }
+    void inheritanceAndPrecedence_data() { addRows("catalogue-fields"); }
     void inheritanceAndPrecedence()
     {
         QFETCH(QString, file);
@@ -96,10 +97,7 @@ private Q_SLOTS:
 
     // The whole-catalogue parse indexes each level once; it must give what the walk over the
     // DOM gives, package by package.
-    void parseAgreesWithTheDomWalk_data()
-    {
-        suc::test::addRows("catalogue-parse-agrees-with-the-dom-walk");
-    }
+    void parseAgreesWithTheDomWalk_data() { addRows("catalogue-parse-agrees-with-the-dom-walk"); }
     void parseAgreesWithTheDomWalk()
     {
         QFETCH(QString, file);
@@ -155,14 +153,14 @@ private Q_SLOTS:
         }
     }
 
-    void fileSizes_data() { suc::test::addRows("catalogue-file-sizes"); }
+    void fileSizes_data() { addRows("catalogue-file-sizes"); }
     void fileSizes()
     {
         QFETCH(QString, text);
         QTEST(DownloadManager::parseFileSize(text), "bytes");
     }
 
-    void releaseDates_data() { suc::test::addRows("catalogue-release-dates"); }
+    void releaseDates_data() { addRows("catalogue-release-dates"); }
     void releaseDates()
     {
         QFETCH(QString, text);
@@ -173,7 +171,7 @@ private Q_SLOTS:
             QCOMPARE(got, expected);
     }
 
-    void suffixes_data() { suc::test::addRows("catalogue-suffixes"); }
+    void suffixes_data() { addRows("catalogue-suffixes"); }
     void suffixes()
     {
         QFETCH(QString, url);
@@ -239,7 +237,7 @@ private Q_SLOTS:
 
     // Selection (on the realistic catalogue unless a row names another).
 
-    void candidates_data() { suc::test::addRows("catalogue-candidates"); }
+    void candidates_data() { addRows("catalogue-candidates"); }
     void candidates()
     {
         QFETCH(QString, file);
@@ -280,7 +278,7 @@ private Q_SLOTS:
         QCOMPARE(list.at(1).fileSize, 2);
     }
 
-    void bestMatches_data() { suc::test::addRows("catalogue-best-matches"); }
+    void bestMatches_data() { addRows("catalogue-best-matches"); }
     void bestMatches()
     {
         QFETCH(QString, file);
@@ -297,7 +295,7 @@ private Q_SLOTS:
         QTEST(files, "expected");
     }
 
-    void betterMatchRules_data() { suc::test::addRows("catalogue-better-match-rules"); }
+    void betterMatchRules_data() { addRows("catalogue-better-match-rules"); }
     void betterMatchRules()
     {
         QFETCH(QString, releaseA);
@@ -317,7 +315,7 @@ private Q_SLOTS:
         QTEST(best.first().comment, "winner");
     }
 
-    void matchesFilter_data() { suc::test::addRows("catalogue-matches-filter"); }
+    void matchesFilter_data() { addRows("catalogue-matches-filter"); }
     void matchesFilter()
     {
         QFETCH(QStringList, languages);

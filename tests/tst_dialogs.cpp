@@ -5,6 +5,7 @@
 #include <qv/QtHelpers.h>
 
 using namespace qv;
+using namespace suc::test;
 
 Q_DECLARE_METATYPE(qv::SoftwareUpdateDialogSettings)
 
@@ -66,7 +67,7 @@ private Q_SLOTS:
     }
 
     // Each row holds a key and its modifier while the dialog opens.
-    void expertRowsNeedAModifier_data() { suc::test::addRows("dialogs-expert-rows"); }
+    void expertRowsNeedAModifier_data() { addRows("dialogs-expert-rows"); }
     void expertRowsNeedAModifier()
     {
         QFETCH(int, key);
@@ -86,7 +87,7 @@ private Q_SLOTS:
         QCOMPARE(dialog->layout()->sizeConstraint(), QLayout::SetFixedSize);
     }
 
-    void settingsRoundTrip_data() { suc::test::addRows("dialogs-settings-round-trip"); }
+    void settingsRoundTrip_data() { addRows("dialogs-settings-round-trip"); }
     void settingsRoundTrip()
     {
         QFETCH(QString, version);
@@ -117,10 +118,7 @@ private Q_SLOTS:
         QCOMPARE(child<QComboBox>(&dialog, "updateComboBox")->currentText(), QString("Monthly"));
     }
 
-    void closingEmitsApplyOnlyForOk_data()
-    {
-        suc::test::addRows("dialogs-closing-emits-apply-only-for-ok");
-    }
+    void closingEmitsApplyOnlyForOk_data() { addRows("dialogs-closing-emits-apply-only-for-ok"); }
     void closingEmitsApplyOnlyForOk()
     {
         QFETCH(QString, how);
@@ -213,7 +211,7 @@ private Q_SLOTS:
         QCOMPARE(child<QTableWidget>(&dialog, "tableWidget")->rowCount(), 0);
     }
 
-    void hidingRows_data() { suc::test::addRows("dialogs-hiding-rows"); }
+    void hidingRows_data() { addRows("dialogs-hiding-rows"); }
     void hidingRows()
     {
         QFETCH(SoftUpIndexList, hidden);

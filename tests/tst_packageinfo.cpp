@@ -1,6 +1,8 @@
 #include <PackageInfo.h>
 #include <TestSupport.h>
 
+using namespace suc::test;
+
 using qv::PackageInfo;
 
 class TestPackageInfo : public QObject {
@@ -8,7 +10,7 @@ class TestPackageInfo : public QObject {
 
 private Q_SLOTS:
 
-    void identity_data() { suc::test::addRows("packageinfo-identity"); }
+    void identity_data() { addRows("packageinfo-identity"); }
     void identity()
     {
         QFETCH(QDateTime, dateA);
@@ -39,7 +41,7 @@ private Q_SLOTS:
         QCOMPARE(PackageInfo().stringID(), QString("1--0"));
     }
 
-    void timeToString_data() { suc::test::addRows("packageinfo-time-to-string"); }
+    void timeToString_data() { addRows("packageinfo-time-to-string"); }
     void timeToString()
     {
         QFETCH(QDateTime, when);
@@ -48,7 +50,7 @@ private Q_SLOTS:
         QTEST(p.timeToString(Qt::ISODate), "text");
     }
 
-    void translatedUrl_data() { suc::test::addRows("packageinfo-translated-url"); }
+    void translatedUrl_data() { addRows("packageinfo-translated-url"); }
     void translatedUrl()
     {
         QFETCH(QString, language);
@@ -70,7 +72,7 @@ private Q_SLOTS:
         QVERIFY(PackageInfo::translatedUrl(UrlMap(), language, fallback).isEmpty());
     }
 
-    void displayTexts_data() { suc::test::addRows("packageinfo-display-texts"); }
+    void displayTexts_data() { addRows("packageinfo-display-texts"); }
     void displayTexts()
     {
         QFETCH(bool, usePublic);
@@ -89,7 +91,7 @@ private Q_SLOTS:
 
     void textOrderVersusStatusOrder_data()
     {
-        suc::test::addRows("packageinfo-text-order-versus-status-order");
+        addRows("packageinfo-text-order-versus-status-order");
     }
     void textOrderVersusStatusOrder()
     {

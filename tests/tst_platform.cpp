@@ -9,6 +9,8 @@
 
 #include <TestSupport.h>
 
+using namespace suc::test;
+
 Q_LOGGING_CATEGORY(lcTest, "qv.softwareupdate.test")
 
 namespace {
@@ -35,7 +37,7 @@ class TestPlatform : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void versionCompare_data() { suc::test::addRows("platform-version-compare"); }
+    void versionCompare_data() { addRows("platform-version-compare"); }
     void versionCompare()
     {
         QFETCH(QString, a);
@@ -49,7 +51,7 @@ private Q_SLOTS:
         QCOMPARE(va <= vb, order <= 0);
     }
 
-    void versionText_data() { suc::test::addRows("platform-version-text"); }
+    void versionText_data() { addRows("platform-version-text"); }
     void versionText()
     {
         QFETCH(QString, input);
@@ -59,7 +61,7 @@ private Q_SLOTS:
         QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
     }
 
-    void intersections_data() { suc::test::addRows("platform-intersections"); }
+    void intersections_data() { addRows("platform-intersections"); }
     void intersections()
     {
         QFETCH(QStringList, a);
@@ -70,13 +72,13 @@ private Q_SLOTS:
         QTEST(qv::StringUtils::intersectsWith(sa, sb), "shared");
     }
 
-    void preferencesFallBack_data() { suc::test::addRows("platform-preferences-fall-back"); }
+    void preferencesFallBack_data() { addRows("platform-preferences-fall-back"); }
     void preferencesFallBack()
     {
         QFETCH(QString, iniLine);
         QTemporaryDir dir;
         const QString path = dir.filePath("p.ini");
-        QVERIFY(suc::test::writeFile(path, "[General]\n" + iniLine.toUtf8() + "\n"));
+        QVERIFY(writeFile(path, "[General]\n" + iniLine.toUtf8() + "\n"));
         QSettings s(path, QSettings::IniFormat);
         QTEST(qv::Preferences::boolValue(s, "v", true), "boolResult");
         QTEST(qv::Preferences::intValue(s, "v", 7), "intResult");
@@ -86,7 +88,7 @@ private Q_SLOTS:
     }
 
     // Lines are "<QtMsgType>:<text>" (debug 0, warning 1, critical 2).
-    void logThreshold_data() { suc::test::addRows("platform-log-threshold"); }
+    void logThreshold_data() { addRows("platform-log-threshold"); }
     void logThreshold()
     {
         QFETCH(int, threshold);
@@ -128,7 +130,7 @@ private Q_SLOTS:
                      qPrintable(line));
     }
 
-    void invokeQueued_data() { suc::test::addRows("platform-invoke-queued"); }
+    void invokeQueued_data() { addRows("platform-invoke-queued"); }
     void invokeQueued()
     {
         QFETCH(QByteArray, slot);
@@ -147,7 +149,7 @@ private Q_SLOTS:
     // Removal never leaves the place it was given: a path that does not say plainly where it
     // leads, one outside `within`, or one through a link below it removes nothing.
     // "@" is the test folder, which holds dl/pkg.zip, keep.txt, and dl/link -> the test folder.
-    void eraseStaysWhereItWasSent_data() { suc::test::addRows("platform-erase"); }
+    void eraseStaysWhereItWasSent_data() { addRows("platform-erase"); }
     void eraseStaysWhereItWasSent()
     {
         QFETCH(QString, path);
@@ -156,13 +158,13 @@ private Q_SLOTS:
         QFETCH(QStringList, left);
         QTemporaryDir dir;
         for (const char *name : {"dl/pkg.zip", "keep.txt", "dl/ro/f"})
-            QVERIFY(suc::test::writeFile(dir.filePath(name), ""));
+            QVERIFY(writeFile(dir.filePath(name), ""));
         QVERIFY(QFile::link(dir.path(), dir.filePath("dl/link")));
         QVERIFY(QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::ExeOwner));
         path.replace("@", dir.path());
         within.replace("@", dir.path());
         QCOMPARE(qv::FileUtils::erase(path, within), erased);
-        QCOMPARE(suc::test::filesBelow(dir.path()), left);
+        QCOMPARE(filesBelow(dir.path()), left);
         QFile::setPermissions(dir.filePath("dl/ro"),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
@@ -170,7 +172,7 @@ private Q_SLOTS:
     // Reading never blocks on a FIFO and never takes more than it was allowed.
     void readBytesRefusesWhatCannotBeAFile_data()
     {
-        suc::test::addRows("platform-read-bytes-refuses-what-cannot-be-a-file");
+        addRows("platform-read-bytes-refuses-what-cannot-be-a-file");
     }
     void readBytesRefusesWhatCannotBeAFile()
     {
@@ -182,7 +184,7 @@ private Q_SLOTS:
         else if (kind == "folder")
             QVERIFY(QDir().mkpath(path));
         if (kind == "large") {
-            QVERIFY(suc::test::writeFile(path, QByteArray(101, 'x')));
+            QVERIFY(writeFile(path, QByteArray(101, 'x')));
             QCOMPARE(qv::FileUtils::readBytes(path).size(), 101);
         }
         QVERIFY_THROWS_EXCEPTION(qv::IOException, qv::FileUtils::readBytes(path, 100));
@@ -191,18 +193,18 @@ private Q_SLOTS:
     // Signatures written by the minisign tool, in both of its forms, against our verifier.
     // "damage" is what is done to the file or signature first; "result" a qv::Minisign::Result
     // (0 valid, 1 malformed, 2 unknown key, 3 bad signature).
-    void minisignSignatures_data() { suc::test::addRows("platform-minisign"); }
+    void minisignSignatures_data() { addRows("platform-minisign"); }
     void minisignSignatures()
     {
         QFETCH(bool, legacy);
         QFETCH(QString, damage);
         QFETCH(int, result);
         QTemporaryDir dir;
-        suc::test::MinisignTool signer(dir.path()), other(dir.path(), "other");
+        MinisignTool signer(dir.path()), other(dir.path(), "other");
         QVERIFY(signer.isValid() && other.isValid());
-        QVERIFY(suc::test::writeFile(dir.filePath("catalogue.xml"), "<softwareList serial='1'/>"));
+        QVERIFY(writeFile(dir.filePath("catalogue.xml"), "<softwareList serial='1'/>"));
         QVERIFY(signer.sign(dir.filePath("catalogue.xml"), legacy));
-        QByteArray signature = suc::test::readFile(dir.filePath("catalogue.xml.minisig"));
+        QByteArray signature = readFile(dir.filePath("catalogue.xml.minisig"));
         QByteArray message = "<softwareList serial='1'/>";
         QList<qv::MinisignKey> keys {qv::MinisignKey::fromText(signer.publicKey())};
         if (damage == "second key")

@@ -4,6 +4,7 @@
 #include <TestSupport.h>
 
 using namespace qv;
+using namespace suc::test;
 using Response = TestHttpServer::Response;
 
 // Without trusted keys packages download from port 80: this test has a loopback of its own.
@@ -69,7 +70,7 @@ private Q_SLOTS:
     void cleanup() { QDir(DownloadManager::resumeFolder()).removeRecursively(); }
 
     // Cut, then the next download (a new manager, as after a restart) asks for the rest.
-    void resumeAfterACut_data() { suc::test::addRows("resume-after-a-cut"); }
+    void resumeAfterACut_data() { addRows("resume-after-a-cut"); }
     void resumeAfterACut()
     {
         QFETCH(int, cutPercent);
@@ -119,11 +120,11 @@ private Q_SLOTS:
             QFile f(part);
             QVERIFY(f.open(QIODevice::Append) && f.write(QByteArray(5000, '\0')) == 5000);
             const QString recordPath = QString(part).replace(".part", ".json");
-            QJsonObject record = QJsonDocument::fromJson(suc::test::readFile(recordPath)).object();
+            QJsonObject record = QJsonDocument::fromJson(readFile(recordPath)).object();
             QCOMPARE(record.value("committed").toInteger(), cut);
             record.insert("written", cut + 5000);
             record.insert("boot", "an earlier boot");
-            QVERIFY(suc::test::writeFile(recordPath, QJsonDocument(record).toJson()));
+            QVERIFY(writeFile(recordPath, QJsonDocument(record).toJson()));
         }
         if (tag.startsWith("a corrupt kept part")) {
             QFile f(part);
@@ -139,7 +140,7 @@ private Q_SLOTS:
         QCOMPARE(server.requests().at(1).header("Range"), "bytes=" + QByteArray::number(cut) + "-");
         QCOMPARE(server.requests().at(1).header("If-Range"), QByteArray("\"v1\""));
         QCOMPARE(!server.requests().last().header("Range").isEmpty(), lastRanged);
-        QCOMPARE(suc::test::readFile(target), answer == "changed" ? changed : m_body);
+        QCOMPARE(readFile(target), answer == "changed" ? changed : m_body);
         QCOMPARE(kept(), QStringList()); // nothing kept once the file is complete
         if (answer == "range" && requests == 2) // every byte fetched once
             QCOMPARE(served, qint64(m_body.size()));
@@ -206,7 +207,7 @@ private Q_SLOTS:
     }
 
     // Transient failures are tried again after a back-off; others fail at once.
-    void retries_data() { suc::test::addRows("retries"); }
+    void retries_data() { addRows("retries"); }
     void retries()
     {
         QFETCH(QString, first);
@@ -260,7 +261,7 @@ private Q_SLOTS:
             waited << r.first().toInt();
         QCOMPARE(waited, waits);
         if (success)
-            QCOMPARE(suc::test::readFile(dir.filePath("viewer.tar.gz")), m_body);
+            QCOMPARE(readFile(dir.filePath("viewer.tar.gz")), m_body);
     }
 };
 

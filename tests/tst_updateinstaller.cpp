@@ -1,6 +1,8 @@
 #include <TestSupport.h>
 #include <qv/UpdateState.h>
 
+using namespace suc::test;
+
 // Runs the UpdateInstaller program on application folders made here. Each fake application's
 // program appends its version to a marker file when it starts.
 class TestUpdateInstaller : public QObject {
@@ -8,7 +10,6 @@ class TestUpdateInstaller : public QObject {
 
     QTemporaryDir m_dir;
     QString m_marker;
-    bool m_noExchange = false;
 
     // `start` is what the program does after noting its start: "" confirms to the updater when
     // asked (as the client does), "fail" exits with 3, "quiet" exits without confirming, "hang"
@@ -16,9 +17,8 @@ class TestUpdateInstaller : public QObject {
     static void makeApp(const QString &folder, const QString &version,
                         const QByteArray &start = QByteArray())
     {
-        QVERIFY(suc::test::writeFile(folder + "/version.txt", version.toUtf8()));
-        QVERIFY(suc::test::writeFile(folder + "/lib/data.bin",
-                                     QByteArray(4096, version.at(1).toLatin1())));
+        QVERIFY(writeFile(folder + "/version.txt", version.toUtf8()));
+        QVERIFY(writeFile(folder + "/lib/data.bin", QByteArray(4096, version.at(1).toLatin1())));
         QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
         static const QHash<QByteArray, QByteArray> behaviours {
             {"",
@@ -32,11 +32,11 @@ class TestUpdateInstaller : public QObject {
             {"quiet", "exit 0\n"},
             {"hang", "sleep 30\n"},
             {"die", "kill -9 $$\n"}};
-        QVERIFY(suc::test::writeFile(folder + "/app",
-                                     "#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> "
-                                     "\"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n"
-                                         + behaviours.value(start),
-                                     0755));
+        QVERIFY(writeFile(folder + "/app",
+                          "#!/bin/sh\ncat \"$(dirname \"$0\")/version.txt\" >> "
+                          "\"$SUC_MARKER\"\necho >> \"$SUC_MARKER\"\n"
+                              + behaviours.value(start),
+                          0755));
     }
 
     // Viewer in version v1, the unpacked v2 doing `start` when started, and the updater's
@@ -74,18 +74,13 @@ class TestUpdateInstaller : public QObject {
         return data.readAll() == QByteArray(4096, version.at(1).toLatin1()) ? version : QString();
     }
 
-    void startInstaller(QProcess &p, const QStringList &args,
-                        const QByteArray &stopAfter = QByteArray())
+    // The updater reads the step to stop after from its environment (the rest is set in init()).
+    static void startInstaller(QProcess &p, const QStringList &args,
+                               const QByteArray &stopAfter = QByteArray())
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        if (m_noExchange) // a file system that cannot exchange two folders
-            env.insert("UPDATEINSTALLER_NO_EXCHANGE", "1");
-        env.insert("SUC_MARKER", m_marker);
-        env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
-        if (!stopAfter.isEmpty())
-            env.insert("UPDATEINSTALLER_STOP_AFTER", QString::fromLatin1(stopAfter));
-        p.setProcessEnvironment(env);
+        qputenv("UPDATEINSTALLER_STOP_AFTER", stopAfter);
         p.start(QStringLiteral(SUC_UPDATE_INSTALLER), args);
+        qunsetenv("UPDATEINSTALLER_STOP_AFTER");
     }
     static int result(QProcess &p)
     {
@@ -102,13 +97,10 @@ class TestUpdateInstaller : public QObject {
 
     QStringList started()
     {
-        return QString::fromUtf8(suc::test::readFile(m_marker)).split('\n', Qt::SkipEmptyParts);
+        return QString::fromUtf8(readFile(m_marker)).split('\n', Qt::SkipEmptyParts);
     }
 
-    QString log()
-    {
-        return QString::fromUtf8(suc::test::readFile(m_dir.filePath("UpdateInstaller.log")));
-    }
+    QString log() { return QString::fromUtf8(readFile(m_dir.filePath("UpdateInstaller.log"))); }
 
     // A folder on another file system than the application, when the machine has one.
     static QString otherFileSystem(const QString &near)
@@ -148,11 +140,14 @@ private Q_SLOTS:
         m_marker = m_dir.filePath("started.txt");
         // The updater's own files go below the user's state folder: here, one per test.
         qputenv("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
+        // What the updater, the applications and the hosts it starts read: one log, one marker.
+        qputenv("UPDATEINSTALLER_LOG", QFile::encodeName(m_dir.filePath("UpdateInstaller.log")));
+        qputenv("SUC_MARKER", QFile::encodeName(m_marker));
     }
 
     void refusesAndRestartsTheOldVersion_data()
     {
-        suc::test::addRows("updateinstaller-refuses-and-restarts-the-old-version");
+        addRows("updateinstaller-refuses-and-restarts-the-old-version");
     }
     void refusesAndRestartsTheOldVersion()
     {
@@ -199,7 +194,7 @@ private Q_SLOTS:
     // the old one put back and started, and a note left for its client.
     void healthCheck_data()
     {
-        suc::test::addRows("updateinstaller-health-check");
+        addRows("updateinstaller-health-check");
     } // why: empty when the update stays
     void healthCheck()
     {
@@ -218,8 +213,7 @@ private Q_SLOTS:
         QCOMPARE(completeVersion(app), QString("v1"));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
-        QVERIFY2(suc::test::readFile(side(app, "rolled-back")).contains(why.toUtf8()),
-                 qPrintable(log()));
+        QVERIFY2(readFile(side(app, "rolled-back")).contains(why.toUtf8()), qPrintable(log()));
         // A second update, of a version that runs, goes through after the roll-back.
         QDir(m_dir.filePath("unpacked")).removeRecursively();
         makeApp(m_dir.filePath("unpacked"), "v3");
@@ -231,7 +225,7 @@ private Q_SLOTS:
     // against the user: a link planted there never leads the updater to write elsewhere, a folder
     // never counts as a confirmation, and a crashing version is still rolled back.
     // "path": "@" is the application folder; "asLink": else a folder.
-    void plantedSideFiles_data() { suc::test::addRows("updateinstaller-planted-side-files"); }
+    void plantedSideFiles_data() { addRows("updateinstaller-planted-side-files"); }
     void plantedSideFiles()
     {
         QFETCH(QString, path);
@@ -240,7 +234,7 @@ private Q_SLOTS:
         makeApp(app, "v1");
         makeApp(m_dir.filePath("unpacked"), "v2", "fail");
         const QString victim = m_dir.filePath("victim.txt");
-        QVERIFY(suc::test::writeFile(victim, "the user's own"));
+        QVERIFY(writeFile(victim, "the user's own"));
         const QString planted = path.startsWith("private:") ? side(app, qPrintable(path.mid(8)))
                                                             : QString(path).replace("@", app);
         if (asLink)
@@ -253,8 +247,8 @@ private Q_SLOTS:
                  1);
         QCOMPARE(completeVersion(app), QString("v1"));
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
-        QCOMPARE(suc::test::readFile(victim), QByteArray("the user's own"));
-        QVERIFY2(suc::test::readFile(side(app, "rolled-back")).contains("exited with code 3"),
+        QCOMPARE(readFile(victim), QByteArray("the user's own"));
+        QVERIFY2(readFile(side(app, "rolled-back")).contains("exited with code 3"),
                  qPrintable(log()));
         QCOMPARE(QFileInfo(qv::UpdateState::folderFor(app)).permissions() & 0x0077,
                  QFile::Permissions());
@@ -262,10 +256,7 @@ private Q_SLOTS:
 
     // Killed while the new version was being checked, then run again: the version that stays is
     // the confirmed new one, or else the old one, put back and started.
-    void resumedDuringTheCheck_data()
-    {
-        suc::test::addRows("updateinstaller-resumed-during-the-check");
-    }
+    void resumedDuringTheCheck_data() { addRows("updateinstaller-resumed-during-the-check"); }
     void resumedDuringTheCheck()
     {
         QFETCH(QByteArray, start);
@@ -372,7 +363,7 @@ private Q_SLOTS:
     // is the one running, stays; the other goes; nothing is started twice.
     void theNextStartSettlesAnInterruptedUpdate_data()
     {
-        suc::test::addRows("updateinstaller-interrupted-update");
+        addRows("updateinstaller-interrupted-update");
     }
     void theNextStartSettlesAnInterruptedUpdate()
     {
@@ -396,9 +387,6 @@ private Q_SLOTS:
             QTRY_VERIFY(started().contains("v2"));
         const int startsBefore = started().size();
         QProcess host;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("UPDATEINSTALLER_LOG", m_dir.filePath("UpdateInstaller.log"));
-        host.setProcessEnvironment(env);
         host.start(app + "/host", {"host"});
         QVERIFY(host.waitForFinished(60000));
         QCOMPARE(host.exitCode(), 0);
@@ -418,15 +406,17 @@ private Q_SLOTS:
     // left behind beforehand.
     void oneCompleteApplicationAlwaysRemains_data()
     {
-        suc::test::addRows("updateinstaller-one-complete-application-always-remains");
+        addRows("updateinstaller-one-complete-application-always-remains");
     }
     void oneCompleteApplicationAlwaysRemains()
     {
         QFETCH(QByteArray, step);
         QFETCH(bool, acrossFileSystems);
         QFETCH(QString, stale);
-        m_noExchange = stale == "no exchange";
-        const auto exchangeAgain = qScopeGuard([this] { m_noExchange = false; });
+        const bool noExchange = stale == "no exchange"; // a file system that cannot exchange
+        if (noExchange)
+            qputenv("UPDATEINSTALLER_NO_EXCHANGE", "1");
+        const auto exchangeAgain = qScopeGuard([] { qunsetenv("UPDATEINSTALLER_NO_EXCHANGE"); });
         const QString app = m_dir.filePath("Viewer");
         makeApp(app, "v1");
         QScopedPointer<QTemporaryDir> other;
@@ -438,13 +428,12 @@ private Q_SLOTS:
         const QString earlierNew = m_dir.filePath("earlier-new");
         if (stale == "stale backup") { // a removal cut short: never a version to restore
             QVERIFY(QDir().mkpath(app + ".update-backup/lib"));
-            QVERIFY(suc::test::writeFile(app + ".update-backup/version.txt", "v0"));
+            QVERIFY(writeFile(app + ".update-backup/version.txt", "v0"));
         } else if (stale == "stale journal of other arguments") {
             makeApp(app + ".update-backup", "v0");
             makeApp(earlierNew, "v8");
-            QVERIFY(suc::test::writeFile(
-                side(app, "journal"),
-                ("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8()));
+            QVERIFY(writeFile(side(app, "journal"),
+                              ("launched\n" + app + "\n" + earlierNew + "\napp\n").toUtf8()));
         } else if (stale == "backup linked outside") {
             QVERIFY(QFile::link(outside, app + ".update-backup"));
         }
@@ -476,13 +465,13 @@ private Q_SLOTS:
                 || (step == "discard" && leftovers);
             // Without the exchange the old folder is set aside before the new one moves in: then
             // the backup holds the whole old version.
-            if (m_noExchange && step == "backup" && killed == -1)
+            if (noExchange && step == "backup" && killed == -1)
                 QCOMPARE(completeVersion(app + ".update-backup"), QString("v1"));
             else
                 QVERIFY2(completeVersion(app) == (killed == -1 && beforeExchange ? "v1" : "v2"),
                          qPrintable(QString("in place '%1'\n%2").arg(completeVersion(app), log())));
         }
-        QVERIFY2(m_noExchange || !completeVersion(app).isEmpty(), qPrintable(log()));
+        QVERIFY2(noExchange || !completeVersion(app).isEmpty(), qPrintable(log()));
 
         if (QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir))
             QCOMPARE(runInstaller(args), 0);
@@ -506,7 +495,7 @@ private Q_SLOTS:
             QCOMPARE(started().count("v2"), 1);
         if (step.isEmpty() && stale == "clean") // the exchange is what put it in place
             QVERIFY2(log().contains("step done: exchange"), qPrintable(log()));
-        if (m_noExchange)
+        if (noExchange)
             QVERIFY2(log().contains("cannot exchange"), qPrintable(log()));
     }
 };
