@@ -71,10 +71,7 @@ private Q_SLOTS:
         QFETCH(int, code);
         QFETCH(QString, finding);
         const QString hash(64, 'a');
-        QString catalogue = "<softwareList serial='1' expires='2099-01-01' base-url='http://h/'>\n"
-                            "<package type='Application' name='Viewer' release='2.10' "
-                            "url='v.tar.gz' file-size='10' release-date='2026-01-01' "
-                            "sha256='HASH'/>\n</softwareList>";
+        QString catalogue = QString::fromUtf8(testData("softupdate/lint.xml"));
         catalogue.replace("HASH", hash);
         if (!replace.isEmpty())
             catalogue.replace(replace.replace("HASH", hash), with.replace("HASH", hash));
@@ -367,11 +364,7 @@ private Q_SLOTS:
         QFETCH(QStringList, args);
         QFETCH(QList<int>, codes);
         QFETCH(QString, said);
-        const QByteArray catalogue
-            = "<softwareList serial='1' expires='2099-01-01'>"
-              "<package type='Application' name='V' release='1' "
-              "url='http://127.0.0.1/v.tar.gz' file-size='3' platform='linux' status='STABLE'/>"
-              "</softwareList>";
+        const QByteArray catalogue = testData("softupdate/hostile.xml");
         const QString file = writeFile("c.xml", catalogue);
         writeFile("bad\x01name.zip", "zip");
         writeFile("v 1#2.zip", "zip");
