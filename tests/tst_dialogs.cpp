@@ -19,24 +19,6 @@ template<typename T> T *child(QWidget *w, const char *name)
     return c;
 }
 
-// Holds a keyboard modifier the way the window system reports it, so that
-// QApplication::keyboardModifiers() sees it.
-struct HeldModifier {
-    HeldModifier(QWindow *window, Qt::Key key, Qt::KeyboardModifier modifier)
-        : m_window(window), m_key(key)
-    {
-        if (key != Qt::Key_unknown)
-            QTest::keyPress(window, key, modifier);
-    }
-    ~HeldModifier()
-    {
-        if (m_key != Qt::Key_unknown)
-            QTest::keyRelease(m_window, m_key, Qt::NoModifier);
-    }
-    QWindow *m_window;
-    Qt::Key m_key;
-};
-
 QList<QStringList> rows(int n)
 {
     QList<QStringList> out;
@@ -73,11 +55,15 @@ private Q_SLOTS:
         QFETCH(int, key);
         QFETCH(int, modifier);
         QFETCH(bool, expert);
-        QScopedPointer<SoftwareUpdateDialog> dialog;
-        {
-            HeldModifier held(m_host.windowHandle(), Qt::Key(key), Qt::KeyboardModifier(modifier));
-            dialog.reset(new SoftwareUpdateDialog(&m_host, dialogFlags(false)));
-        }
+        // Held the way the window system reports it, so that QApplication::keyboardModifiers()
+        // sees it while the dialog is made.
+        QWindow *window = m_host.windowHandle();
+        if (key != Qt::Key_unknown)
+            QTest::keyPress(window, Qt::Key(key), Qt::KeyboardModifier(modifier));
+        QScopedPointer<SoftwareUpdateDialog> dialog(
+            new SoftwareUpdateDialog(&m_host, dialogFlags(false)));
+        if (key != Qt::Key_unknown)
+            QTest::keyRelease(window, Qt::Key(key), Qt::NoModifier);
         dialog->show();
         QVERIFY(QTest::qWaitForWindowExposed(dialog.data()));
         QCOMPARE(child<QCheckBox>(dialog.data(), "checkForBetaCheckBox")->isVisible(), expert);
