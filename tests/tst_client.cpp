@@ -366,15 +366,7 @@ private Q_SLOTS:
         if (downloads)
             QTRY_VERIFY(!openDialog<QProgressDialog>());
         // The ZIP archive goes once its unpacking, which nobody waits for, has finished.
-        const auto downloadedFileExists = [&file] {
-            for (const QFileInfo &dir :
-                 QDir(QDir::tempPath()).entryInfoList({"softwareupdate-*"}, QDir::Dirs)) {
-                if (QFile::exists(dir.filePath() + "/" + file))
-                    return true;
-            }
-            return false;
-        };
-        QTRY_COMPARE(downloadedFileExists(), fileKept);
+        QTRY_COMPARE(!downloadedFiles(file).isEmpty(), fileKept);
         QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
         for (const QFileInfo &dir : QDir::temp().entryInfoList({"softwareupdate-*"}, QDir::Dirs))
             QCOMPARE(dir.permissions() & 0x0077, QFile::Permissions()); // the user's alone

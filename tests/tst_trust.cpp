@@ -113,17 +113,6 @@ class TestTrust : public QObject {
             folders << f.filePath();
         return folders;
     }
-    // The contents of every downloaded `file` in the temporary folder.
-    static QList<QByteArray> downloadedFiles(const QString &file)
-    {
-        QList<QByteArray> found;
-        for (const QString &dir : QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs)) {
-            QFile f(QDir::temp().filePath(dir + "/" + file));
-            if (f.open(QIODevice::ReadOnly))
-                found << f.readAll();
-        }
-        return found;
-    }
 
     QString checkFromDialog() { return suc::test::checkFromDialog(m_client.data()).join(','); }
 

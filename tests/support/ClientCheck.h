@@ -35,6 +35,19 @@ inline void removeOwnClientStore()
     QDir().rmdir(QFileInfo(file).path());
 }
 
+/// The contents of every downloaded `file`: in the client's download folders in the temporary
+/// folder.
+inline QList<QByteArray> downloadedFiles(const QString &file)
+{
+    QList<QByteArray> found;
+    for (const QString &dir : QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs)) {
+        QFile f(QDir::temp().filePath(dir + "/" + file));
+        if (f.open(QIODevice::ReadOnly))
+            found << f.readAll();
+    }
+    return found;
+}
+
 /// Runs a check from the client's settings dialog, as a user does (the dialog is opened unless
 /// it is open): the rows of the package list that opens (every cell of each, with `allCells`), or
 /// else the dialog's notification line.
