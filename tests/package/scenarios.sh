@@ -77,6 +77,18 @@ wait_release() {
   return 1
 }
 
+# in_lane <name> <function>: runs the function in the background on the site sites/<name>, its
+# exit code its count of failures; join_lane <name> adds them and shows what the lane said.
+declare -A lane_pid
+in_lane() {
+  (lane=$1; site=$work/sites/$1; "$2"; exit "$failures") >"$work/lane-$1.txt" 2>&1 &
+  lane_pid[$1]=$!
+}
+join_lane() {
+  wait "${lane_pid[$1]}" || failures=$((failures + $?))
+  cat "$work/lane-$1.txt"
+}
+
 lane_install() {
   publish "$packages/PackageHost-2.0.zip"
   scenario install
@@ -134,28 +146,37 @@ lane_delta() {
       "readyToRestart: 2.0 (downloaded $full bytes)" "running 2.0" "boxes shown: 0"
     grep -rqs "badDeltas=" "$home/.config" || fail "not remembered"
   }
-  # Three chains side by side, each on a copy of the site.
+  # Three chains side by side, each on a copy of the site (delta_changed_source, delta_broken).
   for chain in delta-changed delta-broken; do
     cp -r "$site" "$work/sites/$chain" &&
       sed -i "s#8080/delta/#8080/$chain/#" "$work/sites/$chain/list.xml" &&
       softupdate sign "$work/sites/$chain/list.xml" --key "$work/updates.key" >/dev/null
   done
-  (
-    lane=delta-changed site=$work/sites/delta-changed
-    # The installed library differs from the one the delta was made from.
-    install_old delta-changed-source &&
-      printf 'x' >>"$work/delta-changed-source/apps/PackageHost/lib/libfoo.so.1"
-    badly delta-changed-source \
-      "the installed file lib/libfoo.so.1 is not the one the delta was made from"
-    exit "$failures"
-  ) >"$files/changed.txt" 2>&1 &
-  local changed=$!
-  (
-    lane=delta-broken site=$work/sites/delta-broken
-    # Published as it is, but broken: a payload does not decode (the catalogue lists its hash).
-    local site_delta=$site/PackageHost-2.0.zip.from-1.0.delta before
-    before=$(sha256sum "$site_delta" | cut -c1-64)
-    python3 - "$site_delta" <<'PY'
+  in_lane delta-changed delta_changed_source
+  in_lane delta-broken delta_broken
+  scenario delta delta
+  expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
+    "boxes shown: 0"
+  wait_release 2.0
+  diff -r --no-dereference "$app" "$files/rich-2.0/PackageHost-2.0" >/dev/null &&
+    [ "$(stat -c %a "$app/data/added.txt" "$app/tool.sh" | tr '\n' ' ')" = "600 755 " ] ||
+    fail "the installed folder is not 2.0"
+  join_lane delta-changed
+  join_lane delta-broken
+}
+# The delta's chains beside it (with its badly and sizes): each on a copy of its site.
+delta_changed_source() {
+  # The installed library differs from the one the delta was made from.
+  install_old delta-changed-source &&
+    printf 'x' >>"$work/delta-changed-source/apps/PackageHost/lib/libfoo.so.1"
+  badly delta-changed-source \
+    "the installed file lib/libfoo.so.1 is not the one the delta was made from"
+}
+delta_broken() {
+  # Published as it is, but broken: a payload does not decode (the catalogue lists its hash).
+  local site_delta=$site/PackageHost-2.0.zip.from-1.0.delta before
+  before=$(sha256sum "$site_delta" | cut -c1-64)
+  python3 - "$site_delta" <<'PY'
 import json, struct, subprocess, sys
 data = bytearray(open(sys.argv[1], "rb").read())
 length = struct.unpack("<I", data[8:12])[0]
@@ -166,24 +187,11 @@ for i in range(at + 14, at + entry["length"]): # the blocks, after the frame hea
     data[i] ^= 0x55
 open(sys.argv[1], "wb").write(data)
 PY
-    sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$site/list.xml"
-    softupdate sign "$site/list.xml" --key "$work/updates.key" >/dev/null
-    badly delta-broken "data/added.txt: zstd: Data corruption detected"
-    printf 'x' >>"$site_delta"
-    badly delta-not-published "the download is not the delta the catalogue published"
-    exit "$failures"
-  ) >"$files/broken.txt" 2>&1 &
-  local broken=$!
-  scenario delta delta
-  expect "readyToRestart: 2.0 (downloaded $delta bytes)" "restartNow: 1" "running 2.0" \
-    "boxes shown: 0"
-  wait_release 2.0
-  diff -r --no-dereference "$app" "$files/rich-2.0/PackageHost-2.0" >/dev/null &&
-    [ "$(stat -c %a "$app/data/added.txt" "$app/tool.sh" | tr '\n' ' ')" = "600 755 " ] ||
-    fail "the installed folder is not 2.0"
-  wait "$changed" || failures=$((failures + $?))
-  wait "$broken" || failures=$((failures + $?))
-  cat "$files/changed.txt" "$files/broken.txt"
+  sed -i "s/$before/$(sha256sum "$site_delta" | cut -c1-64)/" "$site/list.xml"
+  softupdate sign "$site/list.xml" --key "$work/updates.key" >/dev/null
+  badly delta-broken "data/added.txt: zstd: Data corruption detected"
+  printf 'x' >>"$site_delta"
+  badly delta-not-published "the download is not the delta the catalogue published"
 }
 
 # Refused packages: the signal says why, no box is shown, nothing changes.
@@ -216,17 +224,11 @@ lane_no_exec_bits() {
 }
 
 lanes=(install rolled_back late delta mismatch name_case no_exec_bits)
-pids=()
 for lane in "${lanes[@]}"; do
-  site=$work/sites/$lane
   files=$work/files-$lane
-  mkdir -p "$site" "$files"
-  (lane_"$lane"; exit "$failures") >"$work/lane-$lane.txt" 2>&1 &
-  pids+=($!)
+  mkdir -p "$work/sites/$lane" "$files"
+  in_lane "$lane" "lane_$lane"
 done
-for i in "${!lanes[@]}"; do
-  wait "${pids[$i]}" || failures=$((failures + $?))
-  cat "$work/lane-${lanes[$i]}.txt"
-done
+for lane in "${lanes[@]}"; do join_lane "$lane"; done
 echo "$failures scenario(s) failed"
 [ "$failures" -eq 0 ]
