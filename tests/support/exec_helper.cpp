@@ -24,8 +24,37 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <functional>
 
 #include <unistd.h>
+
+namespace {
+
+// Answers every message box with the first of its buttons named in `choices`, after printing
+// its title and text; `otherwise` runs when no box is open. After an "Installation failed" box
+// the program ends with 5; a "Restart later" answer ends it at once, without a normal quit.
+void answerBoxes(QObject *parent, const QStringList &choices, std::function<void()> otherwise)
+{
+    auto *answer = new QTimer(parent);
+    QObject::connect(answer, &QTimer::timeout, [choices, otherwise] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        if (!box)
+            return otherwise();
+        std::printf("box: %s | %s\n", qPrintable(box->windowTitle()), qPrintable(box->text()));
+        std::fflush(stdout);
+        if (box->windowTitle() == u"Installation failed")
+            QTimer::singleShot(0, [] { QCoreApplication::exit(5); });
+        if (choices.contains("Restart later") && box->windowTitle() == u"Restart required")
+            QTimer::singleShot(0, [] { _exit(0); });
+        for (QAbstractButton *b : box->buttons()) {
+            if (choices.contains(b->text()))
+                return b->click();
+        }
+    });
+    answer->start(20);
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -48,28 +77,19 @@ int main(int argc, char **argv)
     }
     if (args.value(1) == u"runZipInstaller" && args.size() == 4) {
         const QString choice = args.at(3);
-        // Answers the folder chooser with the given folder, and a message box with Ok after
-        // printing its title and text.
-        auto *answer = new QTimer(&app);
-        QObject::connect(answer, &QTimer::timeout, [choice] {
-            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
-                std::printf("box: %s | %s\n", qPrintable(box->windowTitle()),
-                            qPrintable(box->text()));
-                std::fflush(stdout);
-                box->button(QMessageBox::Ok)->click();
-            } else if (auto *dialog
-                       = qobject_cast<QFileDialog *>(QApplication::activeModalWidget())) {
-                // The folder itself, with nothing typed: what the dialog then answers.
-                // (Selecting it as a file would move the dialog to its parent folder.)
-                if (QDir(dialog->directory()).absolutePath() != QDir(choice).absolutePath()
-                    || dialog->selectedFiles() != QStringList {QDir(choice).absolutePath()}) {
-                    dialog->setDirectory(choice);
-                    return;
-                }
+        // Answers the folder chooser with the given folder, and every box with OK.
+        answerBoxes(&app, {"OK"}, [choice] {
+            auto *dialog = qobject_cast<QFileDialog *>(QApplication::activeModalWidget());
+            if (!dialog)
+                return;
+            // The folder itself, with nothing typed: what the dialog then answers.
+            // (Selecting it as a file would move the dialog to its parent folder.)
+            if (QDir(dialog->directory()).absolutePath() != QDir(choice).absolutePath()
+                || dialog->selectedFiles() != QStringList {QDir(choice).absolutePath()})
+                dialog->setDirectory(choice);
+            else
                 QMetaObject::invokeMethod(dialog, "accept");
-            }
         });
-        answer->start(20);
         qv::DownloadManager manager;
         try {
             manager.runZipInstaller(args.at(2));
@@ -100,27 +120,7 @@ int main(int argc, char **argv)
         }
         client.setInteractive(false);
         QApplication::setQuitOnLastWindowClosed(false); // the boxes are its only windows
-        auto *answer = new QTimer(&app);
-        QObject::connect(answer, &QTimer::timeout, [later] {
-            auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-            if (!box)
-                return;
-            std::printf("box: %s | %s\n", qPrintable(box->windowTitle()), qPrintable(box->text()));
-            std::fflush(stdout);
-            if (box->windowTitle() == u"Installation failed")
-                QTimer::singleShot(0, [] { QCoreApplication::exit(5); });
-            const QString restart
-                = later ? QStringLiteral("Restart later") : QStringLiteral("Restart now");
-            if (later && box->windowTitle() == u"Restart required")
-                QTimer::singleShot(0, [] { _exit(0); });
-            for (QAbstractButton *b : box->buttons()) {
-                if (b->text() == u"Proceed" || b->text() == restart || b->text() == u"OK") {
-                    b->click();
-                    return;
-                }
-            }
-        });
-        answer->start(20);
+        answerBoxes(&app, {"Proceed", later ? "Restart later" : "Restart now", "OK"}, [] {});
         QObject::connect(&client, &qv::SoftwareUpdateClient::updatesAvailable, &client, [&client] {
             QMetaObject::invokeMethod(&client, "installPackage", Qt::QueuedConnection,
                                       Q_ARG(int, 0));
