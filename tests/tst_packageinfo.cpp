@@ -13,40 +13,27 @@ private Q_SLOTS:
     void identity_data() { addRows("packageinfo-identity"); }
     void identity()
     {
-        QFETCH(QDateTime, dateA);
-        QFETCH(qint64, sizeA);
-        QFETCH(QDateTime, dateB);
-        QFETCH(qint64, sizeB);
         PackageInfo a;
         a.name = "one";
         a.release = "1.0";
-        a.releaseDate = dateA;
-        a.fileSize = sizeA;
+        a.releaseDate = row<QDateTime>("dateA");
+        a.fileSize = row<qint64>("sizeA");
         PackageInfo b;
         b.name = "two";
         b.release = "9.9";
         b.url = QUrl("http://example.invalid/x.zip");
-        b.releaseDate = dateB;
-        b.fileSize = sizeB;
+        b.releaseDate = row<QDateTime>("dateB");
+        b.fileSize = row<qint64>("sizeB");
         QTEST(a == b, "equal");
         QCOMPARE(a != b, !(a == b));
-    }
-
-    void stringIdFormat()
-    {
-        PackageInfo p;
-        p.releaseDate = QDateTime(QDate(2011, 4, 5), QTime(10, 30));
-        p.fileSize = 5242880;
-        QCOMPARE(p.stringID(), QString("1-2011-04-05T10:30:00-5242880"));
-        QCOMPARE(PackageInfo().stringID(), QString("1--0"));
+        QTEST(a.stringID(), "idA"); // as kept in the history of offered packages
     }
 
     void timeToString_data() { addRows("packageinfo-time-to-string"); }
     void timeToString()
     {
-        QFETCH(QDateTime, when);
         PackageInfo p;
-        p.releaseDate = when;
+        p.releaseDate = row<QDateTime>("when");
         QTEST(p.timeToString(Qt::ISODate), "text");
     }
 
