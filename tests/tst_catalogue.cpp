@@ -79,10 +79,9 @@ private Q_SLOTS:
     void inheritanceAndPrecedence_data() { addRows("catalogue-fields"); }
     void inheritanceAndPrecedence()
     {
-        QFETCH(QString, file);
         QFETCH(int, index);
         QFETCH(QString, fieldName);
-        const PackageInfoList list = parseFile(file);
+        const PackageInfoList list = parseFile(row<QString>("file"));
         QVERIFY(index < list.size() && fields(list.at(index)).contains(fieldName));
         QTEST(fields(list.at(index)).value(fieldName), "expected");
     }
@@ -100,8 +99,7 @@ private Q_SLOTS:
     void parseAgreesWithTheDomWalk_data() { addRows("catalogue-parse-agrees-with-the-dom-walk"); }
     void parseAgreesWithTheDomWalk()
     {
-        QFETCH(QString, file);
-        QFile f(QFINDTESTDATA("data/" + file));
+        QFile f(QFINDTESTDATA("data/" + row<QString>("file")));
         QVERIFY(f.open(QIODevice::ReadOnly));
         QDomDocument doc;
         QVERIFY(doc.setContent(&f));
@@ -154,18 +152,13 @@ private Q_SLOTS:
     }
 
     void fileSizes_data() { addRows("catalogue-file-sizes"); }
-    void fileSizes()
-    {
-        QFETCH(QString, text);
-        QTEST(DownloadManager::parseFileSize(text), "bytes");
-    }
+    void fileSizes() { QTEST(DownloadManager::parseFileSize(row<QString>("text")), "bytes"); }
 
     void releaseDates_data() { addRows("catalogue-release-dates"); }
     void releaseDates()
     {
-        QFETCH(QString, text);
         QFETCH(QDateTime, expected);
-        const QDateTime got = DownloadManager::parseReleaseDate(text);
+        const QDateTime got = DownloadManager::parseReleaseDate(row<QString>("text"));
         QCOMPARE(got.isNull(), expected.isNull());
         if (!expected.isNull())
             QCOMPARE(got, expected);
@@ -176,8 +169,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, url);
         QFETCH(QString, suffix);
-        QFETCH(bool, warned);
-        if (warned) {
+        if (row<bool>("warned")) {
             QTest::ignoreMessage(
                 QtCriticalMsg,
                 qPrintable(
@@ -240,17 +232,13 @@ private Q_SLOTS:
     void candidates_data() { addRows("catalogue-candidates"); }
     void candidates()
     {
-        QFETCH(QString, file);
-        QFETCH(QString, name);
-        QFETCH(QString, release);
-        QFETCH(QString, status);
         QFETCH(QStringList, platforms);
-        QFETCH(QStringList, suffixes);
-        PackageInfoList catalogue = parseFile(file);
-        const PackageInfo filter(QString(), name, release, status, QDateTime(),
+        PackageInfoList catalogue = parseFile(row<QString>("file"));
+        const PackageInfo filter(QString(), row<QString>("name"), row<QString>("release"),
+                                 row<QString>("status"), QDateTime(),
                                  QStringSet(platforms.cbegin(), platforms.cend()), {}, "", "");
-        const PackageInfoList found
-            = DownloadManager::findPackageCandidates(catalogue, filter, "Wanted", suffixes);
+        const PackageInfoList found = DownloadManager::findPackageCandidates(
+            catalogue, filter, "Wanted", row<QStringList>("suffixes"));
         QStringList files;
         for (const PackageInfo &p : found) {
             files << p.fileName();
@@ -281,14 +269,11 @@ private Q_SLOTS:
     void bestMatches_data() { addRows("catalogue-best-matches"); }
     void bestMatches()
     {
-        QFETCH(QString, file);
-        QFETCH(QString, release);
-        QFETCH(QString, status);
         QFETCH(QStringList, excludedLanguages);
-        const PackageInfoList catalogue = parseFile(file);
-        const PackageInfo filter("", "", release, status, QDateTime(), {},
-                                 QStringSet(excludedLanguages.cbegin(), excludedLanguages.cend()),
-                                 "", "");
+        const PackageInfoList catalogue = parseFile(row<QString>("file"));
+        const PackageInfo filter(
+            "", "", row<QString>("release"), row<QString>("status"), QDateTime(), {},
+            QStringSet(excludedLanguages.cbegin(), excludedLanguages.cend()), "", "");
         QStringList files;
         for (const PackageInfo &p : DownloadManager::findBestMatches(catalogue, filter))
             files << p.fileName();
@@ -298,17 +283,13 @@ private Q_SLOTS:
     void betterMatchRules_data() { addRows("catalogue-better-match-rules"); }
     void betterMatchRules()
     {
-        QFETCH(QString, releaseA);
-        QFETCH(QString, statusA);
-        QFETCH(int, dayA);
-        QFETCH(QString, releaseB);
-        QFETCH(QString, statusB);
-        QFETCH(int, dayB);
-        PackageInfo a("App", "n", releaseA, statusA, QDateTime(QDate(2013, 1, dayA), QTime(0, 0)),
-                      {"linux"}, {}, "zip", "A");
+        PackageInfo a("App", "n", row<QString>("releaseA"), row<QString>("statusA"),
+                      QDateTime(QDate(2013, 1, row<int>("dayA")), QTime(0, 0)), {"linux"}, {},
+                      "zip", "A");
         a.fileSize = 1;
-        PackageInfo b("App", "n", releaseB, statusB, QDateTime(QDate(2013, 1, dayB), QTime(0, 0)),
-                      {"linux"}, {}, "zip", "B");
+        PackageInfo b("App", "n", row<QString>("releaseB"), row<QString>("statusB"),
+                      QDateTime(QDate(2013, 1, row<int>("dayB")), QTime(0, 0)), {"linux"}, {},
+                      "zip", "B");
         b.fileSize = 2;
         const PackageInfoList best = DownloadManager::findBestMatches({a, b}, PackageInfo());
         QCOMPARE(best.size(), 1);
@@ -319,8 +300,8 @@ private Q_SLOTS:
     void matchesFilter()
     {
         QFETCH(QStringList, languages);
-        QFETCH(QString, status);
-        PackageInfo p("App", "n", "2.0", status, QDateTime(QDate(2013, 1, 2), QTime(0, 0)), {},
+        PackageInfo p("App", "n", "2.0", row<QString>("status"),
+                      QDateTime(QDate(2013, 1, 2), QTime(0, 0)), {},
                       QStringSet(languages.cbegin(), languages.cend()), "", "");
         const PackageInfo filter("", "", "1.0", "STABLE", QDateTime(QDate(2013, 1, 1), QTime(0, 0)),
                                  {}, {"de"}, "", "");

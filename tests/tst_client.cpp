@@ -81,23 +81,20 @@ private Q_SLOTS:
     void checkOutcomes_data() { addRows("client-check-outcomes"); }
     void checkOutcomes()
     {
-        QFETCH(QString, version);
         QFETCH(QString, catalogue);
         QFETCH(QString, path);
-        QFETCH(bool, twoCameras);
-        QFETCH(bool, beta);
         QFETCH(QString, outcome);
         QFETCH(QStringList, packages);
         m_catalogue = catalogue.isEmpty() ? QByteArray("<softwareList/>") : testData(catalogue);
-        makeClient(version);
-        if (twoCameras)
+        makeClient(row<QString>("version"));
+        if (row<bool>("twoCameras"))
             m_client->setCurrentCameraVersions(
                 {{"M1004", VersionNumber("5.2.1")}, {"M1004", VersionNumber("5.2.1")}});
         clientStore().setValue("serverURL", path.startsWith("http") ? path : url(path));
         m_client->queryForUpdate({}, false);
         openDialog<SoftwareUpdateDialog>()
             ->findChild<QCheckBox *>("checkForBetaCheckBox")
-            ->setChecked(beta);
+            ->setChecked(row<bool>("beta"));
         if (outcome == "No update available!" && !catalogue.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
         const QStringList got = checkFromDialog(m_client.data());
@@ -116,10 +113,7 @@ private Q_SLOTS:
     void signalsTellTheOutcome()
     {
         QFETCH(QString, server);
-        QFETCH(QString, version);
-        QFETCH(bool, trusted);
         QFETCH(QString, outcome);
-        QFETCH(QString, reason);
         const bool interactive = QString(QTest::currentDataTag()).startsWith("interactive");
         TestHttpServer stalled([](const TestHttpServer::Request &) {
             TestHttpServer::Response r = TestHttpServer::Response::ok("<softwareList>");
@@ -127,10 +121,10 @@ private Q_SLOTS:
             return r;
         });
         QVERIFY(stalled.listen(QHostAddress::LocalHost));
-        makeClient(version);
+        makeClient(row<QString>("version"));
         m_client->setInteractive(interactive);
         m_client->setRequestTimeout(server == "stall" ? 300 : 20000); // only stalls wait for it
-        if (trusted) // a key this unsigned server cannot meet
+        if (row<bool>("trusted")) // a key this unsigned server cannot meet
             m_client->setTrustedKeys(
                 {QString::fromLatin1(QByteArray(QByteArray("Ed") + QByteArray(40, 1)).toBase64())});
         clientStore().setValue("serverURL",
@@ -154,7 +148,7 @@ private Q_SLOTS:
             QVERIFY(!QApplication::activeModalWidget() && !openDialog<SoftwareUpdateDialog>());
         } else {
             QCOMPARE(failed.size(), 1);
-            QVERIFY2(failed.first().first().toString().contains(reason),
+            QVERIFY2(failed.first().first().toString().contains(row<QString>("reason")),
                      qPrintable(failed.first().first().toString()));
             QVERIFY(!openDialog<SoftwareUpdateAvailableDialog>());
         }
@@ -179,14 +173,13 @@ private Q_SLOTS:
     void hourlyRhythm_data() { addRows("client-hourly-rhythm"); }
     void hourlyRhythm()
     {
-        QFETCH(int, interval);
         QFETCH(int, hoursAgo);
         QFETCH(bool, fires);
         m_catalogue = "<softwareList/>";
         makeClient();
         SoftwareUpdateSettings s;
         m_client->getCurrentSettings(&s);
-        s.updateInterval = interval;
+        s.updateInterval = row<int>("interval");
         s.lastCheck
             = hoursAgo < 0 ? QDateTime() : QDateTime::currentDateTime().addSecs(-3600 * hoursAgo);
         m_client->setCurrentSettings(&s);
@@ -222,10 +215,9 @@ private Q_SLOTS:
     void initialCheck()
     {
         QFETCH(int, interval);
-        QFETCH(bool, checking);
         m_catalogue = "<softwareList/>";
         clientStore().setValue("updateInterval", interval);
-        clientStore().setValue("doUpdateCheck", checking);
+        clientStore().setValue("doUpdateCheck", row<bool>("checking"));
         makeClient();
         LogWatcher log;
         m_client->doInitialCheck(300);
@@ -334,10 +326,7 @@ private Q_SLOTS:
         QFETCH(QString, file);
         QFETCH(int, status);
         QFETCH(QStringList, answers);
-        QFETCH(QString, box);
-        QFETCH(bool, fileKept);
         QFETCH(int, downloads);
-        QFETCH(int, folders);
         QVERIFY(writeFile(QDir::temp().filePath("another-program.txt"), "not ours to touch"));
         const QByteArray body
             = file.endsWith(".zip") ? testData("package.zip") : QByteArray(3000, 'p');
@@ -362,12 +351,14 @@ private Q_SLOTS:
         QTRY_COMPARE(packages.requests().size(), downloads);
         QTRY_VERIFY(answerer.seen.size() >= answers.size());
         QTRY_VERIFY(!QApplication::activeModalWidget());
-        QVERIFY2(answerer.seen.last().startsWith(box), qPrintable(answerer.seen.join('\n')));
+        QVERIFY2(answerer.seen.last().startsWith(row<QString>("box")),
+                 qPrintable(answerer.seen.join('\n')));
         if (downloads)
             QTRY_VERIFY(!openDialog<QProgressDialog>());
         // The ZIP archive goes once its unpacking, which nobody waits for, has finished.
-        QTRY_COMPARE(!downloadedFiles(file).isEmpty(), fileKept);
-        QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(), folders);
+        QTRY_COMPARE(!downloadedFiles(file).isEmpty(), row<bool>("fileKept"));
+        QTRY_COMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs).size(),
+                     row<int>("folders"));
         for (const QFileInfo &dir : QDir::temp().entryInfoList({"softwareupdate-*"}, QDir::Dirs))
             QCOMPARE(dir.permissions() & 0x0077, QFile::Permissions()); // the user's alone
         QVERIFY(QFileInfo::exists(QDir::temp().filePath("another-program.txt")));

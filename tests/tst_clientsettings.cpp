@@ -61,8 +61,7 @@ private Q_SLOTS:
     void storedServerWinsOverConstructor_data() { addRows("clientsettings-stored-server"); }
     void storedServerWinsOverConstructor()
     {
-        QFETCH(QByteArray, ini);
-        writeStoreFile("[General]\n" + ini + "\n");
+        writeStoreFile("[General]\n" + row<QByteArray>("ini") + "\n");
         QScopedPointer<SoftwareUpdateClient> client(makeClient("http://ctor.test/list.xml"));
         QTEST(store().value("serverURL").toString(), "expected");
         SoftwareUpdateSettings read;
@@ -90,9 +89,8 @@ private Q_SLOTS:
     void storedCameraTexts_data() { addRows("clientsettings-stored-camera-texts"); }
     void storedCameraTexts()
     {
-        QFETCH(QString, stored);
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        store().setValue("currentCameraVersions", stored);
+        store().setValue("currentCameraVersions", row<QString>("stored"));
         QTEST(cameras(*client), "read");
     }
 
@@ -188,15 +186,12 @@ private Q_SLOTS:
     void storeNameFallbacks_data() { addRows("clientsettings-store-name-fallbacks"); }
     void storeNameFallbacks()
     {
-        QFETCH(QString, organization);
-        QFETCH(QString, application);
-        QFETCH(QString, expectedOrganization);
-        QFETCH(QString, expectedApplication);
-        QSettings expected(QSettings::IniFormat, QSettings::UserScope, expectedOrganization,
-                           expectedApplication);
+        QSettings expected(QSettings::IniFormat, QSettings::UserScope,
+                           row<QString>("expectedOrganization"),
+                           row<QString>("expectedApplication"));
         QFile::remove(expected.fileName());
-        QCoreApplication::setOrganizationName(organization);
-        QCoreApplication::setApplicationName(application);
+        QCoreApplication::setOrganizationName(row<QString>("organization"));
+        QCoreApplication::setApplicationName(row<QString>("application"));
         delete makeClient("http://fallback.test/");
         QCoreApplication::setOrganizationName("SucTest");
         QCoreApplication::setApplicationName("clientsettings");

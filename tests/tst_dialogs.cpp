@@ -53,13 +53,12 @@ private Q_SLOTS:
     void expertRowsNeedAModifier()
     {
         QFETCH(int, key);
-        QFETCH(int, modifier);
         QFETCH(bool, expert);
         // Held the way the window system reports it, so that QApplication::keyboardModifiers()
         // sees it while the dialog is made.
         QWindow *window = m_host.windowHandle();
         if (key != Qt::Key_unknown)
-            QTest::keyPress(window, Qt::Key(key), Qt::KeyboardModifier(modifier));
+            QTest::keyPress(window, Qt::Key(key), Qt::KeyboardModifier(row<int>("modifier")));
         QScopedPointer<SoftwareUpdateDialog> dialog(
             new SoftwareUpdateDialog(&m_host, dialogFlags(false)));
         if (key != Qt::Key_unknown)
@@ -76,7 +75,6 @@ private Q_SLOTS:
     void settingsRoundTrip_data() { addRows("dialogs-settings-round-trip"); }
     void settingsRoundTrip()
     {
-        QFETCH(QString, version);
         QFETCH(QString, lastCheck);
         SoftwareUpdateDialog dialog(nullptr, {});
         SoftwareUpdateDialogSettings first;
@@ -88,7 +86,7 @@ private Q_SLOTS:
         s.checkForBeta = true;
         s.updateInterval = 3;
         s.serverURL = "http://typed.test/list.xml";
-        s.currentVersion = version;
+        s.currentVersion = row<QString>("version");
         s.lastCheck = lastCheck;
         dialog.setDialogSettings(s);
         dialog.show();

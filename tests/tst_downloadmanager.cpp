@@ -152,15 +152,12 @@ private Q_SLOTS:
     void badAnswersGiveNoPackages_data() { addRows("downloadmanager-bad-answers"); }
     void badAnswersGiveNoPackages()
     {
-        QFETCH(int, status);
-        QFETCH(QByteArray, body);
-        QFETCH(bool, parserComplains);
-        m_catalogueStatus = status;
-        m_catalogue = body;
+        m_catalogueStatus = row<int>("status");
+        m_catalogue = row<QByteArray>("body");
         DownloadManager manager(catalogueUrl());
         QSignalSpy none(&manager, &DownloadManager::noPackageFound);
         QSignalSpy finished(&manager, &DownloadManager::queryFinished);
-        if (parserComplains)
+        if (row<bool>("parserComplains"))
             QTest::ignoreMessage(QtWarningMsg, "DownloadManager::parseXML() -> XML parser error");
         manager.queryUpdate();
         QVERIFY(finished.wait());

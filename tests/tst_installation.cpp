@@ -155,9 +155,8 @@ private Q_SLOTS:
     void defaultExecutable_data() { addRows("installation-default-executable"); }
     void defaultExecutable()
     {
-        QFETCH(QStringList, files);
         QTemporaryDir dir;
-        for (const QString &file : files) {
+        for (const QString &file : row<QStringList>("files")) {
             const QStringList parts = file.split(':');
             writeFile(dir.filePath(parts.at(0)), QByteArray(parts.at(1).toInt(), 'x'),
                       parts.at(2) == "x" ? 0755 : 0644);
@@ -193,10 +192,9 @@ private Q_SLOTS:
     void runInstallerStartsOnlyZip_data() { addRows("installation-run-installer-starts-only-zip"); }
     void runInstallerStartsOnlyZip()
     {
-        QFETCH(QString, file);
         DownloadManager manager;
         try {
-            manager.runInstaller(file);
+            manager.runInstaller(row<QString>("file"));
             QFAIL("no exception");
         } catch (const ExceptionQt &e) {
             QCOMPARE(e.message(), QString("execl() failed"));

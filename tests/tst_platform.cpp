@@ -40,11 +40,9 @@ private Q_SLOTS:
     void versionCompare_data() { addRows("platform-version-compare"); }
     void versionCompare()
     {
-        QFETCH(QString, a);
-        QFETCH(QString, b);
         QFETCH(int, order);
-        const qv::VersionNumber va(a.toLatin1().toStdString());
-        const qv::VersionNumber vb(b.toLatin1().toStdString());
+        const qv::VersionNumber va(row<QString>("a").toLatin1().toStdString());
+        const qv::VersionNumber vb(row<QString>("b").toLatin1().toStdString());
         QCOMPARE(qv::VersionNumber::compare(va, vb), order);
         QCOMPARE(qv::VersionNumber::compare(vb, va), -order);
         QCOMPARE(va > vb, order > 0);
@@ -54,8 +52,7 @@ private Q_SLOTS:
     void versionText_data() { addRows("platform-version-text"); }
     void versionText()
     {
-        QFETCH(QString, input);
-        const qv::VersionNumber v(input.toLatin1().toStdString());
+        const qv::VersionNumber v(row<QString>("input").toLatin1().toStdString());
         QTEST(v.toString(), "text");
         QTEST(v.toShortVersion(), "shortText");
         QCOMPARE(qv::VersionNumber(v.toString().toStdString()), v);
@@ -75,25 +72,23 @@ private Q_SLOTS:
     void preferencesFallBack_data() { addRows("platform-preferences-fall-back"); }
     void preferencesFallBack()
     {
-        QFETCH(QString, iniLine);
         QTemporaryDir dir;
         const QString path = dir.filePath("p.ini");
-        QVERIFY(writeFile(path, "[General]\n" + iniLine.toUtf8() + "\n"));
+        QVERIFY(writeFile(path, "[General]\n" + row<QString>("iniLine").toUtf8() + "\n"));
         QSettings s(path, QSettings::IniFormat);
         QTEST(qv::Preferences::boolValue(s, "v", true), "boolResult");
         QTEST(qv::Preferences::intValue(s, "v", 7), "intResult");
         const QDateTime fallback(QDate(2000, 1, 1), QTime(0, 0));
-        QFETCH(bool, dateValid);
-        QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback, dateValid);
+        QCOMPARE(qv::Preferences::dateTimeValue(s, "v", fallback) != fallback,
+                 row<bool>("dateValid"));
     }
 
     // Lines are "<QtMsgType>:<text>" (debug 0, warning 1, critical 2).
     void logThreshold_data() { addRows("platform-log-threshold"); }
     void logThreshold()
     {
-        QFETCH(int, threshold);
         const int before = qv::LogQt::level();
-        qv::LogQt::setLevel(threshold);
+        qv::LogQt::setLevel(row<int>("threshold"));
         s_captured.clear();
         s_previous = qInstallMessageHandler(capture);
         qv::LogQt::write(lcTest(), qv::Log::Debug, "A::f() -> one");
@@ -133,14 +128,14 @@ private Q_SLOTS:
     void invokeQueued_data() { addRows("platform-invoke-queued"); }
     void invokeQueued()
     {
-        QFETCH(QByteArray, slot);
         QFETCH(bool, found);
         Receiver r;
         const QString text = QStringLiteral("hello");
         if (!found)
             QTest::ignoreMessage(QtCriticalMsg,
                                  QRegularExpression("no method missing with 1 arguments"));
-        QCOMPARE(qv::invokeQueued(&r, slot.constData(), Q_ARG(QString, text)), found);
+        QCOMPARE(qv::invokeQueued(&r, row<QByteArray>("slot").constData(), Q_ARG(QString, text)),
+                 found);
         QVERIFY(r.calls.isEmpty()); // queued: nothing happens before the event loop runs
         QCoreApplication::processEvents();
         QCOMPARE(r.calls, found ? QStringList {text} : QStringList {});
@@ -154,8 +149,6 @@ private Q_SLOTS:
     {
         QFETCH(QString, path);
         QFETCH(QString, within);
-        QFETCH(bool, erased);
-        QFETCH(QStringList, left);
         QTemporaryDir dir;
         for (const char *name : {"dl/pkg.zip", "keep.txt", "dl/ro/f"})
             QVERIFY(writeFile(dir.filePath(name), ""));
@@ -163,8 +156,8 @@ private Q_SLOTS:
         QVERIFY(QFile::setPermissions(dir.filePath("dl/ro"), QFile::ReadOwner | QFile::ExeOwner));
         path.replace("@", dir.path());
         within.replace("@", dir.path());
-        QCOMPARE(qv::FileUtils::erase(path, within), erased);
-        QCOMPARE(filesBelow(dir.path()), left);
+        QCOMPARE(qv::FileUtils::erase(path, within), row<bool>("erased"));
+        QCOMPARE(filesBelow(dir.path()), row<QStringList>("left"));
         QFile::setPermissions(dir.filePath("dl/ro"),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
@@ -196,14 +189,13 @@ private Q_SLOTS:
     void minisignSignatures_data() { addRows("platform-minisign"); }
     void minisignSignatures()
     {
-        QFETCH(bool, legacy);
         QFETCH(QString, damage);
         QFETCH(int, result);
         QTemporaryDir dir;
         MinisignTool signer(dir.path()), other(dir.path(), "other");
         QVERIFY(signer.isValid() && other.isValid());
         QVERIFY(writeFile(dir.filePath("catalogue.xml"), "<softwareList serial='1'/>"));
-        QVERIFY(signer.sign(dir.filePath("catalogue.xml"), legacy));
+        QVERIFY(signer.sign(dir.filePath("catalogue.xml"), row<bool>("legacy")));
         QByteArray signature = readFile(dir.filePath("catalogue.xml.minisig"));
         QByteArray message = "<softwareList serial='1'/>";
         QList<qv::MinisignKey> keys {qv::MinisignKey::fromText(signer.publicKey())};

@@ -73,12 +73,10 @@ private Q_SLOTS:
     void resumeAfterACut_data() { addRows("resume-after-a-cut"); }
     void resumeAfterACut()
     {
-        QFETCH(int, cutPercent);
         QFETCH(QString, answer);
         QFETCH(bool, keys);
         QFETCH(int, requests);
-        QFETCH(bool, lastRanged);
-        const qint64 cut = m_body.size() * cutPercent / 100;
+        const qint64 cut = m_body.size() * row<int>("cutPercent") / 100;
         const QByteArray changed = QByteArray(m_body).replace(0, 4, "NEW!");
         qint64 served = 0;
         TestHttpServer server([&](const TestHttpServer::Request &r) {
@@ -139,7 +137,7 @@ private Q_SLOTS:
         QCOMPARE(server.requests().size(), requests);
         QCOMPARE(server.requests().at(1).header("Range"), "bytes=" + QByteArray::number(cut) + "-");
         QCOMPARE(server.requests().at(1).header("If-Range"), QByteArray("\"v1\""));
-        QCOMPARE(!server.requests().last().header("Range").isEmpty(), lastRanged);
+        QCOMPARE(!server.requests().last().header("Range").isEmpty(), row<bool>("lastRanged"));
         QCOMPARE(readFile(target), answer == "changed" ? changed : m_body);
         QCOMPARE(kept(), QStringList()); // nothing kept once the file is complete
         if (answer == "range" && requests == 2) // every byte fetched once
@@ -211,7 +209,6 @@ private Q_SLOTS:
     void retries()
     {
         QFETCH(QString, first);
-        QFETCH(int, retries);
         QFETCH(int, requests);
         QFETCH(QList<int>, waits);
         QFETCH(bool, success);
@@ -241,7 +238,7 @@ private Q_SLOTS:
         SUC_LISTEN_ON_PORT_80(server);
         QTemporaryDir dir;
         DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
-        manager.setDownloadRetries(retries);
+        manager.setDownloadRetries(row<int>("retries"));
         manager.setRetryUnit(50); // the waits, told in seconds, last 50 ms each
         manager.client().setTransferLimits(500, 0, 0);
         QSignalSpy ok(&manager, qOverload<>(&DownloadManager::downloadSuccess));

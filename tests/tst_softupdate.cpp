@@ -67,18 +67,16 @@ private Q_SLOTS:
     {
         QFETCH(QString, replace);
         QFETCH(QString, with);
-        QFETCH(QStringList, options);
         QFETCH(int, code);
-        QFETCH(QString, finding);
         const QString hash(64, 'a');
         QString catalogue = QString::fromUtf8(testData("softupdate/lint.xml"));
         catalogue.replace("HASH", hash);
         if (!replace.isEmpty())
             catalogue.replace(replace.replace("HASH", hash), with.replace("HASH", hash));
         const Run run = softupdate(QStringList {"lint", writeFile("lint.xml", catalogue.toUtf8())}
-                                   << options);
+                                   << row<QStringList>("options"));
         QCOMPARE(run.code, code);
-        QVERIFY2(run.out.contains(finding), qPrintable(run.out));
+        QVERIFY2(run.out.contains(row<QString>("finding")), qPrintable(run.out));
     }
 
     // offer runs the client's own check: it agrees with the client on every catalogue here, and
@@ -342,7 +340,6 @@ private Q_SLOTS:
     {
         QFETCH(QStringList, args);
         QFETCH(int, code);
-        QFETCH(QString, message);
         writeFile("p.zip", "zip");
         writeFile("dtd.xml", "<!DOCTYPE s [<!ENTITY a 'x'>]><softwareList/>");
         writeFile("c.xml", "<softwareList serial='7' expires='2099-01-01'/>");
@@ -350,7 +347,7 @@ private Q_SLOTS:
         args.replaceInStrings("@", m_dir.path());
         const Run run = softupdate(args);
         QCOMPARE(run.code, code);
-        QVERIFY2(run.out.contains(message), qPrintable(run.out));
+        QVERIFY2(run.out.contains(row<QString>("message")), qPrintable(run.out));
     }
 
     // What an attacker or a careless publisher hands the tool: it neither crashes nor writes a
@@ -360,8 +357,6 @@ private Q_SLOTS:
     void hostileInput()
     {
         QFETCH(QStringList, args);
-        QFETCH(QList<int>, codes);
-        QFETCH(QString, said);
         const QByteArray catalogue = testData("softupdate/hostile.xml");
         const QString file = writeFile("c.xml", catalogue);
         writeFile("bad\x01name.zip", "zip");
@@ -380,9 +375,10 @@ private Q_SLOTS:
         // This process serves the URL meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(p.state() == QProcess::NotRunning, 60000);
         const QString out = QString::fromUtf8(p.readAll());
-        QVERIFY2(p.exitStatus() == QProcess::NormalExit && codes.contains(p.exitCode()),
+        QVERIFY2(p.exitStatus() == QProcess::NormalExit
+                     && row<QList<int>>("codes").contains(p.exitCode()),
                  qPrintable(QString::number(p.exitCode()) + ": " + out));
-        QVERIFY2(out.contains(said), qPrintable(out));
+        QVERIFY2(out.contains(row<QString>("said")), qPrintable(out));
         QFile written(file);
         QVERIFY(written.open(QIODevice::ReadOnly));
         const QByteArray now = written.readAll();

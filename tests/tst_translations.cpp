@@ -2,6 +2,8 @@
 #include <SoftwareUpdateDialog.h>
 #include <TestSupport.h>
 
+using namespace suc::test;
+
 class TestTranslations : public QObject {
     Q_OBJECT
 
@@ -11,7 +13,7 @@ private Q_SLOTS:
     // "checkNow" empty: no translation.
     void foundForEveryLocaleOfTheLanguage_data()
     {
-        suc::test::addRows("translations-every-locale");
+        addRows("translations-every-locale");
     }
     void foundForEveryLocaleOfTheLanguage()
     {
@@ -29,17 +31,16 @@ private Q_SLOTS:
         }
     }
 
-    void renderings_data() { suc::test::addRows("translations-renderings"); }
+    void renderings_data() { addRows("translations-renderings"); }
     void renderings()
     {
-        QFETCH(QString, language);
-        QFETCH(QString, context);
-        QFETCH(QString, source);
         QTranslator translator;
-        QVERIFY(translator.load(":/translations/SoftwareUpdateClient_" + language + ".qm"));
+        QVERIFY(translator.load(":/translations/SoftwareUpdateClient_" + row<QString>("language")
+                                + ".qm"));
         QCoreApplication::installTranslator(&translator);
-        const QString got = QCoreApplication::translate(context.toUtf8().constData(),
-                                                        source.toUtf8().constData());
+        const QString got
+            = QCoreApplication::translate(row<QString>("context").toUtf8().constData(),
+                                          row<QString>("source").toUtf8().constData());
         QCoreApplication::removeTranslator(&translator);
         QTEST(got, "translation");
     }

@@ -169,7 +169,6 @@ private Q_SLOTS:
     void checks()
     {
         QFETCH(QString, variant);
-        QFETCH(QString, outcome);
         const QString future = this->future();
         QByteArray xml = catalogue(7, future, variant == "unhashed" || variant == "no keys");
         publish(xml, variant == "wrong key" ? m_other.data() : m_signer.data(),
@@ -222,7 +221,7 @@ private Q_SLOTS:
         }
         QElapsedTimer clock;
         clock.start();
-        QCOMPARE(checkFromDialog(), outcome);
+        QCOMPARE(checkFromDialog(), row<QString>("outcome"));
         if (variant == "no keys")
             QCOMPARE(m_asked, QList<QByteArray>({"/list.xml"}));
         if (variant == "loop") {
@@ -237,14 +236,13 @@ private Q_SLOTS:
     void catalogueValuesAreText_data() { addRows("trust-catalogue-values-are-text"); }
     void catalogueValuesAreText()
     {
-        QFETCH(QByteArray, from);
         QFETCH(QByteArray, to);
         QFETCH(QString, shown);
         to.replace("FIFO", m_dir.filePath("fifo").toUtf8());
         shown.replace("FIFO", m_dir.filePath("fifo"));
         QFile::remove(m_dir.filePath("fifo"));
         QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("fifo")).constData(), 0600), 0);
-        publish(catalogue(7, future()).replace(from, to), m_signer.data());
+        publish(catalogue(7, future()).replace(row<QByteArray>("from"), to), m_signer.data());
         m_client->setCurrentCameraVersions({{QString("M1"), VersionNumber("1.0")}});
         checkFromDialog();
         auto *list = openDialog<SoftwareUpdateAvailableDialog>();
@@ -444,8 +442,7 @@ private Q_SLOTS:
     // fit beside it; when nothing can be made beside it, it is unpacked in the temporary folder.
     void updaterThatRuns_data() { addRows("trust-updater-that-runs"); }
     void updaterThatRuns()
-    {
-        QFETCH(QString, parentMode); // octal
+    { // octal
         QFETCH(QString, ran);
         QFETCH(QString, box);
         QTemporaryDir parent;
@@ -460,7 +457,7 @@ private Q_SLOTS:
                 path, "#!/bin/sh\necho " + who + " \"$0\" >> \"" + marker.toUtf8() + "\"\n", 0755));
         }
         QCOMPARE(chmod(QFile::encodeName(parent.path()).constData(),
-                       mode_t(parentMode.toInt(nullptr, 8))),
+                       mode_t(row<QString>("parentMode").toInt(nullptr, 8))),
                  0);
         chmod(QFile::encodeName(app).constData(), 0755);
         const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper");

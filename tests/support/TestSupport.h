@@ -126,6 +126,12 @@ inline void addRows(const QString &name)
     }
 }
 
+/// The running row's value in `column`: for a value used once, where QFETCH would only name it.
+template<typename T> const T &row(const char *column)
+{
+    return *static_cast<const T *>(QTest::qData(column, qMetaTypeId<T>()));
+}
+
 /// The visible top-level dialog of type T, or null.
 template<typename T> T *openDialog()
 {
