@@ -192,27 +192,31 @@ private Q_SLOTS:
     }
 
     // With a health check, the new version must confirm that it runs; otherwise it is stopped,
-    // the old one put back and started, and a note left for its client.
-    void healthCheck_data()
-    {
-        addRows("updateinstaller-health-check");
-    } // why: empty when the update stays
+    // the old one put back and started, and a note left for its client. Killed during the check
+    // and run again, the updater keeps the new version only if it had confirmed.
+    void healthCheck_data() { addRows("updateinstaller-health-check"); } // why: empty: it stays
     void healthCheck()
     {
         QFETCH(QString, why);
         const QString app = m_dir.filePath("Viewer");
-        const QStringList args = healthCheckedUpdate(row<QByteArray>("start"), 1);
+        const bool killed = row<bool>("killed");
+        const QStringList args = healthCheckedUpdate(row<QByteArray>("start"), killed ? 20 : 1);
+        if (killed) {
+            QCOMPARE(runInstaller(args, "start"), -1);
+            QTRY_VERIFY(started().contains("v2"));
+            if (why.isEmpty())
+                QTRY_VERIFY(QFileInfo::exists(side(app, "health")));
+        }
         QCOMPARE(runInstaller(args), why.isEmpty() ? 0 : 1);
         QVERIFY(!QFileInfo::exists(side(app, "journal")));
         QVERIFY(!QFileInfo::exists(side(app, "health")));
+        QCOMPARE(completeVersion(app), QString(why.isEmpty() ? "v2" : "v1"));
+        QTRY_COMPARE(started(), why.isEmpty() ? QStringList {"v2"} : QStringList({"v2", "v1"}));
         if (why.isEmpty()) {
-            QCOMPARE(completeVersion(app), QString("v2"));
             QVERIFY(!QFileInfo::exists(side(app, "rolled-back")));
             return;
         }
-        QCOMPARE(completeVersion(app), QString("v1"));
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
-        QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
         QVERIFY2(readFile(side(app, "rolled-back")).contains(why.toUtf8()), qPrintable(log()));
         // A second update, of a version that runs, goes through after the roll-back.
         QDir(m_dir.filePath("unpacked")).removeRecursively();
@@ -230,8 +234,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, path);
         const QString app = m_dir.filePath("Viewer");
-        makeApp(app, "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", "fail");
+        const QStringList args = healthCheckedUpdate("fail", 2);
         const QString victim = m_dir.filePath("victim.txt");
         QVERIFY(writeFile(victim, "the user's own"));
         const QString planted = path.startsWith("private:") ? side(app, qPrintable(path.mid(8)))
@@ -241,9 +244,7 @@ private Q_SLOTS:
         else
             QVERIFY(QDir().mkpath(planted + "/inside"));
 
-        QCOMPARE(runInstaller({"-oldDir", app, "-newDir", m_dir.filePath("unpacked"), "-exe", "app",
-                               "-healthTimeout", "2"}),
-                 1);
+        QCOMPARE(runInstaller(args), 1);
         QCOMPARE(completeVersion(app), QString("v1"));
         QTRY_COMPARE(started(), QStringList({"v2", "v1"}));
         QCOMPARE(readFile(victim), QByteArray("the user's own"));
@@ -251,24 +252,6 @@ private Q_SLOTS:
                  qPrintable(log()));
         QCOMPARE(QFileInfo(qv::UpdateState::folderFor(app)).permissions() & 0x0077,
                  QFile::Permissions());
-    }
-
-    // Killed while the new version was being checked, then run again: the version that stays is
-    // the confirmed new one, or else the old one, put back and started.
-    void resumedDuringTheCheck_data() { addRows("updateinstaller-resumed-during-the-check"); }
-    void resumedDuringTheCheck()
-    {
-        QFETCH(QByteArray, start);
-        QFETCH(QString, remains);
-        const QString app = m_dir.filePath("Viewer");
-        const QStringList args = healthCheckedUpdate(start, 20);
-        QCOMPARE(runInstaller(args, "start"), -1);
-        QTRY_VERIFY(started().contains("v2"));
-        if (remains == "v2")
-            QTRY_VERIFY(QFileInfo::exists(side(app, "health")));
-        QCOMPARE(runInstaller(args), remains == "v2" ? 0 : 1);
-        QCOMPARE(completeVersion(app), remains);
-        QTRY_COMPARE(started(), remains == "v2" ? QStringList {"v2"} : QStringList({"v2", "v1"}));
     }
 
     // A power cut or a kill can come at any moment, not only after a named step: killed at a
@@ -369,17 +352,11 @@ private Q_SLOTS:
         QFETCH(QByteArray, step);
         QFETCH(QString, remains);
         const QString app = m_dir.filePath("Viewer");
-        const QString newDir = m_dir.filePath("unpacked");
-        makeApp(app, "v1");
-        makeApp(newDir, "v2", "hang");
-        for (const QString &folder : {app, newDir}) { // each version is a host with its updater
+        const QStringList args = healthCheckedUpdate("hang", 20);
+        for (const QString &folder : {app, m_dir.filePath("unpacked")}) { // hosts with updaters
             QVERIFY(QFile::copy(SUC_EXEC_HELPER, folder + "/host"));
             QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller"));
         }
-        QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
-        if (step == "start")
-            args << "-healthTimeout"
-                 << "20";
         QCOMPARE(runInstaller(args, step), -1);
         QVERIFY(QFileInfo::exists(side(app, "journal")));
         if (step == "start") // the program under check notes its start by itself
