@@ -116,6 +116,19 @@ class TestTrust : public QObject {
 
     QString checkFromDialog() { return suc::test::checkFromDialog(m_client.data()).join(','); }
 
+    // A host (exec_helper) installed as `parent`/Viewer, and a signed catalogue offering its new
+    // version as a ZIP package whose program is a script holding `says`: the application folder.
+    QString installHost(const QTemporaryDir &parent, const QByteArray &says = "genuine")
+    {
+        const QString app = parent.filePath("Viewer");
+        QDir().mkpath(app);
+        QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper");
+        const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper", says);
+        m_files["/dl/viewer-3.0.zip"] = body;
+        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
+        return app;
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -305,23 +318,6 @@ private Q_SLOTS:
         QCOMPARE(later.recentPackages(PackageInfo()).size(), 1);
     }
 
-    // A download shorter than published is not kept, whoever listens (the download of
-    // a second Install press has nobody to clean up after it).
-    void shortDownloadIsErased()
-    {
-        m_files["/dl/viewer-3.0.tar.gz"] = m_package.left(4000);
-        DownloadManager manager {QUrl(url())};
-        manager.setTrustedKeys({m_signer->publicKey()});
-        PackageInfo package;
-        package.url = QUrl(url("/dl/viewer-3.0.tar.gz"));
-        package.fileSize = m_package.size();
-        package.sha256 = QCryptographicHash::hash(m_package, QCryptographicHash::Sha256).toHex();
-        QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
-        manager.startDownload(package, m_dir.filePath("short.tar.gz"));
-        QVERIFY(failed.wait(10000));
-        QVERIFY(!QFileInfo::exists(m_dir.filePath("short.tar.gz")));
-    }
-
     // CompleteInstall: the verified package is unpacked before the restart question and must
     // hold the program (named like the running one); without trusted keys it installs nothing,
     // and is handled as without CompleteInstall, with a log line. ("delta": a delta from 2.9.1 is
@@ -446,10 +442,8 @@ private Q_SLOTS:
         QFETCH(QString, ran);
         QFETCH(QString, box);
         QTemporaryDir parent;
-        const QString app = parent.filePath("Viewer");
+        const QString app = installHost(parent);
         const QString marker = parent.filePath("updater-ran.txt");
-        QVERIFY(QDir().mkpath(app));
-        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
         for (const auto &[path, who] :
              {std::pair<QString, QByteArray>(app + "/UpdateInstaller", "ours"),
               std::pair<QString, QByteArray>(parent.filePath("UpdateInstaller"), "planted")}) {
@@ -460,10 +454,6 @@ private Q_SLOTS:
                        mode_t(row<QString>("parentMode").toInt(nullptr, 8))),
                  0);
         chmod(QFile::encodeName(app).constData(), 0755);
-        const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper");
-        m_files["/dl/viewer-3.0.zip"] = body;
-        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
-
         QProcess host;
         const QStringList hostArgs {"completeInstall", url(), m_signer->publicKey()};
         if (box.contains("free disk space") || box == "read-only") {
@@ -490,6 +480,7 @@ private Q_SLOTS:
         // The host runs the client's event loop; this test serves it meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
         const QString said = QString::fromUtf8(host.readAllStandardOutput());
+        const QString errors = QString::fromUtf8(host.readAllStandardError().right(3000));
         // The updater ran (once the host had quit) as a copy in a private temporary folder of
         // its own.
         if (!ran.isEmpty())
@@ -497,10 +488,10 @@ private Q_SLOTS:
         const QString copy = QDir::tempPath() + "/softwareupdate-";
         QVERIFY2(QString::fromUtf8(readFile(marker)).trimmed().section(copy, 0, 0) == ran,
                  qPrintable(
-                     said + host.readAllStandardError().right(3000)
+                     said + errors
                      + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
         if (ran.isEmpty()) {
-            QVERIFY2(host.exitCode() == 5, qPrintable(said + host.readAllStandardError()));
+            QVERIFY2(host.exitCode() == 5, qPrintable(said + errors));
             QVERIFY2(said.contains("Installation failed | " + box.arg(parent.path())),
                      qPrintable(said));
             // Refused before the download, or before anything was unpacked.
@@ -570,18 +561,12 @@ private Q_SLOTS:
     {
         QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTestHelper", "Viewer").clear();
         QTemporaryDir parent;
-        const QString app = parent.filePath("Viewer");
         const QString marker = parent.filePath("new-version-ran");
-        QVERIFY(QDir().mkpath(app));
         chmod(QFile::encodeName(parent.path()).constData(), 0755);
-        QVERIFY(QFile::copy(SUC_EXEC_HELPER, app + "/exec_helper"));
-        QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, app + "/UpdateInstaller"));
         // The new version notes that it ran, then is a host that confirms by itself.
-        const QByteArray body = packApplication("viewer-3.0.zip", "exec_helper",
-                                                "yes > \"" + marker.toUtf8()
-                                                    + "\"\nexec \"" SUC_EXEC_HELPER "\" host");
-        m_files["/dl/viewer-3.0.zip"] = body;
-        publish(catalogue(7, future(), false, "viewer-3.0.zip", body), m_signer.data());
+        const QString app = installHost(
+            parent, "yes > \"" + marker.toUtf8() + "\"\nexec \"" SUC_EXEC_HELPER "\" host");
+        QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, app + "/UpdateInstaller"));
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("XDG_STATE_HOME", parent.filePath("state"));
         env.insert("UPDATEINSTALLER_LOG", parent.filePath("UpdateInstaller.log"));
