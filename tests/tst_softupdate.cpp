@@ -162,40 +162,28 @@ private Q_SLOTS:
     // port 80, the client checks, downloads and verifies a package, and offer says the same.
     void nginxServesWhatSoftupdatePublished()
     {
-        if (QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}).isEmpty())
+        const QString nginxProgram = QStandardPaths::findExecutable("nginx", {"/usr/sbin"});
+        if (nginxProgram.isEmpty())
             QSKIP("nginx is not installed (Debian package nginx-light)");
         QTemporaryDir dir;
         MinisignTool keys(dir.filePath("keys"));
         QVERIFY(keys.isValid());
-        QDir().mkpath(dir.filePath("www"));
-        QDir().mkpath(dir.filePath("tmp"));
         // Large enough to be cut off and resumed below.
         QByteArray body(8 << 20, Qt::Uninitialized);
         for (int i = 0; i < body.size(); ++i)
             body[i] = char(i % 251);
-        QFile package(dir.filePath("www/viewer-3.0.tar.gz"));
-        QVERIFY(suc::test::writeFile(package.fileName(), body));
+        const QString package = dir.filePath("www/viewer-3.0.tar.gz");
         const QString list = dir.filePath("www/list.xml");
-        // Publishes the package as `release` (the catalogue made anew when asked), and signs.
-        const auto publish = [&](const QString &release, bool anew, const QStringList &extra,
-                                 const QStringList &signExtra) {
-            if (anew && !(QFile::remove(list) && QFile::remove(list + ".minisig")))
-                return false;
-            const QStringList add {"add",    list,          package.fileName(),
-                                   "--type", "Application", "--name",
-                                   "Viewer", "--base-url",  "http://127.0.0.1/"};
-            return softupdate(add + extra + QStringList {"--release", release}).code == 0
-                && softupdate(QStringList {"sign", list, "--key", keys.secretKeyFile()} + signExtra)
-                       .code
-                == 0;
-        };
-        QVERIFY(publish("3.0", false, {}, {}));
-
+        QVERIFY(suc::test::writeFile(package, body) && QDir().mkpath(dir.filePath("tmp")));
+        QCOMPARE(softupdate({"add", list, package, "--type", "Application", "--name", "Viewer",
+                             "--base-url", "http://127.0.0.1/", "--release", "3.0"})
+                     .code,
+                 0);
+        QCOMPARE(softupdate({"sign", list, "--key", keys.secretKeyFile()}).code, 0);
         const QString conf = writeFile(
             "nginx.conf", QString::fromUtf8(testData("nginx.conf")).arg(dir.path()).toUtf8());
         QProcess nginx;
-        nginx.start(QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"}),
-                    {"-c", conf, "-p", dir.path(), "-e", dir.filePath("error.log")});
+        nginx.start(nginxProgram, {"-c", conf, "-p", dir.path(), "-e", dir.filePath("error.log")});
         QVERIFY(nginx.waitForStarted());
         QTRY_VERIFY([] {
             QTcpSocket s;
@@ -211,24 +199,6 @@ private Q_SLOTS:
                           "--version", "2.9.1", "--keys", keys.publicKeyFile()});
         QCOMPARE(offer.code, 10);
         QCOMPARE(offerRows(offer), rows);
-
-        // Rebuilt from scratch, the catalogue's serial still rises: the client that saw the
-        // first one accepts it. A serial set lower by hand is refused, and lint, given the
-        // published catalogue, warns before any client sees it.
-        const QString published = dir.filePath("published.xml");
-        QVERIFY(QFile::copy(list, published));
-        QVERIFY(publish("3.1", true, {}, {}));
-        QCOMPARE(softupdate({"lint", list, "--previous", published}).code, 0);
-        const QStringList rebuilt
-            = clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {}, false);
-        QVERIFY2(rebuilt.value(0).startsWith("Viewer 3.1 | "), qPrintable(rebuilt.join('\n')));
-        QVERIFY(QFile::remove(published) && QFile::copy(list, published));
-        QVERIFY(publish("3.1", true, {"--serial", "1"}, {"--serial", "2"}));
-        const Run lower = softupdate({"lint", list, "--previous", published});
-        QCOMPARE(lower.code, 1);
-        QVERIFY2(lower.out.contains("serial 2 is lower than"), qPrintable(lower.out));
-        QCOMPARE(clientRows("http://127.0.0.1/list.xml", {keys.publicKey()}, {}, false),
-                 QStringList());
 
         // A package from nginx on port 80, verified as it streams; nginx answers ranges, so a
         // download cut off early resumes where it stopped.
@@ -343,6 +313,7 @@ private Q_SLOTS:
         writeFile("p.zip", "zip");
         writeFile("dtd.xml", "<!DOCTYPE s [<!ENTITY a 'x'>]><softwareList/>");
         writeFile("c.xml", "<softwareList serial='7' expires='2099-01-01'/>");
+        writeFile("lower.xml", "<softwareList serial='2' expires='2099-01-01'/>");
         writeFile("binary.xml", QByteArray("<softwareList\0\x01\xff>", 17));
         args.replaceInStrings("@", m_dir.path());
         const Run run = softupdate(args);
