@@ -23,7 +23,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build "${hostbuild}" --parallel 2 RES
 if(rc)
   message(FATAL_ERROR "building the host failed")
 endif()
-execute_process(COMMAND "${hostbuild}/package_host" smoke RESULT_VARIABLE rc)
+execute_process(COMMAND "${hostbuild}/package_host" connections RESULT_VARIABLE rc)
 if(rc)
   message(FATAL_ERROR "the host failed: ${rc}")
 endif()
