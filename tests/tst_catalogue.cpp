@@ -208,14 +208,11 @@ private Q_SLOTS:
 
     void limitsStillAcceptRealCatalogues()
     {
-        QByteArray nested = "<softwareList>";
-        for (int i = 0; i < 60; ++i)
-            nested += "<package-set>";
-        nested += "<package name='deep'/>";
-        for (int i = 0; i < 60; ++i)
-            nested += "</package-set>";
-        nested += "</softwareList>";
-        QCOMPARE(parseBytes(nested).size(), 1);
+        QCOMPARE(parseBytes("<softwareList>" + QByteArray("<package-set>").repeated(60)
+                            + "<package name='deep'/>" + QByteArray("</package-set>").repeated(60)
+                            + "</softwareList>")
+                     .size(),
+                 1);
         QCOMPARE(parseBytes("<s><package name='a &amp; b &#x41;'/></s>").value(0).name,
                  QString("a & b A"));
         QCOMPARE(parseBytes(repeatedCatalogue(20000)).size(), 20000);

@@ -185,8 +185,18 @@ private Q_SLOTS:
         m_client->setCurrentSettings(&s);
         if (hoursAgo < 0)
             clientStore().remove("lastCheck");
+        const bool dialog = row<bool>("dialogOpen"); // raised twice: still one dialog
+        for (int i = 0; dialog && i < 2; ++i)
+            m_client->queryForUpdate({}, false);
         LogWatcher log;
         QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
+        if (dialog) { // nor does a background check run meanwhile
+            m_client->checkForUpdate(0);
+            int dialogs = 0;
+            for (QWidget *w : QApplication::topLevelWidgets())
+                dialogs += qobject_cast<SoftwareUpdateDialog *>(w) && w->isVisible();
+            QCOMPARE(dialogs, 1);
+        }
         // A check stamps the last check at once; without one the stamp stays.
         m_client->getCurrentSettings(&s);
         QCOMPARE(s.lastCheck.isValid() && s.lastCheck.secsTo(QDateTime::currentDateTime()) < 60,
@@ -194,21 +204,6 @@ private Q_SLOTS:
         if (fires)
             QTRY_VERIFY(log.saw("no update available"));
         QCOMPARE(m_requests, fires ? 1 : 0);
-    }
-
-    void openSettingsDialogSuppressesTheRhythm()
-    {
-        makeClient();
-        clientStore().setValue("updateInterval", 1);
-        m_client->queryForUpdate({}, false);
-        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "queryLastUpdate"));
-        m_client->checkForUpdate(0);
-        QVERIFY(!clientStore().contains("lastCheck")); // a check would have stamped it at once
-        m_client->queryForUpdate({}, false); // the same dialog, raised again
-        int dialogs = 0;
-        for (QWidget *w : QApplication::topLevelWidgets())
-            dialogs += qobject_cast<SoftwareUpdateDialog *>(w) && w->isVisible();
-        QCOMPARE(dialogs, 1);
     }
 
     void initialCheck_data() { addRows("client-initial-check"); }
@@ -238,15 +233,13 @@ private Q_SLOTS:
         const SoftUpIndexList outside {7, -1};
         QTest::ignoreMessage(QtCriticalMsg,
                              "SoftwareUpdateClient::installPackage() -> no package in row 7");
-        for (const char *slot : {"installPackage", "downloadFinished", "downloadUrls",
-                                 "downloadReleaseNotes", "manageUpdateAvailableDialog"}) {
-            const bool ok = QByteArray(slot) == "installPackage"
-                ? QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(int, 7))
-                : QByteArray(slot) == "downloadFinished"
-                ? QMetaObject::invokeMethod(m_client.data(), slot)
-                : QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(SoftUpIndexList, outside));
-            QVERIFY2(ok, slot);
-        }
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "installPackage", Q_ARG(int, 7)));
+        QVERIFY(QMetaObject::invokeMethod(m_client.data(), "downloadFinished"));
+        for (const char *slot :
+             {"downloadUrls", "downloadReleaseNotes", "manageUpdateAvailableDialog"})
+            QVERIFY2(
+                QMetaObject::invokeMethod(m_client.data(), slot, Q_ARG(SoftUpIndexList, outside)),
+                slot);
     }
 
     void packageTable()
@@ -258,11 +251,10 @@ private Q_SLOTS:
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
         auto *dialog = openDialog<SoftwareUpdateAvailableDialog>();
         auto *table = dialog->findChild<QTableWidget *>("tableWidget");
-        QCOMPARE(table->rowCount(), 4);
-        const QStringList row0 {"Viewer 2.10", "39.0 MB", "deb", "Multilingual", "linux-x86_64"};
-        for (int c = 0; c < 5; ++c)
-            QCOMPARE(table->item(0, c)->text(), row0.at(c));
-        QCOMPARE(table->item(3, 0)->text(), QString("P3301 Firmware 4.10"));
+        const QStringList rows = tableRows(table, true);
+        QCOMPARE(rows.size(), 4);
+        QCOMPARE(rows.first(), "Viewer 2.10 | 39.0 MB | deb | Multilingual | linux-x86_64");
+        QVERIFY(rows.last().startsWith("P3301 Firmware 4.10 | "));
 
         auto *install = dialog->findChild<QPushButton *>("installPushButton");
         auto *download = dialog->findChild<QPushButton *>("downloadPushButton");

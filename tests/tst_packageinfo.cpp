@@ -64,14 +64,10 @@ private Q_SLOTS:
     {
         QFETCH(bool, usePublic);
         PackageInfo p;
-        QFETCH(QString, name);
-        p.name = name;
-        QFETCH(QString, publicName);
-        p.publicName = publicName;
-        QFETCH(QString, release);
-        p.release = release;
-        QFETCH(QString, publicRelease);
-        p.publicRelease = publicRelease;
+        p.name = row<QString>("name");
+        p.publicName = row<QString>("publicName");
+        p.release = row<QString>("release");
+        p.publicRelease = row<QString>("publicRelease");
         QTEST(p.displayName(usePublic), "shownName");
         QTEST(p.displayReleaseVersion(usePublic), "shownRelease");
     }

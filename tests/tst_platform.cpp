@@ -23,6 +23,18 @@ void capture(QtMsgType type, const QMessageLogContext &ctx, const QString &msg)
     else if (s_previous)
         s_previous(type, ctx, msg);
 }
+// The lines of the test category that `write` logs at the threshold `level`.
+QStringList captured(int level, const std::function<void()> &write)
+{
+    const int before = qv::LogQt::level();
+    qv::LogQt::setLevel(level);
+    s_captured.clear();
+    s_previous = qInstallMessageHandler(capture);
+    write();
+    qInstallMessageHandler(s_previous);
+    qv::LogQt::setLevel(before);
+    return s_captured;
+}
 } // namespace
 
 class Receiver : public QObject {
@@ -87,40 +99,33 @@ private Q_SLOTS:
     void logThreshold_data() { addRows("platform-log-threshold"); }
     void logThreshold()
     {
-        const int before = qv::LogQt::level();
-        qv::LogQt::setLevel(row<int>("threshold"));
-        s_captured.clear();
-        s_previous = qInstallMessageHandler(capture);
-        qv::LogQt::write(lcTest(), qv::Log::Debug, "A::f() -> one");
-        qv::LogQt::write(lcTest(), qv::Log::Warning, "A::f() -> two");
-        qv::LogQt::write(lcTest(), qv::Log::Error, "A::f() -> three");
-        qInstallMessageHandler(s_previous);
-        qv::LogQt::setLevel(before);
-        QTEST(s_captured, "lines");
+        QTEST(captured(row<int>("threshold"),
+                       [] {
+                           qv::LogQt::write(lcTest(), qv::Log::Debug, "A::f() -> one");
+                           qv::LogQt::write(lcTest(), qv::Log::Warning, "A::f() -> two");
+                           qv::LogQt::write(lcTest(), qv::Log::Error, "A::f() -> three");
+                       }),
+              "lines");
     }
 
     void logLinesStayWholeAcrossThreads()
     {
-        const int before = qv::LogQt::level();
-        qv::LogQt::setLevel(1);
-        s_captured.clear();
-        s_previous = qInstallMessageHandler(capture);
-        QList<QThread *> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads << QThread::create([t] {
-                for (int i = 0; i < 200; ++i)
-                    qv::LogQt::write(lcTest(), 1, QStringLiteral("T%1 line %2").arg(t).arg(i));
-            });
-            threads.last()->start();
-        }
-        for (QThread *t : threads) {
-            t->wait();
-            delete t;
-        }
-        qInstallMessageHandler(s_previous);
-        qv::LogQt::setLevel(before);
-        QCOMPARE(s_captured.size(), 800);
-        for (const QString &line : s_captured)
+        const QStringList lines = captured(1, [] {
+            QList<QThread *> threads;
+            for (int t = 0; t < 4; ++t) {
+                threads << QThread::create([t] {
+                    for (int i = 0; i < 200; ++i)
+                        qv::LogQt::write(lcTest(), 1, QStringLiteral("T%1 line %2").arg(t).arg(i));
+                });
+                threads.last()->start();
+            }
+            for (QThread *t : threads) {
+                t->wait();
+                delete t;
+            }
+        });
+        QCOMPARE(lines.size(), 800);
+        for (const QString &line : lines)
             QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(),
                      qPrintable(line));
     }

@@ -11,10 +11,7 @@ private Q_SLOTS:
     // Every German and French locale finds its language, by QTranslator::load(QLocale, ...) or
     // the client's installTranslator(); English needs none and finds none.
     // "checkNow" empty: no translation.
-    void foundForEveryLocaleOfTheLanguage_data()
-    {
-        addRows("translations-every-locale");
-    }
+    void foundForEveryLocaleOfTheLanguage_data() { addRows("translations-every-locale"); }
     void foundForEveryLocaleOfTheLanguage()
     {
         QFETCH(QString, locale);
