@@ -40,6 +40,14 @@ class TestResume : public QObject {
         r.headers << qMakePair(QByteArray("ETag"), etag);
         return r;
     }
+    // The first `bytes` of the package, announced whole, then the connection drops.
+    Response cutAfter(qint64 bytes) const
+    {
+        Response r = whole(m_body.left(bytes), "\"v1\"");
+        r.mode = Response::CutShort;
+        r.missing = m_body.size() - bytes;
+        return r;
+    }
     // Downloads once with a new manager (as a new session would); true on success.
     bool download(const QString &target, bool keys)
     {
@@ -52,13 +60,11 @@ class TestResume : public QObject {
         QSignalSpy notPublished(&manager, &DownloadManager::downloadVerificationFailed);
         QSignalSpy progress(&manager, &DownloadManager::downloadProgress);
         manager.startDownload(package(), target);
-        if (!QTest::qWaitFor([&] { return ok.size() + failed.size() + notPublished.size() > 0; },
-                             10000))
-            return false;
-        if (ok.size() == 1) { // the whole file's bytes, whatever the attempt fetched
-            return progress.last() == QList<QVariant> {int(m_body.size()), int(m_body.size())};
-        }
-        return false;
+        // Done: the whole file's bytes reported, whatever the last attempt fetched.
+        return QTest::qWaitFor([&] { return ok.size() + failed.size() + notPublished.size() > 0; },
+                               10000)
+            && ok.size() == 1
+            && progress.last() == QList<QVariant> {int(m_body.size()), int(m_body.size())};
     }
     QStringList kept() const
     {
@@ -83,9 +89,7 @@ private Q_SLOTS:
             const QByteArray range = r.header("Range");
             Response out = whole(m_body, "\"v1\"");
             if (server.requests().size() == 1) {
-                out.body = m_body.left(cut);
-                out.mode = Response::CutShort;
-                out.missing = m_body.size() - cut;
+                out = cutAfter(cut);
             } else if (!range.isEmpty() && answer.endsWith("range")) { // a wrong one from 10
                 const qint64 from
                     = answer == "range" ? range.mid(6).split('-').value(0).toLongLong() : 10;
@@ -178,12 +182,7 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(folder));
         for (int i = 0; i < 3; ++i)
             keep(keyOf(published.at(i)), i + 1);
-        TestHttpServer server([&](const TestHttpServer::Request &) {
-            Response r = Response::ok(m_body.left(1000));
-            r.mode = Response::CutShort;
-            r.missing = m_body.size() - 1000;
-            return r;
-        });
+        TestHttpServer server([&](const TestHttpServer::Request &) { return cutAfter(1000); });
         SUC_LISTEN_ON_PORT_80(server);
         QTemporaryDir dir;
         DownloadManager manager(QUrl("http://127.0.0.1/list.xml"));
@@ -223,10 +222,7 @@ private Q_SLOTS:
             } else if (firstRequest && first == "404") {
                 return Response::error(404, "gone");
             } else if (firstRequest && first == "cut") {
-                Response r = Response::ok(m_body.left(1000));
-                r.mode = Response::CutShort;
-                r.missing = m_body.size() - 1000;
-                return r;
+                return cutAfter(1000);
             } else if (firstRequest && first == "stall") {
                 Response r = Response::ok(m_body);
                 r.mode = Response::Stall;

@@ -232,15 +232,11 @@ private Q_SLOTS:
             m_files["/moved/list.xml"] = m_files.take("/list.xml");
             m_files["/moved/list.xml.minisig"] = m_files.take("/list.xml.minisig");
         }
-        QElapsedTimer clock;
-        clock.start();
+        // Within the check's 20 s: a loop is not followed for long.
         QCOMPARE(checkFromDialog(), row<QString>("outcome"));
         if (variant == "no keys")
             QCOMPARE(m_asked, QList<QByteArray>({"/list.xml"}));
-        if (variant == "loop") {
-            QVERIFY(m_asked.size() <= 21);
-            QVERIFY(clock.elapsed() < 60000);
-        }
+        QVERIFY(m_asked.size() <= 21);
     }
 
     // Every catalogue value shown in the comment is text: markup in it is shown, never run (an
@@ -275,10 +271,8 @@ private Q_SLOTS:
     {
         QFETCH(QString, variant);
         QFETCH(int, offered);
-        const QString settingsFile = m_dir.filePath("cache.ini");
-        const QString cacheFile = m_dir.filePath("cache.xml");
-        for (const QString &f : {settingsFile, cacheFile, QString(cacheFile + ".minisig")})
-            QFile::remove(f);
+        const QString settingsFile = m_tmp->filePath("cache.ini");
+        const QString cacheFile = m_tmp->filePath("cache.xml");
         publish(catalogue(5, variant == "expired" ? "2001-01-01" : future()), m_signer.data(),
                 false, variant == "other feed" ? "other.xml" : "list.xml");
         if (variant == "verified" || variant == "unsigned") {
@@ -454,28 +448,29 @@ private Q_SLOTS:
                        mode_t(row<QString>("parentMode").toInt(nullptr, 8))),
                  0);
         chmod(QFile::encodeName(app).constData(), 0755);
-        QProcess host;
-        const QStringList hostArgs {"completeInstall", url(), m_signer->publicKey()};
+        QStringList command {app + "/exec_helper", "completeInstall", url(), m_signer->publicKey()};
         if (box.contains("free disk space") || box == "read-only") {
             const QString small = parent.filePath("small");
             QVERIFY(QDir().mkpath(small));
             // Room for the program and little more: less than any package needs to unpack.
-            const QString room
-                = QString::number(QFileInfo(app + "/exec_helper").size() / 1024 + 4096) + "k";
-            host.start(
-                "unshare",
-                QStringList {"--mount", "--propagation", "private", "sh", "-c",
-                             "mount -t tmpfs -o size=" + room
-                                 + ",mode=0755 tmpfs \"$0\" "
-                                   "&& cp -a \"$1\" \"$0/\" "
-                                 + (box == "read-only" ? "&& mount -o remount,ro \"$0\" " : "")
-                                 + "&& exec \"$0/Viewer/"
-                                   "exec_helper\" \"$2\" \"$3\" \"$4\"",
-                             small, app}
-                    + hostArgs);
-        } else {
-            host.start(app + "/exec_helper", hostArgs);
+            const QString room = QString::number(QFileInfo(command.first()).size() / 1024 + 4096);
+            command
+                = QStringList {"unshare",
+                               "--mount",
+                               "--propagation",
+                               "private",
+                               "sh",
+                               "-c",
+                               "mount -t tmpfs -o size=" + room + "k,mode=0755 tmpfs \"$0\" "
+                                   + "&& cp -a \"$1\" \"$0/\" "
+                                   + (box == "read-only" ? "&& mount -o remount,ro \"$0\" " : "")
+                                   + "&& exec \"$0/Viewer/exec_helper\" \"$2\" \"$3\" \"$4\"",
+                               small,
+                               app}
+                + command.mid(1);
         }
+        QProcess host;
+        host.start(command.takeFirst(), command);
         QVERIFY(host.waitForStarted());
         // The host runs the client's event loop; this test serves it meanwhile.
         QTRY_VERIFY_WITH_TIMEOUT(host.state() == QProcess::NotRunning, 40000);
@@ -487,9 +482,7 @@ private Q_SLOTS:
             QTRY_VERIFY(!readFile(marker).isEmpty());
         const QString copy = QDir::tempPath() + "/softwareupdate-";
         QVERIFY2(QString::fromUtf8(readFile(marker)).trimmed().section(copy, 0, 0) == ran,
-                 qPrintable(
-                     said + errors
-                     + QString(" exit %1 status %2").arg(host.exitCode()).arg(host.exitStatus())));
+                 qPrintable(said + errors));
         if (ran.isEmpty()) {
             QVERIFY2(host.exitCode() == 5, qPrintable(said + errors));
             QVERIFY2(said.contains("Installation failed | " + box.arg(parent.path())),
