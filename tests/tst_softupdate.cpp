@@ -234,19 +234,34 @@ private Q_SLOTS:
         QVERIFY(nginx.waitForFinished(10000));
     }
 
+    // add fills what the client reads, and edits in place: what the publisher wrote (attribute
+    // order, quotes, comments) stays, and only the serial, the expiry and the packages change.
     void addFillsWhatTheClientReads()
     {
+        const QByteArray kept = "  <!-- kept as written -->\n  <package url='a.tar.gz' "
+                                "type='Application' name='V' release='1'/>\n";
+        const QString catalogue
+            = writeFile("list.xml",
+                        "<softwareList expires='2099-01-01' serial='5' base-url='http://h/'>\n"
+                            + kept + "</softwareList>\n");
         const QByteArray body(3000, 'v');
         const QString package = writeFile("viewer-2.10.tar.gz", body);
-        const QString catalogue = m_dir.filePath("list.xml");
-        QFile::remove(catalogue);
         const QStringList common {"--type", "Application", "--name", "Viewer", "--release"};
         QCOMPARE(softupdate(QStringList {"add", catalogue, package} + common
                             + QStringList {"2.10", "--platform", "linux", "--platform", "win32",
                                            "--release-notes", "de=http://x/de.html", "--base-url",
-                                           "http://dl.example.test/", "--expires", "2030-01-31"})
+                                           "http://dl.example.test/"})
                      .code,
                  0);
+        QByteArray xml = readFile(catalogue);
+        // Renewed for 90 days unless told otherwise.
+        const QByteArray start = "<softwareList expires='"
+            + QDate::currentDate().addDays(90).toString(Qt::ISODate).toUtf8() + "' serial='20";
+        QVERIFY2(
+            xml.startsWith(start)
+                && xml.contains(QByteArray("' base-url='http://h/'>\n" + kept + "  <package type="))
+                && xml.endsWith("</package>\n</softwareList>\n"),
+            xml.constData());
         const QString beta = writeFile("viewer-2.11.tar.gz", body);
         const QStringList second = QStringList {"add", catalogue, beta} + common
             + QStringList {"2.11", "--status", "BETA", "--lifetime", "30"};
@@ -255,54 +270,31 @@ private Q_SLOTS:
         const Run again = softupdate(second);
         QVERIFY2(again.code == 0 && again.out.startsWith("replaced Viewer 2.11"),
                  qPrintable(again.out));
-        QByteArray xml = readFile(catalogue);
+        xml = readFile(catalogue);
         // The serial is at least the UTC time as yyyymmddHHMMSS; the expiry renewed by 30 days.
-        const qint64 serial = xml.mid(xml.indexOf("serial=\"") + 8, 14).toLongLong();
+        const qint64 serial = xml.mid(xml.indexOf("serial='") + 8, 14).toLongLong();
         QVERIFY2(serial >= QDateTime::currentDateTimeUtc()
                                .addSecs(-60)
                                .toString("yyyyMMddHHmmss")
                                .toLongLong(),
                  xml.constData());
         const QByteArray renewed
-            = "expires=\"" + QDate::currentDate().addDays(30).toString(Qt::ISODate).toUtf8();
-        QVERIFY(xml.contains(renewed));
+            = "expires='" + QDate::currentDate().addDays(30).toString(Qt::ISODate).toUtf8();
+        QVERIFY(xml.startsWith(QByteArray("<softwareList " + renewed)));
         QBuffer buffer(&xml);
         QVERIFY(buffer.open(QIODevice::ReadOnly));
         const PackageInfoList packages = DownloadManager::parseXML(&buffer);
-        QCOMPARE(packages.size(), 2);
+        QCOMPARE(packages.size(), 3);
         const QString sha = QCryptographicHash::hash(body, QCryptographicHash::Sha256).toHex();
-        QCOMPARE(packages.at(0).sha256, sha);
-        QCOMPARE(packages.at(0).fileSize, qint64(3000));
-        QCOMPARE(packages.at(0).url, QUrl("http://dl.example.test/viewer-2.10.tar.gz"));
-        QCOMPARE(packages.at(0).suffix, QString("tar.gz"));
-        QCOMPARE(packages.at(0).platforms, QStringSet({"linux", "win32"}));
-        QCOMPARE(packages.at(0).releaseNotes.value("de"), QUrl("http://x/de.html"));
-        QCOMPARE(packages.at(0).releaseDate.date(), QFileInfo(package).lastModified().date());
-        QCOMPARE(packages.at(1).status, QString("BETA"));
-        QCOMPARE(packages.at(1).release, QString("2.11"));
-    }
-
-    // add and sign edit in place: what the publisher wrote (attribute order, quotes, comments)
-    // stays, and only the serial, the expiry and the new package differ.
-    void editsInPlace()
-    {
-        const QByteArray kept = "  <!-- kept as written -->\n  <package url='a.tar.gz' "
-                                "type='Application' name='V' release='1'/>\n";
-        const QString catalogue
-            = writeFile("kept.xml",
-                        "<softwareList expires='2099-01-01' serial='5' base-url='http://h/'>\n"
-                            + kept + "</softwareList>\n");
-        QVERIFY(softupdate({"add", catalogue, writeFile("b.tar.gz", "b"), "--type", "Application",
-                            "--name", "V", "--release", "2"})
-                    .code
-                == 0);
-        QByteArray xml = readFile(catalogue);
-        const QByteArray start = "<softwareList expires='"
-            + QDate::currentDate().addDays(90).toString(Qt::ISODate).toUtf8() + "' serial='20";
-        const QByteArray middle = "' base-url='http://h/'>\n" + kept + "  <package type=";
-        QVERIFY2(xml.startsWith(start) && xml.contains(middle)
-                     && xml.endsWith("/>\n</softwareList>\n"),
-                 xml.constData());
+        QCOMPARE(packages.at(1).sha256, sha);
+        QCOMPARE(packages.at(1).fileSize, qint64(3000));
+        QCOMPARE(packages.at(1).url, QUrl("http://dl.example.test/viewer-2.10.tar.gz"));
+        QCOMPARE(packages.at(1).suffix, QString("tar.gz"));
+        QCOMPARE(packages.at(1).platforms, QStringSet({"linux", "win32"}));
+        QCOMPARE(packages.at(1).releaseNotes.value("de"), QUrl("http://x/de.html"));
+        QCOMPARE(packages.at(1).releaseDate.date(), QFileInfo(package).lastModified().date());
+        QCOMPARE(packages.at(2).status, QString("BETA"));
+        QCOMPARE(packages.at(2).release, QString("2.11"));
     }
 
     void refusals_data() { addRows("softupdate-refusals"); }
@@ -374,15 +366,13 @@ private Q_SLOTS:
     {
         QFETCH(bool, encrypted);
         QFETCH(QString, signer);
-        // A plain pair for all rows; the encrypted one (password "pw", cheap to derive) is in
+        // A plain pair made for the row; the encrypted one (password "pw", cheap to derive) is in
         // tests/data/keys.
-        QString pub = m_dir.filePath("plain.pub"), sec = m_dir.filePath("plain.key");
-        if (encrypted) {
-            pub = QStringLiteral(SUC_TEST_DATA_DIR "/keys/encrypted.pub");
-            sec = QStringLiteral(SUC_TEST_DATA_DIR "/keys/encrypted.key");
-        } else if (!QFileInfo::exists(sec)) {
-            QVERIFY(minisign({"-G", "-f", "-W", "-p", pub, "-s", sec}, ""));
-        }
+        const MinisignTool plain(m_dir.filePath("plain"));
+        QVERIFY(plain.isValid());
+        const QString keys = SUC_TEST_DATA_DIR "/keys/encrypted";
+        const QString pub = encrypted ? keys + ".pub" : plain.publicKeyFile();
+        const QString sec = encrypted ? keys + ".key" : plain.secretKeyFile();
         const QString catalogue
             = writeFile("signed.xml", "<softwareList serial='3' expires='2030-01-01'/>");
         QFile::remove(catalogue + ".minisig");

@@ -253,16 +253,12 @@ public:
     }
     QString secretKeyFile() const { return m_sec; }
     QString publicKeyFile() const { return m_pub; }
-    /// Writes `file`.minisig (or `signature`), pre-hashed or in the legacy form, with minisign's
-    /// own trusted comment, which names the file ("file:list.xml").
-    bool sign(const QString &file, bool legacy = false, const QString &signature = QString()) const
+    /// Writes `file`.minisig, pre-hashed or in the legacy form, with minisign's own trusted
+    /// comment, which names the file ("file:list.xml").
+    bool sign(const QString &file, bool legacy = false) const
     {
-        QStringList args {"-S", "-s", m_sec, "-m", file};
-        if (legacy)
-            args << "-l";
-        if (!signature.isEmpty())
-            args << "-x" << signature;
-        return run(args);
+        return run(QStringList {"-S", "-s", m_sec, "-m", file}
+                   + (legacy ? QStringList {"-l"} : QStringList()));
     }
 
 private:
