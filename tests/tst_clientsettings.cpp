@@ -17,11 +17,6 @@ class TestClientSettings : public QObject {
         return QSettings(QSettings::IniFormat, QSettings::UserScope, "SucTest", "clientsettings");
     }
     static QString storePath() { return store().fileName(); }
-    static void writeStoreFile(const QByteArray &content)
-    {
-        QDir().mkpath(QFileInfo(storePath()).absolutePath());
-        QVERIFY(writeFile(storePath(), content));
-    }
     // The camera versions the client reads back, as "model:version,...".
     static QString cameras(const SoftwareUpdateClient &client)
     {
@@ -61,7 +56,7 @@ private Q_SLOTS:
     void storedServerWinsOverConstructor_data() { addRows("clientsettings-stored-server"); }
     void storedServerWinsOverConstructor()
     {
-        writeStoreFile("[General]\n" + row<QByteArray>("ini") + "\n");
+        QVERIFY(writeFile(storePath(), "[General]\n" + row<QByteArray>("ini") + "\n"));
         QScopedPointer<SoftwareUpdateClient> client(makeClient("http://ctor.test/list.xml"));
         QTEST(store().value("serverURL").toString(), "expected");
         SoftwareUpdateSettings read;
@@ -121,7 +116,7 @@ private Q_SLOTS:
         QFETCH(bool, doCheck);
         QFETCH(bool, beta);
         QFETCH(QDateTime, lastCheck);
-        writeStoreFile(content);
+        QVERIFY(writeFile(storePath(), content));
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
         SoftwareUpdateSettings read;
         client->getCurrentSettings(&read);

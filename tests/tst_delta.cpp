@@ -50,18 +50,11 @@ class DeltaTest : public QObject {
 
     QString path(const QString &name) const { return m_dir.filePath(name); }
 
-    static int softupdate(const QStringList &args, QByteArray *output = nullptr)
-    {
-        const Run done = suc::test::run(SUC_SOFTUPDATE, args);
-        if (output)
-            *output = done.out.toUtf8();
-        return done.code;
-    }
+    static Run softupdate(const QStringList &args) { return run(SUC_SOFTUPDATE, args); }
 
     // Builds `delta` against old/ into a fresh folder; the error, empty when it was built.
     QString apply(const QByteArray &delta, const QByteArray &sha256 = QByteArray())
     {
-        QFile::remove(path("test.delta"));
         writeFile(path("test.delta"), delta);
         QDir(path("built")).removeRecursively();
         QDir().mkpath(path("built"));
@@ -98,8 +91,9 @@ private Q_SLOTS:
         for (int i = 0; i < 5000; ++i)
             text += QByteArray::number(i) + '\n';
         QVERIFY(writeFile(path("new/App/data/added.txt"), text, 0600));
-        QCOMPARE(softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}),
-                 0);
+        QCOMPARE(
+            softupdate({"delta", path("old/App"), path("new/App"), "-o", path("base.delta")}).code,
+            0);
         m_delta = readFile(path("base.delta"));
         for (const char *side : {"old", "new"})
             QCOMPARE(
@@ -119,13 +113,12 @@ private Q_SLOTS:
             from = path("old.zip");
             to = path("new.zip");
         }
-        QByteArray output;
-        QCOMPARE(
-            softupdate({"delta", from, to, "-o", path("trip.delta"), "--codec", codec}, &output),
-            0);
-        QVERIFY2(output.contains(row<QString>("summary").toUtf8())
-                     && output.contains("1 links, 2 deleted"),
-                 output.constData());
+        const Run made
+            = softupdate({"delta", from, to, "-o", path("trip.delta"), "--codec", codec});
+        QCOMPARE(made.code, 0);
+        QVERIFY2(made.out.contains(row<QString>("summary"))
+                     && made.out.contains("1 links, 2 deleted"),
+                 qPrintable(made.out));
         QCOMPARE(apply(readFile(path("trip.delta"))), QString());
         QCOMPARE(describe(path("built")), describe(path("new/App")));
         // Three bzip2 streams and a zstd context at most, whatever the file sizes.
@@ -199,19 +192,18 @@ private Q_SLOTS:
         const QStringList common {"--type", "Application", "--name", "App"};
         QCOMPARE(softupdate(QStringList {"add", path("site/list.xml"), path("site/App-1.0.zip"),
                                          "--release", "1.0"}
-                            + common),
+                            + common)
+                     .code,
                  0);
-        QByteArray output; // the release of a package without one given: as listed
-        QCOMPARE(
-            softupdate(QStringList {"add", path("site/list.xml"), path("site/Other-1.2.zip"),
-                                    "--release", "1.2", "--delta-from",
-                                    path("site/App-1.1.zip") + "=1.1", path("site/App-1.0.zip")}
-                           + common,
-                       &output),
-            0);
-        QVERIFY2(output.contains("skipped the delta from 1.1")
-                     && output.contains("skipped the delta from 1.0"),
-                 output.constData());
+        // The release of a package without one given: as listed.
+        const Run added
+            = softupdate(QStringList {"add", path("site/list.xml"), path("site/Other-1.2.zip"),
+                                      "--release", "1.2", "--delta-from",
+                                      path("site/App-1.1.zip") + "=1.1", path("site/App-1.0.zip")}
+                         + common);
+        QVERIFY2(added.code == 0 && added.out.contains("skipped the delta from 1.1")
+                     && added.out.contains("skipped the delta from 1.0"),
+                 qPrintable(added.out));
         QVERIFY(!QFileInfo::exists(path("site/Other-1.2.zip.from-1.1.delta")));
         QVERIFY(!readFile(path("site/list.xml")).contains("<delta"));
     }

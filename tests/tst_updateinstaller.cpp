@@ -13,10 +13,15 @@ class TestUpdateInstaller : public QObject {
 
     // `start` is what the program does after noting its start: "" confirms to the updater when
     // asked (as the client does), "fail" exits with 3, "quiet" exits without confirming, "hang"
-    // never confirms, "die" is killed.
+    // never confirms, "die" is killed. With `host`, the folder holds a host (exec_helper) and its
+    // updater too, as an installed version does.
     static void makeApp(const QString &folder, const QString &version,
-                        const QByteArray &start = QByteArray())
+                        const QByteArray &start = QByteArray(), bool host = false)
     {
+        QDir(folder).removeRecursively();
+        if (host)
+            QVERIFY(QDir().mkpath(folder) && QFile::copy(SUC_EXEC_HELPER, folder + "/host")
+                    && QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller"));
         QVERIFY(writeFile(folder + "/version.txt", version.toUtf8()));
         QVERIFY(writeFile(folder + "/lib/data.bin", QByteArray(4096, version.at(1).toLatin1())));
         QFile::link("data.bin", folder + "/lib/current"); // relative, as packages write them
@@ -42,10 +47,10 @@ class TestUpdateInstaller : public QObject {
 
     // Viewer in version v1, the unpacked v2 doing `start` when started, and the updater's
     // arguments for them with a health check of `seconds`.
-    QStringList healthCheckedUpdate(const QByteArray &start, int seconds)
+    QStringList healthCheckedUpdate(const QByteArray &start, int seconds, bool hosts = false)
     {
-        makeApp(m_dir.filePath("Viewer"), "v1");
-        makeApp(m_dir.filePath("unpacked"), "v2", start);
+        makeApp(m_dir.filePath("Viewer"), "v1", {}, hosts);
+        makeApp(m_dir.filePath("unpacked"), "v2", start, hosts);
         return {"-oldDir",        m_dir.filePath("Viewer"),
                 "-newDir",        m_dir.filePath("unpacked"),
                 "-exe",           "app",
@@ -118,7 +123,8 @@ class TestUpdateInstaller : public QObject {
 
     // The unpacked new version, on the application's file system or on another one (empty when
     // the machine has no other).
-    QString newVersionFolder(bool acrossFileSystems, QScopedPointer<QTemporaryDir> &other)
+    QString newVersionFolder(bool acrossFileSystems, QScopedPointer<QTemporaryDir> &other,
+                             bool host = false)
     {
         QString folder = m_dir.filePath("unpacked");
         if (acrossFileSystems) {
@@ -128,7 +134,7 @@ class TestUpdateInstaller : public QObject {
             other.reset(new QTemporaryDir(base + "/suc-XXXXXX"));
             folder = other->filePath("unpacked");
         }
-        makeApp(folder, "v2");
+        makeApp(folder, "v2", {}, host);
         return folder;
     }
 
@@ -219,7 +225,6 @@ private Q_SLOTS:
         QCOMPARE(completeVersion(m_dir.filePath("unpacked")), QString("v2")); // given back
         QVERIFY2(readFile(side(app, "rolled-back")).contains(why.toUtf8()), qPrintable(log()));
         // A second update, of a version that runs, goes through after the roll-back.
-        QDir(m_dir.filePath("unpacked")).removeRecursively();
         makeApp(m_dir.filePath("unpacked"), "v3");
         QCOMPARE(runInstaller(args), 0);
         QCOMPARE(completeVersion(app), QString("v3"));
@@ -278,25 +283,13 @@ private Q_SLOTS:
         int killedMidway = 0;
         int settledByHost = 0;
         for (int i = 0; i < runs; ++i) {
-            QDir(app).removeRecursively();
-            makeApp(app, "v1");
-            QScopedPointer<QTemporaryDir> elsewhere;
-            QString newDir = m_dir.filePath("unpacked");
-            if (i % 2 && !other.isEmpty()) {
-                elsewhere.reset(new QTemporaryDir(other + "/suc-XXXXXX"));
-                newDir = elsewhere->filePath("unpacked");
-            }
-            QDir(newDir).removeRecursively();
-            makeApp(newDir, "v2");
             // Every fifth time the next start of a host settles it (each version is a host with
             // its updater); otherwise the updater runs again.
             const bool hostSettles = i % 5 == 0;
-            for (const QString &folder : {app, newDir}) {
-                if (hostSettles
-                    && !(QFile::copy(SUC_EXEC_HELPER, folder + "/host")
-                         && QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller")))
-                    QFAIL("cannot lay out a host");
-            }
+            makeApp(app, "v1", {}, hostSettles);
+            QScopedPointer<QTemporaryDir> elsewhere;
+            const QString newDir
+                = newVersionFolder(i % 2 && !other.isEmpty(), elsewhere, hostSettles);
             const QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
             QProcess p;
             startInstaller(p, args);
@@ -309,27 +302,22 @@ private Q_SLOTS:
             QVERIFY2(now == "v1" || now == "v2",
                      qPrintable(QString("iteration %1: '%2'\n%3").arg(i).arg(now, log())));
             if (hostSettles && QFileInfo::exists(side(app, "journal"))) {
-                QProcess host;
-                host.start(app + "/host", {"host"});
-                QVERIFY(host.waitForFinished(60000) && host.exitCode() == 0);
+                QCOMPARE(run(app + "/host", {"host"}).code, 0);
                 QVERIFY2(completeVersion(app) == now, qPrintable(log())); // the running one stays
                 ++settledByHost;
             } else {
                 // A child the killed run was starting holds its lock until it has become the
                 // program (a moment, longer on a loaded machine): the next run waits for that.
-                int rerun = 1;
-                for (int attempt = 0; attempt < 50 && rerun == 1; ++attempt) {
-                    if (QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir))
-                        rerun = runInstaller(args);
-                    else
-                        rerun = 0;
-                    if (rerun == 1 && !log().trimmed().endsWith("is running"))
+                int rerun = 0;
+                for (int attempt = 0; attempt < 50; ++attempt) {
+                    const bool pending
+                        = QFileInfo::exists(side(app, "journal")) || QFileInfo::exists(newDir);
+                    rerun = pending ? runInstaller(args) : 0;
+                    if (rerun != 1 || !log().trimmed().endsWith("is running"))
                         break;
-                    if (rerun == 1)
-                        QThread::msleep(100);
+                    QThread::msleep(100);
                 }
-                QVERIFY2(rerun == 0, qPrintable(QString("iteration %1\n%2").arg(i).arg(log())));
-                QVERIFY2(completeVersion(app) == "v2",
+                QVERIFY2(rerun == 0 && completeVersion(app) == "v2",
                          qPrintable(QString("iteration %1\n%2").arg(i).arg(log())));
             }
             QVERIFY(!QFileInfo::exists(side(app, "journal")));
@@ -352,20 +340,13 @@ private Q_SLOTS:
         QFETCH(QByteArray, step);
         QFETCH(QString, remains);
         const QString app = m_dir.filePath("Viewer");
-        const QStringList args = healthCheckedUpdate("hang", 20);
-        for (const QString &folder : {app, m_dir.filePath("unpacked")}) { // hosts with updaters
-            QVERIFY(QFile::copy(SUC_EXEC_HELPER, folder + "/host"));
-            QVERIFY(QFile::copy(SUC_UPDATE_INSTALLER, folder + "/UpdateInstaller"));
-        }
+        const QStringList args = healthCheckedUpdate("hang", 20, true);
         QCOMPARE(runInstaller(args, step), -1);
         QVERIFY(QFileInfo::exists(side(app, "journal")));
         if (step == "start") // the program under check notes its start by itself
             QTRY_VERIFY(started().contains("v2"));
         const int startsBefore = started().size();
-        QProcess host;
-        host.start(app + "/host", {"host"});
-        QVERIFY(host.waitForFinished(60000));
-        QCOMPARE(host.exitCode(), 0);
+        QCOMPARE(run(app + "/host", {"host"}).code, 0);
         QVERIFY2(!QFileInfo::exists(side(app, "journal")), qPrintable(log()));
         QCOMPARE(completeVersion(app), remains);
         for (const char *leftover : {".update-backup", ".update-incoming", ".update-discard"})
