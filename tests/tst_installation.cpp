@@ -61,25 +61,8 @@ private Q_SLOTS:
         QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}), tempBefore); // no folder for b.zip
     }
 
-    // An archive path that names a folder ("<download folder>/..") is not read, and neither it
-    // nor anything beside it is removed.
-    void archivePathThatLeadsElsewhereIsRefused()
-    {
-        QTemporaryDir dir;
-        QVERIFY(QDir().mkpath(dir.filePath("dl")));
-        QVERIFY(QFile::copy(corpus + "/good.zip", dir.filePath("other.zip")));
-        DownloadManager manager;
-        QSignalSpy done(&manager, &DownloadManager::unzippingDone);
-        BoxAnswerer answerer;
-        manager.unzipPackage(dir.filePath("dl/.."));
-        QTRY_VERIFY(!answerer.seen.isEmpty());
-        QVERIFY2(answerer.seen.first().contains("not a regular file"),
-                 qPrintable(answerer.seen.first()));
-        QCOMPARE(done.count(), 0);
-        QCOMPARE(filesBelow(dir.path()), QStringList({"dl", "other.zip"}));
-    }
-
     // "failure" is a pattern of the message; empty: the archive unpacks, contained, and goes.
+    // "dl/..", a path that names the download's folder, is not read, and nothing beside it goes.
     void hostileArchivesAreRefusedOrContained_data() { addRows("installation-hostile-archives"); }
     void hostileArchivesAreRefusedOrContained()
     {
@@ -87,9 +70,14 @@ private Q_SLOTS:
         QFETCH(QString, failure);
         QTemporaryDir dir;
         const QString copy = dir.filePath(archive);
-        if (!QFile::exists(corpus + "/" + archive))
+        if (archive == "dl/..")
+            QVERIFY(QDir().mkpath(dir.filePath("dl"))
+                    && QFile::copy(corpus + "/good.zip", dir.filePath("other.zip")));
+        else if (!QFile::exists(corpus + "/" + archive))
             QSKIP("bsdtar could not write this format here");
-        QVERIFY(QFile::copy(corpus + "/" + archive, copy));
+        else
+            QVERIFY(QFile::copy(corpus + "/" + archive, copy));
+        const QStringList before = filesBelow(dir.path());
         const QStringList tempBefore = QDir::temp().entryList({"softwareupdate-*"});
         DownloadManager manager;
         QSignalSpy done(&manager, &DownloadManager::unzippingDone);
@@ -104,7 +92,7 @@ private Q_SLOTS:
                      qPrintable(answerer.seen.first()));
             QVERIFY2(answerer.seen.first().contains(QRegularExpression(failure)),
                      qPrintable(answerer.seen.first()));
-            QVERIFY(QFile::exists(copy)); // the archive stays after a failure
+            QCOMPARE(filesBelow(dir.path()), before); // the archive stays after a failure
             // and what was unpacked before the failure goes
             QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}), tempBefore);
         } else if (done.count()) {
