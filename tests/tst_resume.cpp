@@ -153,7 +153,20 @@ private Q_SLOTS:
     void keptDownloadsArePruned()
     {
         const QString folder = DownloadManager::resumeFolder();
+        QList<PackageInfo> published;
+        for (int i = 0; i < 4; ++i) {
+            published << package();
+            published.last().url = QUrl(QString("http://127.0.0.1/dl/v%1.tar.gz").arg(i));
+        }
+        // The kept files of a package are named by its URL and hash.
+        const auto keyOf = [&](int i) {
+            const QByteArray identity
+                = published.at(i).url.toEncoded() + '\n' + published.at(i).sha256.toLatin1();
+            return QString::fromLatin1(
+                QCryptographicHash::hash(identity, QCryptographicHash::Sha256).toHex().left(32));
+        };
         const auto keep = [&](const QString &name, int daysOld) {
+            QDir().mkpath(folder);
             for (const char *suffix : {".json", ".part"}) {
                 QFile f(folder + "/" + name + suffix);
                 QVERIFY(f.open(QIODevice::WriteOnly) && f.write("x") == 1 && f.flush());
@@ -161,27 +174,14 @@ private Q_SLOTS:
                               QFileDevice::FileModificationTime);
             }
         };
-        // The kept files of a package are named by its URL and hash.
-        const auto keyOf = [](const PackageInfo &p) {
-            const QByteArray identity = p.url.toEncoded() + '\n' + p.sha256.toLatin1();
-            return QString::fromLatin1(
-                QCryptographicHash::hash(identity, QCryptographicHash::Sha256).toHex().left(32));
-        };
-        const auto files = [&](const QList<int> &packages, const QList<PackageInfo> &of) {
-            QStringList names;
-            for (const int i : packages)
-                names << keyOf(of.at(i)) + ".json" << keyOf(of.at(i)) + ".part";
+        const auto files = [&](int a, int b) { // the kept files of two packages
+            QStringList names {keyOf(a) + ".json", keyOf(a) + ".part", keyOf(b) + ".json",
+                               keyOf(b) + ".part"};
             names.sort();
             return names;
         };
-        QList<PackageInfo> published;
-        for (int i = 0; i < 4; ++i) {
-            published << package();
-            published.last().url = QUrl(QString("http://127.0.0.1/dl/v%1.tar.gz").arg(i));
-        }
-        QVERIFY(QDir().mkpath(folder));
         for (int i = 0; i < 3; ++i)
-            keep(keyOf(published.at(i)), i + 1);
+            keep(keyOf(i), i + 1);
         TestHttpServer server([&](const TestHttpServer::Request &) { return cutAfter(1000); });
         SUC_LISTEN_ON_PORT_80(server);
         QTemporaryDir dir;
@@ -190,17 +190,16 @@ private Q_SLOTS:
         QSignalSpy failed(&manager, qOverload<int>(&DownloadManager::downloadFailure));
         manager.startDownload(published.at(3), dir.filePath("v.tar.gz"));
         QVERIFY(failed.wait(10000));
-        QCOMPARE(kept(), files({0, 3}, published));
+        QCOMPARE(kept(), files(0, 3));
 
         QDir(folder).removeRecursively();
-        QVERIFY(QDir().mkpath(folder));
-        keep(keyOf(published.at(0)), 1);
-        keep(keyOf(published.at(1)), 40); // older than 30 days
+        keep(keyOf(0), 1);
+        keep(keyOf(1), 40); // older than 30 days
         keep("0123456789abcdef0123456789abcdef", 1); // not published
-        keep(keyOf(published.at(2)), 2);
-        keep(keyOf(published.at(3)), 3); // a third one: the oldest goes
+        keep(keyOf(2), 2);
+        keep(keyOf(3), 3); // a third one: the oldest goes
         DownloadManager::pruneResumeFolder(published);
-        QCOMPARE(kept(), files({0, 2}, published));
+        QCOMPARE(kept(), files(0, 2));
     }
 
     // Transient failures are tried again after a back-off; others fail at once.
@@ -213,23 +212,19 @@ private Q_SLOTS:
         QFETCH(bool, success);
         TestHttpServer server([&](const TestHttpServer::Request &) {
             const bool firstRequest = server.requests().size() == 1;
-            if (first.startsWith("503") || first == "cancel") {
-                if (firstRequest || first == "503 always") {
-                    Response r = Response::error(503, "busy");
-                    r.headers << qMakePair(QByteArray("Retry-After"), QByteArray("1"));
-                    return r;
-                }
-            } else if (firstRequest && first == "404") {
-                return Response::error(404, "gone");
-            } else if (firstRequest && first == "cut") {
-                return cutAfter(1000);
-            } else if (firstRequest && first == "stall") {
-                Response r = Response::ok(m_body);
-                r.mode = Response::Stall;
-                r.sendBeforeStall = 100;
+            if (first == "503 always" || (firstRequest && (first == "503" || first == "cancel"))) {
+                Response r = Response::error(503, "busy");
+                r.headers << qMakePair(QByteArray("Retry-After"), QByteArray("1"));
                 return r;
             }
-            return Response::ok(m_body);
+            if (firstRequest && first == "404")
+                return Response::error(404, "gone");
+            if (firstRequest && first == "cut")
+                return cutAfter(1000);
+            Response r = Response::ok(m_body);
+            r.mode = firstRequest && first == "stall" ? Response::Stall : Response::Normal;
+            r.sendBeforeStall = 100;
+            return r;
         });
         SUC_LISTEN_ON_PORT_80(server);
         QTemporaryDir dir;

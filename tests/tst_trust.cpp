@@ -247,10 +247,10 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, to);
         QFETCH(QString, shown);
-        to.replace("FIFO", m_dir.filePath("fifo").toUtf8());
-        shown.replace("FIFO", m_dir.filePath("fifo"));
-        QFile::remove(m_dir.filePath("fifo"));
-        QCOMPARE(mkfifo(QFile::encodeName(m_dir.filePath("fifo")).constData(), 0600), 0);
+        const QString fifo = m_tmp->filePath("fifo");
+        to.replace("FIFO", fifo.toUtf8());
+        shown.replace("FIFO", fifo);
+        QCOMPARE(mkfifo(QFile::encodeName(fifo).constData(), 0600), 0);
         publish(catalogue(7, future()).replace(row<QByteArray>("from"), to), m_signer.data());
         m_client->setCurrentCameraVersions({{QString("M1"), VersionNumber("1.0")}});
         checkFromDialog();
@@ -305,10 +305,8 @@ private Q_SLOTS:
         // The highest serial was kept too: an older catalogue is refused, and not kept.
         publish(catalogue(4, future()), m_signer.data());
         QSignalSpy none(&later, &DownloadManager::noPackageFound);
-        QSignalSpy finished(&later, &DownloadManager::queryFinished);
         later.queryUpdate();
-        QVERIFY(finished.wait(10000));
-        QCOMPARE(none.size(), 1);
+        QVERIFY(none.wait(10000));
         QCOMPARE(later.recentPackages(PackageInfo()).size(), 1);
     }
 
@@ -349,8 +347,7 @@ private Q_SLOTS:
         QVERIFY(checkFromDialog().startsWith("Viewer 3"));
         BoxAnswerer answerer({"Proceed", "Restart later", "OK"});
         Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
-        QTRY_VERIFY(answerer.seen.size() >= 2);
-        QTRY_VERIFY(!QApplication::activeModalWidget());
+        QTRY_VERIFY(answerer.seen.size() >= 2 && !QApplication::activeModalWidget());
         QVERIFY2(answerer.seen.last().startsWith(lastBox), qPrintable(answerer.seen.join('\n')));
         // The boxes of an interactive install come with the signals.
         const bool installed = lastBox.startsWith("Restart required");

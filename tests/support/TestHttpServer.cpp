@@ -79,7 +79,6 @@ void TestHttpServer::onReadyRead(QTcpSocket *socket)
     const QList<QByteArray> lines = buffered.left(end).split('\n');
     Request request;
     const QList<QByteArray> first = lines.value(0).trimmed().split(' ');
-    request.method = first.value(0);
     request.target = first.value(1);
     for (qsizetype i = 1; i < lines.size(); ++i) {
         const qsizetype colon = lines.at(i).indexOf(':');

@@ -40,7 +40,6 @@ public:
     };
 
     struct Request {
-        QByteArray method;
         QByteArray target;
         QList<QPair<QByteArray, QByteArray>> headers;
         QByteArray header(const QByteArray &name) const;
