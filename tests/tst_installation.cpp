@@ -202,11 +202,9 @@ private Q_SLOTS:
         const QString argvFile = dir.filePath("argv.txt");
         if (!exe.isEmpty())
             writeRecorder(recorder, argvFile);
-        QProcess helper;
-        helper.start(QStringLiteral(SUC_EXEC_HELPER),
-                     {"startUpdate", recorder, oldDir, "/tmp/new ß", exe});
-        QVERIFY(helper.waitForFinished(20000));
-        QCOMPARE(helper.exitCode(), exe.isEmpty() ? 3 : 0); // returned, or the recorder replaced it
+        // Returned, or the recorder replaced the helper.
+        QCOMPARE(run(SUC_EXEC_HELPER, {"startUpdate", recorder, oldDir, "/tmp/new ß", exe}).code,
+                 exe.isEmpty() ? 3 : 0);
         QCOMPARE(readArgv(argvFile),
                  exe.isEmpty() ? QStringList()
                                : QStringList({recorder, "-oldDir", oldDir, "-newDir", "/tmp/new ß",
@@ -221,9 +219,7 @@ private Q_SLOTS:
         const QString argvFile = dir.filePath("argv.txt");
         // execl("sh", ...) does not search the PATH: it runs ./sh from the working folder.
         writeRecorder(dir.filePath("sh"), argvFile);
-        QProcess helper;
-        runZipInstallerHelper(helper, dir.path(), corpus + "/good.zip", chosen);
-        QCOMPARE(helper.exitCode(), 0);
+        QCOMPARE(runZipInstaller(dir.path(), corpus + "/good.zip", chosen).code, 0);
         const QStringList argv = readArgv(argvFile);
         const QString unpacked = argv.value(3);
         QVERIFY(unpacked.startsWith(dir.path() + "/softwareupdate-"));
@@ -244,10 +240,9 @@ private Q_SLOTS:
     {
         QFETCH(QString, archive);
         QTemporaryDir dir;
-        QProcess helper;
-        runZipInstallerHelper(helper, dir.path(), corpus + "/" + archive, dir.path());
-        QCOMPARE(helper.exitCode(), 4);
-        QVERIFY(helper.readAllStandardOutput().contains("box: Unpacking failed | "));
+        const Run done = runZipInstaller(dir.path(), corpus + "/" + archive, dir.path());
+        QCOMPARE(done.code, 4);
+        QVERIFY(done.out.contains("box: Unpacking failed | "));
         for (const QString &e : escapes)
             QVERIFY(!QFile::exists(e));
     }
@@ -255,16 +250,11 @@ private Q_SLOTS:
 private:
     // Runs runZipInstaller in the helper, in `folder` (its working and temporary folder),
     // answering the folder chooser with `choice`.
-    static void runZipInstallerHelper(QProcess &helper, const QString &folder,
-                                      const QString &archive, const QString &choice)
+    static Run runZipInstaller(const QString &folder, const QString &archive, const QString &choice)
     {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("QT_QPA_PLATFORM", "offscreen");
-        env.insert("TMPDIR", folder);
-        helper.setProcessEnvironment(env);
-        helper.setWorkingDirectory(folder);
-        helper.start(QStringLiteral(SUC_EXEC_HELPER), {"runZipInstaller", archive, choice});
-        QVERIFY(helper.waitForFinished(30000));
+        return run("sh",
+                   {"-c", "cd \"$0\" && TMPDIR=\"$0\" exec \"$1\" runZipInstaller \"$2\" \"$3\"",
+                    folder, SUC_EXEC_HELPER, archive, choice});
     }
 
     static void writeRecorder(const QString &path, const QString &argvFile)
