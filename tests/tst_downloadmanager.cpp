@@ -280,6 +280,7 @@ private Q_SLOTS:
     {
         QFETCH(QVariant, ver);
         QFETCH(bool, migrated);
+        const QString url = migrated ? DownloadManager::UPDATE_URL : "http://stored.test/mine.xml";
         QSettings settings(tmp("s.ini"), QSettings::IniFormat);
         settings.beginGroup("Download");
         if (ver.isValid())
@@ -290,16 +291,13 @@ private Q_SLOTS:
         settings.endGroup();
         {
             DownloadManager manager(settings, QString());
-            QCOMPARE(manager.queryUrl(),
-                     migrated ? DownloadManager::UPDATE_URL
-                              : QString("http://stored.test/mine.xml"));
+            QCOMPARE(manager.queryUrl(), url);
             QCOMPARE(int(manager.server().proxyPreference), migrated ? 2 : 1);
             manager.storeHistory(settings, QString());
         }
         QCOMPARE(settings.value("Download/ver").toInt(), 3);
         DownloadManager later(settings, QString());
-        QCOMPARE(later.queryUrl(),
-                 migrated ? DownloadManager::UPDATE_URL : QString("http://stored.test/mine.xml"));
+        QCOMPARE(later.queryUrl(), url);
     }
 
     void corruptHistoryFallsBack_data() { addRows("downloadmanager-corrupt-history"); }

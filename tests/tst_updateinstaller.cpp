@@ -167,18 +167,17 @@ private Q_SLOTS:
         for (const char *own : {"Viewer.update-backup", "Viewer.update-incoming/x"})
             makeApp(m_dir.filePath(own), "v2");
         QVERIFY(QFile::link(m_dir.filePath("unpacked"), m_dir.filePath("link-to-unpacked")));
-        if (QString(QTest::currentDataTag()).startsWith("application folder is a link")) {
+        const QString tag = QTest::currentDataTag();
+        if (tag.startsWith("application folder is a link")) {
             QVERIFY(QFile::link(app, m_dir.filePath("ViewerLink")));
             app = m_dir.filePath("ViewerLink");
         }
-        if (QString(QTest::currentDataTag()).contains("FIFO"))
-            QCOMPARE(
-                mkfifo(QFile::encodeName(m_dir.filePath("unpacked/lib/pipe")).constData(), 0600),
-                0);
         const QString program = m_dir.filePath("unpacked/app");
-        if (QString(QTest::currentDataTag()).contains("exec bit"))
+        if (tag.contains("FIFO"))
+            QCOMPARE(mkfifo(QFile::encodeName(program + "-pipe").constData(), 0600), 0);
+        if (tag.contains("exec bit"))
             QVERIFY(QFile::setPermissions(program, QFile::ReadOwner | QFile::WriteOwner));
-        if (QString(QTest::currentDataTag()).contains("is a link"))
+        if (tag.contains("is a link"))
             QVERIFY(QFile::rename(program, program + ".real")
                     && QFile::link(program + ".real", program));
         newDir.replace("@", m_dir.path());
@@ -396,9 +395,7 @@ private Q_SLOTS:
         }
         QStringList args {"-oldDir", app, "-newDir", newDir, "-exe", "app"};
         if (stale == "health check")
-            args << "-healthTimeout"
-                 << "10";
-
+            args += QStringList {"-healthTimeout", "10"};
         if (stale == "concurrent run") {
             QProcess first, second;
             startInstaller(first, args, step);
@@ -409,8 +406,7 @@ private Q_SLOTS:
                      qPrintable(log()));
         } else if (!step.isEmpty()) {
             const int killed = runInstaller(args, step);
-            if (killed != -1) // the step was not reached in this state
-                QCOMPARE(killed, 0);
+            QVERIFY(killed == -1 || killed == 0); // 0: the step was not reached in this state
             // Killed while the new version starts: it confirms by itself meanwhile.
             if (step == "start" && stale == "health check")
                 QTRY_VERIFY(started().contains("v2"));
@@ -443,9 +439,7 @@ private Q_SLOTS:
         if (stale == "stale journal of other arguments")
             QCOMPARE(completeVersion(earlierNew), QString("v8"));
         QTRY_VERIFY(started().contains("v2"));
-        QVERIFY2(!started().contains("v0") && !started().contains("v8")
-                     && !started().contains("v9"),
-                 qPrintable(started().join(',')));
+        QCOMPARE(started().filter(QRegularExpression("v[089]")), QStringList());
         // Started once, not again by the second run; a concurrent run that comes after the first
         // has finished restarts the application it finds, which is v2 then.
         if (stale != "concurrent run")
