@@ -119,12 +119,10 @@ private Q_SLOTS:
     // server as an error.
     void serveAndOfferErrors()
     {
-        QTemporaryDir dir;
-        QDir().mkpath(dir.filePath("www"));
-        writeFile("secret.txt", "outside");
-        QVERIFY(suc::test::writeFile(dir.filePath("www/list.xml"), "<softwareList/>"));
+        writeFile("secret.txt", "outside"); // beside the served folder
+        const QString www = QFileInfo(writeFile("www/list.xml", "<softwareList/>")).path();
         QProcess serve;
-        serve.start(SUC_SOFTUPDATE, {"serve", dir.filePath("www"), "--port", "18437"});
+        serve.start(SUC_SOFTUPDATE, {"serve", www, "--port", "18437"});
         QVERIFY(serve.waitForReadyRead(10000));
         QVERIFY(serve.readAll().contains("port 80"));
         const auto get = [](const QByteArray &path) {
@@ -147,7 +145,7 @@ private Q_SLOTS:
         QVERIFY(get("/%2e%2e/secret.txt").startsWith("HTTP/1.0 404"));
         // Secret keys and hidden files never leave the folder.
         for (const char *hidden : {"/updates.key", "/.env", "/.git/config", "/sub/.hidden"}) {
-            QVERIFY(suc::test::writeFile(dir.filePath(QString("www") + hidden), "secret"));
+            writeFile(QString("www") + hidden, "secret");
             QVERIFY2(get(hidden).startsWith("HTTP/1.0 404"), hidden);
         }
         serve.kill();

@@ -92,16 +92,13 @@ void TestHttpServer::onReadyRead(QTcpSocket *socket)
 
 void TestHttpServer::respond(QTcpSocket *socket, const Request &request)
 {
-    Response r = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
-    if (r.delayMs > 0) {
-        QPointer<QTcpSocket> guard(socket);
-        QTimer::singleShot(r.delayMs, this, [this, guard, r] {
-            if (guard)
-                send(guard, r);
-        });
-        return;
-    }
-    send(socket, r);
+    const Response r
+        = m_handler ? m_handler(request) : Response::error(404, "<html>no handler</html>");
+    QPointer<QTcpSocket> guard(socket);
+    QTimer::singleShot(r.delayMs, this, [this, guard, r] {
+        if (guard)
+            send(guard, r);
+    });
 }
 
 void TestHttpServer::send(QTcpSocket *socket, const Response &r)
