@@ -17,11 +17,6 @@ PackageInfoList parseBytes(const QByteArray &bytes)
     return DownloadManager::parseXML(&buffer);
 }
 
-PackageInfoList parseFile(const QString &name)
-{
-    return parseBytes(testData(name));
-}
-
 QString sorted(const QStringSet &set)
 {
     QStringList l = set.values();
@@ -58,16 +53,6 @@ QMap<QString, QString> fields(const PackageInfo &p)
             {"releaseNotes(de)", p.releaseNotesUrl("de_DE", "en").toString()}};
 }
 
-QByteArray repeatedCatalogue(int packages)
-{
-    QByteArray xml
-        = "<softwareList base-url='http://h/'><package-set type='Application' name='Viewer'>";
-    for (int i = 0; i < packages; ++i)
-        xml += "<package release='1." + QByteArray::number(i) + "'><file url='v/"
-            + QByteArray::number(i) + ".zip' file-size='" + QByteArray::number(i) + "'/></package>";
-    return xml + "</package-set></softwareList>";
-}
-
 } // namespace
 
 class TestCatalogue : public QObject {
@@ -81,7 +66,7 @@ private Q_SLOTS:
     {
         QFETCH(int, index);
         QFETCH(QString, fieldName);
-        const PackageInfoList list = parseFile(row<QString>("file"));
+        const PackageInfoList list = parseBytes(testData(row<QString>("file")));
         QVERIFY(index < list.size() && fields(list.at(index)).contains(fieldName));
         QTEST(fields(list.at(index)).value(fieldName), "expected");
     }
@@ -89,7 +74,7 @@ private Q_SLOTS:
     void nestedSetOrder()
     {
         QStringList names;
-        for (const PackageInfo &p : parseFile("nested.xml"))
+        for (const PackageInfo &p : parseBytes(testData("nested.xml")))
             names << p.name;
         QCOMPARE(names, QStringList({"R1", "R2", "A1", "A2", "A1a", "B1"}));
     }
@@ -99,10 +84,9 @@ private Q_SLOTS:
     void parseAgreesWithTheDomWalk_data() { addRows("catalogue-parse-agrees-with-the-dom-walk"); }
     void parseAgreesWithTheDomWalk()
     {
-        QFile f(QFINDTESTDATA("data/" + row<QString>("file")));
-        QVERIFY(f.open(QIODevice::ReadOnly));
+        const QByteArray bytes = testData(row<QString>("file"));
         QDomDocument doc;
-        QVERIFY(doc.setContent(&f));
+        QVERIFY(doc.setContent(bytes));
         QList<QDomElement> packages;
         std::function<void(const QDomElement &)> collect = [&](const QDomElement &set) {
             for (QDomElement p = set.firstChildElement("package"); !p.isNull();
@@ -113,8 +97,7 @@ private Q_SLOTS:
                 collect(s);
         };
         collect(doc.documentElement());
-        f.seek(0);
-        const PackageInfoList parsed = DownloadManager::parseXML(&f);
+        const PackageInfoList parsed = parseBytes(bytes);
         QCOMPARE(parsed.size(), packages.size());
         for (int i = 0; i < packages.size(); ++i) {
             const QDomElement &e = packages.at(i);
@@ -184,11 +167,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("bytes");
         const QDir hostile(QStringLiteral(SUC_TEST_DATA_DIR "/hostile-xml"));
-        for (const QString &name : hostile.entryList(QDir::Files)) {
-            QFile f(hostile.filePath(name));
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            QTest::newRow(qPrintable(name)) << f.readAll();
-        }
+        for (const QString &name : hostile.entryList(QDir::Files))
+            QTest::newRow(qPrintable(name)) << testData("hostile-xml/" + name);
         QTest::newRow("100000 levels") << QByteArray("<package-set>").repeated(100000)
                 + "<package/>" + QByteArray("</package-set>").repeated(100000);
         QTest::newRow("huge attribute")
@@ -215,7 +195,13 @@ private Q_SLOTS:
                  1);
         QCOMPARE(parseBytes("<s><package name='a &amp; b &#x41;'/></s>").value(0).name,
                  QString("a & b A"));
-        QCOMPARE(parseBytes(repeatedCatalogue(20000)).size(), 20000);
+        QCOMPARE(parseBytes("<softwareList base-url='http://h/'><package-set type='A' name='V'>"
+                            + QByteArray("<package release='1.0'><file url='v/1.zip' "
+                                         "file-size='1'/></package>")
+                                  .repeated(20000)
+                            + "</package-set></softwareList>")
+                     .size(),
+                 20000);
         const QString utf16 = QStringLiteral("\uFEFF<s><package name='Kamera \u00FC'/></s>");
         QCOMPARE(
             parseBytes(QByteArray(reinterpret_cast<const char *>(utf16.utf16()), utf16.size() * 2))
@@ -230,7 +216,7 @@ private Q_SLOTS:
     void candidates()
     {
         QFETCH(QStringList, platforms);
-        PackageInfoList catalogue = parseFile(row<QString>("file"));
+        PackageInfoList catalogue = parseBytes(testData(row<QString>("file")));
         const PackageInfo filter(QString(), row<QString>("name"), row<QString>("release"),
                                  row<QString>("status"), QDateTime(),
                                  QStringSet(platforms.cbegin(), platforms.cend()), {}, "", "");
@@ -267,7 +253,7 @@ private Q_SLOTS:
     void bestMatches()
     {
         QFETCH(QStringList, excludedLanguages);
-        const PackageInfoList catalogue = parseFile(row<QString>("file"));
+        const PackageInfoList catalogue = parseBytes(testData(row<QString>("file")));
         const PackageInfo filter(
             "", "", row<QString>("release"), row<QString>("status"), QDateTime(), {},
             QStringSet(excludedLanguages.cbegin(), excludedLanguages.cend()), "", "");

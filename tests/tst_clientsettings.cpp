@@ -95,9 +95,7 @@ private Q_SLOTS:
         QTest::addColumn<QDateTime>("lastCheck");
         const QDir corrupt(QStringLiteral(SUC_TEST_DATA_DIR "/corrupt-settings"));
         for (const QString &name : corrupt.entryList(QDir::Files)) {
-            QFile f(corrupt.filePath(name));
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            const QByteArray content = f.readAll();
+            const QByteArray content = testData("corrupt-settings/" + name);
             const QList<QByteArray> expect = content.left(content.indexOf('\n')).split(' ');
             QTest::newRow(qPrintable(name))
                 << content << (expect.value(2) == "true") << (expect.value(3) == "true")
