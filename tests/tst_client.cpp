@@ -57,6 +57,11 @@ private Q_SLOTS:
                     302, r.target == "/moved" ? url().toUtf8() : QByteArray());
             if (r.target == "/junk")
                 return TestHttpServer::Response::ok("\x01\x02 not xml <<<", "text/xml");
+            if (r.target == "/stall") { // the headers and no catalogue
+                TestHttpServer::Response stalled = TestHttpServer::Response::ok("<softwareList>");
+                stalled.mode = TestHttpServer::Response::Stall;
+                return stalled;
+            }
             return TestHttpServer::Response::error(404, "<html>gone</html>");
         });
         QVERIFY(m_server.listen(QHostAddress::LocalHost));
@@ -114,28 +119,20 @@ private Q_SLOTS:
 
     // What a host hears of a check: checkStarted, then exactly one outcome; without
     // interaction no dialog opens. Each row twice, from an interactive client and from one that
-    // is not ("server" is a path of the test server, or "stall").
+    // is not ("server" is a path of the test server).
     void signalsTellTheOutcome_data() { addRows("client-signals"); }
     void signalsTellTheOutcome()
     {
         QFETCH(QString, server);
         QFETCH(QString, outcome);
         const bool interactive = QString(QTest::currentDataTag()).startsWith("interactive");
-        TestHttpServer stalled([](const TestHttpServer::Request &) {
-            TestHttpServer::Response r = TestHttpServer::Response::ok("<softwareList>");
-            r.mode = TestHttpServer::Response::Stall;
-            return r;
-        });
-        QVERIFY(stalled.listen(QHostAddress::LocalHost));
         makeClient(row<QString>("version"));
         m_client->setInteractive(interactive);
-        m_client->setRequestTimeout(server == "stall" ? 300 : 20000); // only stalls wait for it
+        m_client->setRequestTimeout(server == "/stall" ? 300 : 20000); // only stalls wait for it
         if (row<bool>("trusted")) // a key this unsigned server cannot meet
             m_client->setTrustedKeys(
                 {QString::fromLatin1(QByteArray(QByteArray("Ed") + QByteArray(40, 1)).toBase64())});
-        clientStore().setValue("serverURL",
-                               server == "stall" ? QString::fromLatin1(stalled.url("/list.xml"))
-                                                 : url(server));
+        clientStore().setValue("serverURL", url(server));
         QSignalSpy started(m_client.data(), &SoftwareUpdateClient::checkStarted);
         QSignalSpy available(m_client.data(), &SoftwareUpdateClient::updatesAvailable);
         QSignalSpy upToDate(m_client.data(), &SoftwareUpdateClient::upToDate);
@@ -368,17 +365,12 @@ private Q_SLOTS:
         m_client->setRetryUnit(500); // long enough to see the countdown, and to cancel it
         m_client->checkForUpdate(0);
         QTRY_VERIFY(openDialog<SoftwareUpdateAvailableDialog>());
+        auto *list = openDialog<SoftwareUpdateAvailableDialog>();
         BoxAnswerer answerer({"Proceed"});
         QSignalSpy installing(m_client.data(), &SoftwareUpdateClient::installationStarted);
-        Q_EMIT openDialog<SoftwareUpdateAvailableDialog>()->installPackage(0);
+        Q_EMIT list->installPackage(0);
         // Shown or not yet (it waits a moment before it shows), the dialog says so.
-        const auto progress = [] {
-            for (QWidget *w : QApplication::allWidgets()) {
-                if (auto *dialog = qobject_cast<QProgressDialog *>(w))
-                    return dialog;
-            }
-            return static_cast<QProgressDialog *>(nullptr);
-        };
+        const auto progress = [list] { return list->findChild<QProgressDialog *>(); };
         QTRY_VERIFY(progress() && progress()->labelText() == "Retrying in 1 s");
         if (cancel)
             Q_EMIT progress()->canceled(); // the Cancel button
