@@ -129,12 +129,8 @@ private Q_SLOTS:
     {
         QFETCH(bool, doCheck);
         QScopedPointer<SoftwareUpdateClient> client(makeClient());
-        SoftwareUpdateDialogSettings d;
-        d.doUpdateCheck = doCheck;
-        d.checkForBeta = true;
-        d.updateInterval = 2;
-        d.serverURL = "http://typed.test/list.xml";
-        d.lastCheck = "ignored";
+        const SoftwareUpdateDialogSettings d {doCheck, true,     2, "http://typed.test/list.xml",
+                                              {},      "ignored"};
         QVERIFY(QMetaObject::invokeMethod(client.data(), "applyDialogSettings",
                                           Qt::DirectConnection,
                                           Q_ARG(qv::SoftwareUpdateDialogSettings, d)));

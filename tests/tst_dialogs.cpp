@@ -77,17 +77,9 @@ private Q_SLOTS:
     {
         QFETCH(QString, lastCheck);
         SoftwareUpdateDialog dialog(nullptr, {});
-        SoftwareUpdateDialogSettings first;
-        first.currentVersion = "old";
-        first.lastCheck = "old date";
-        dialog.setDialogSettings(first);
-        SoftwareUpdateDialogSettings s;
-        s.doUpdateCheck = true;
-        s.checkForBeta = true;
-        s.updateInterval = 3;
-        s.serverURL = "http://typed.test/list.xml";
-        s.currentVersion = row<QString>("version");
-        s.lastCheck = lastCheck;
+        dialog.setDialogSettings({false, false, 0, {}, "old", "old date"}); // replaced whole
+        const SoftwareUpdateDialogSettings s {
+            true, true, 3, "http://typed.test/list.xml", row<QString>("version"), lastCheck};
         dialog.setDialogSettings(s);
         dialog.show();
         QTEST(child<QLabel>(&dialog, "currentVersionLabel")->isVisible(), "versionCaption");
@@ -108,9 +100,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, how);
         SoftwareUpdateDialog dialog(nullptr, {});
-        SoftwareUpdateDialogSettings s;
-        s.updateInterval = 2;
-        dialog.setDialogSettings(s);
+        dialog.setDialogSettings({false, false, 2, {}, {}, {}});
         QSignalSpy applied(&dialog, &SoftwareUpdateDialog::applySettings);
         QSignalSpy check(&dialog, &SoftwareUpdateDialog::checkForUpdate);
         dialog.show();
