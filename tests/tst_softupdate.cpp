@@ -340,17 +340,14 @@ private Q_SLOTS:
                      && row<QList<int>>("codes").contains(p.exitCode()),
                  qPrintable(QString::number(p.exitCode()) + ": " + out));
         QVERIFY2(out.contains(row<QString>("said")), qPrintable(out));
-        QFile written(file);
-        QVERIFY(written.open(QIODevice::ReadOnly));
-        const QByteArray now = written.readAll();
+        QByteArray now = readFile(file);
         if (args.first() != u"add" || p.exitCode() != 0) {
             QCOMPARE(now, catalogue); // unchanged
             return;
         }
         // The name is one encoded URL segment, and the client reads it back whole.
-        QBuffer buffer;
-        buffer.setData(now);
-        buffer.open(QIODevice::ReadOnly);
+        QBuffer buffer(&now);
+        QVERIFY(buffer.open(QIODevice::ReadOnly));
         const PackageInfoList packages = DownloadManager::parseXML(&buffer);
         QCOMPARE(packages.size(), 2);
         QCOMPARE(packages.last().url.fileName(), QString("v 1#2.zip"));

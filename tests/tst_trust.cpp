@@ -91,27 +91,19 @@ class TestTrust : public QObject {
     {
         return QFileInfo(QCoreApplication::applicationFilePath()).fileName();
     }
-    // The unpacked new versions waiting beside the application (the test program's folder):
-    // what their programs say.
-    static QStringList unpackedVersions()
-    {
-        QStringList found;
-        for (const QString &dir : unpackedFolders()) {
-            QFile program(dir + "/Viewer-3/" + programName());
-            if (program.open(QIODevice::ReadOnly))
-                found << QString::fromLatin1(program.readAll().split('\n').value(1).mid(5));
-        }
-        return found;
-    }
-    static QStringList unpackedFolders()
+    // The unpacked new versions waiting beside the application (the test program's folder), by
+    // folder: what each one's program says, empty when it has none.
+    static QMap<QString, QString> unpacked()
     {
         const QFileInfo application(QCoreApplication::applicationDirPath());
-        QStringList folders;
+        QMap<QString, QString> found;
         for (const QFileInfo &f :
              QDir(application.path())
-                 .entryInfoList({application.fileName() + ".update-unpacked-*"}, QDir::Dirs))
-            folders << f.filePath();
-        return folders;
+                 .entryInfoList({application.fileName() + ".update-unpacked-*"}, QDir::Dirs)) {
+            const QByteArray program = readFile(f.filePath() + "/Viewer-3/" + programName());
+            found.insert(f.filePath(), QString::fromLatin1(program.split('\n').value(1).mid(5)));
+        }
+        return found;
     }
 
     QString checkFromDialog() { return suc::test::checkFromDialog(m_client.data()).join(','); }
@@ -170,7 +162,7 @@ private Q_SLOTS:
         m_client.reset();
         closeAllWindows();
         qunsetenv("TMPDIR");
-        for (const QString &folder : unpackedFolders())
+        for (const QString &folder : unpacked().keys())
             QDir(folder).removeRecursively();
     }
 
@@ -369,8 +361,7 @@ private Q_SLOTS:
         }
         // Only the unpacked new version is left: the archive's folder is gone, and a package
         // without the program leaves nothing.
-        QTRY_COMPARE(unpackedVersions(), withProgram ? QStringList {"genuine"} : QStringList());
-        QCOMPARE(unpackedFolders().size(), withProgram ? 1 : 0);
+        QTRY_COMPARE(unpacked().values(), withProgram ? QStringList {"genuine"} : QStringList());
         QCOMPARE(QDir::temp().entryList({"softwareupdate-*"}, QDir::Dirs), QStringList());
     }
 
@@ -412,7 +403,7 @@ private Q_SLOTS:
             QVERIFY(log.saw("an installation is already running; refusing another"));
             QTRY_VERIFY(answerer.seen.last().startsWith("Restart required"));
             QCOMPARE(served, 1);
-            QCOMPARE(unpackedVersions(), QStringList {"genuine"});
+            QCOMPARE(unpacked().values(), QStringList {"genuine"});
         } else {
             // The file handed on is the verified first download; the second, the attacker's,
             // was erased by its own check (changed, or shorter than published).

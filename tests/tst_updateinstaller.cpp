@@ -66,18 +66,14 @@ class TestUpdateInstaller : public QObject {
     // The version of a complete application folder, or empty when it is missing or incomplete.
     static QString completeVersion(const QString &folder)
     {
-        QFile v(folder + "/version.txt");
-        QFile data(folder + "/lib/data.bin");
-        if (!v.open(QIODevice::ReadOnly) || !data.open(QIODevice::ReadOnly)
-            || !QFileInfo(folder + "/app").isExecutable())
-            return QString();
-        const QString version = QString::fromUtf8(v.readAll());
-        QByteArray link(256, 0);
-        const ssize_t n = readlink(QFile::encodeName(folder + "/lib/current").constData(),
-                                   link.data(), link.size());
-        if (n != 8 || link.left(n) != "data.bin")
-            return QString();
-        return data.readAll() == QByteArray(4096, version.at(1).toLatin1()) ? version : QString();
+        const QString version = QString::fromUtf8(readFile(folder + "/version.txt"));
+        QByteArray link(256, 0); // as written: relative
+        link.truncate(readlink(QFile::encodeName(folder + "/lib/current").constData(), link.data(),
+                               link.size()));
+        const bool whole = version.size() == 2 && QFileInfo(folder + "/app").isExecutable()
+            && link == "data.bin"
+            && readFile(folder + "/lib/data.bin") == QByteArray(4096, version.at(1).toLatin1());
+        return whole ? version : QString();
     }
 
     // The updater reads the step to stop after from its environment (the rest is set in init()).
