@@ -124,10 +124,7 @@ private Q_SLOTS:
                 delete t;
             }
         });
-        QCOMPARE(lines.size(), 800);
-        for (const QString &line : lines)
-            QVERIFY2(QRegularExpression("^0:T\\d line \\d+$").match(line).hasMatch(),
-                     qPrintable(line));
+        QCOMPARE(lines.filter(QRegularExpression("^0:T\\d line \\d+$")).size(), 800);
     }
 
     void invokeQueued_data() { addRows("platform-invoke-queued"); }

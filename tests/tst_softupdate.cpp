@@ -330,18 +330,12 @@ private Q_SLOTS:
         QVERIFY(endless.listen(QHostAddress::LocalHost));
         args.replaceInStrings("@", m_dir.path());
         args.replaceInStrings("URL", QString::fromLatin1(endless.url("/list.xml")));
-        QProcess p;
-        p.setProcessChannelMode(QProcess::MergedChannels);
-        p.start(SUC_SOFTUPDATE, args);
-        // This process serves the URL meanwhile.
-        QTRY_VERIFY_WITH_TIMEOUT(p.state() == QProcess::NotRunning, 60000);
-        const QString out = QString::fromUtf8(p.readAll());
-        QVERIFY2(p.exitStatus() == QProcess::NormalExit
-                     && row<QList<int>>("codes").contains(p.exitCode()),
-                 qPrintable(QString::number(p.exitCode()) + ": " + out));
-        QVERIFY2(out.contains(row<QString>("said")), qPrintable(out));
+        const Run done = run(SUC_SOFTUPDATE, args); // this process serves the URL meanwhile
+        QVERIFY2(row<QList<int>>("codes").contains(done.code)
+                     && done.out.contains(row<QString>("said")),
+                 qPrintable(QString::number(done.code) + ": " + done.out));
         QByteArray now = readFile(file);
-        if (args.first() != u"add" || p.exitCode() != 0) {
+        if (args.first() != u"add" || done.code != 0) {
             QCOMPARE(now, catalogue); // unchanged
             return;
         }

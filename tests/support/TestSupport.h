@@ -57,7 +57,8 @@ inline bool writeFile(const QString &path, const QByteArray &data, int mode = 06
 }
 
 /// What a program said (its output and errors together) and its exit code, -100 when it did not
-/// end normally within `timeoutMs`.
+/// end normally within `timeoutMs`. The event loop runs meanwhile: the program may be talking to
+/// a server of the test.
 struct Run {
     int code;
     QString out;
@@ -70,7 +71,9 @@ inline Run run(const QString &program, const QStringList &args, const QByteArray
     p.start(program, args);
     p.write(input);
     p.closeWriteChannel();
-    const bool ended = p.waitForFinished(timeoutMs) && p.exitStatus() == QProcess::NormalExit;
+    const bool ended = p.waitForStarted()
+        && QTest::qWaitFor([&p] { return p.state() == QProcess::NotRunning; }, timeoutMs)
+        && p.exitStatus() == QProcess::NormalExit;
     return {ended ? p.exitCode() : -100, QString::fromUtf8(p.readAll())};
 }
 
@@ -240,16 +243,14 @@ public:
         : m_pub(folder + "/" + name + ".pub"), m_sec(folder + "/" + name + ".key")
     {
         QDir().mkpath(folder);
-        m_ok = run({"-G", "-f", "-W", "-p", m_pub, "-s", m_sec});
+        QFile::remove(m_pub);
+        run({"-G", "-f", "-W", "-p", m_pub, "-s", m_sec});
     }
-    bool isValid() const { return m_ok; }
+    bool isValid() const { return !publicKey().isEmpty(); }
     /// The base64 line of the public key, as a host configures it.
     QString publicKey() const
     {
-        QFile f(m_pub);
-        return f.open(QIODevice::ReadOnly)
-            ? QString::fromLatin1(f.readAll().split('\n').value(1).trimmed())
-            : QString();
+        return QString::fromLatin1(readFile(m_pub).split('\n').value(1).trimmed());
     }
     QString secretKeyFile() const { return m_sec; }
     QString publicKeyFile() const { return m_pub; }
@@ -265,7 +266,6 @@ private:
     static bool run(const QStringList &args) { return test::run("minisign", args).code == 0; }
     QString m_pub;
     QString m_sec;
-    bool m_ok = false;
 };
 
 /// Every entry below `dir`, relative and sorted.
