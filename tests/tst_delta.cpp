@@ -51,6 +51,11 @@ class DeltaTest : public QObject {
     QString path(const QString &name) const { return m_dir.filePath(name); }
 
     static Run softupdate(const QStringList &args) { return run(SUC_SOFTUPDATE, args); }
+    // Packs `folder`/App as the package `archive`.
+    static bool pack(const QString &archive, const QString &folder)
+    {
+        return run("bsdtar", {"-a", "-cf", archive, "-C", folder, "App"}).code == 0;
+    }
 
     // Builds `delta` against old/ into a fresh folder; the error, empty when it was built.
     QString apply(const QByteArray &delta, const QByteArray &sha256 = QByteArray())
@@ -96,10 +101,7 @@ private Q_SLOTS:
             0);
         m_delta = readFile(path("base.delta"));
         for (const char *side : {"old", "new"})
-            QCOMPARE(
-                QProcess::execute(
-                    "bsdtar", {"-a", "-cf", path(side + QString(".zip")), "-C", path(side), "App"}),
-                0);
+            QVERIFY(pack(path(side + QString(".zip")), path(side)));
     }
 
     // Folders and packages, each codec: the built folder is the new version, entry for entry.
@@ -185,10 +187,7 @@ private Q_SLOTS:
         QVERIFY(QFile::copy(path("old.zip"), path("site/App-1.0.zip")));
         QVERIFY(QFile::copy(path("new.zip"), path("site/App-1.1.zip")));
         QVERIFY(writeFile(path("other/App/app"), noise(400000, 9))); // nothing in common
-        QCOMPARE(
-            QProcess::execute(
-                "bsdtar", {"-a", "-cf", path("site/Other-1.2.zip"), "-C", path("other"), "App"}),
-            0);
+        QVERIFY(pack(path("site/Other-1.2.zip"), path("other")));
         const QStringList common {"--type", "Application", "--name", "App"};
         QCOMPARE(softupdate(QStringList {"add", path("site/list.xml"), path("site/App-1.0.zip"),
                                          "--release", "1.0"}
