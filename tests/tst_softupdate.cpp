@@ -20,10 +20,6 @@ class TestSoftupdate : public QObject {
     {
         return run(SUC_SOFTUPDATE, args, input);
     }
-    static bool minisign(const QStringList &args, const QByteArray &input = QByteArray())
-    {
-        return run("minisign", args, input).code == 0;
-    }
     // What the user is offered for `catalogueUrl`, as the list shows it ("a | b | c" per row).
     // A client that has checked before (`fresh` false) keeps the serials it accepted.
     static QStringList clientRows(const QString &catalogueUrl, const QStringList &keys,
@@ -368,12 +364,12 @@ private Q_SLOTS:
         if (signer == "softupdate") {
             const Run run = softupdate({"sign", catalogue, "--key", sec}, "pw\n");
             QVERIFY2(run.code == 0, qPrintable(run.out));
-            QVERIFY(minisign({"-V", "-p", pub, "-m", catalogue}));
+            QCOMPARE(suc::test::run("minisign", {"-V", "-p", pub, "-m", catalogue}).code, 0);
         } else {
             QStringList args {"-S", "-s", sec, "-m", catalogue};
             if (signer.endsWith("legacy"))
                 args << "-l";
-            QVERIFY(minisign(args, "pw\n"));
+            QCOMPARE(suc::test::run("minisign", args, "pw\n").code, 0);
         }
         const Run verified = softupdate({"verify", catalogue, "--key", pub});
         QVERIFY2(verified.code == 0, qPrintable(verified.out));

@@ -483,13 +483,25 @@ private Q_SLOTS:
         chmod(QFile::encodeName(parent.path()).constData(), 0700);
     }
 
-    // A release that was installed and rolled back is not offered again (the user is told so
-    // once) until a newer one is published, or the host forgets it.
-    void rolledBackReleaseIsNotOfferedAgain()
+    // The next start settles what the last update left: the temporary folders of a complete
+    // install go (only ours, only inside the temporary folder), and a release that was installed
+    // and rolled back is not offered again (the user is told so once) until a newer one is
+    // published, or the host forgets it.
+    void nextStartSettlesWhatTheUpdateLeft()
     {
         qputenv("XDG_STATE_HOME", QFile::encodeName(m_dir.filePath("state")));
         const auto restore = qScopeGuard([] { qunsetenv("XDG_STATE_HOME"); });
         m_client.reset();
+        const QString temp = QDir::tempPath();
+        for (const char *folder :
+             {"softwareupdate-unpacked/Viewer-3", "softwareupdate-updater", "someone-elses"})
+            QVERIFY(QDir().mkpath(temp + "/" + folder));
+        const QString outside = m_dir.filePath("softwareupdate-outside");
+        QVERIFY(QDir().mkpath(outside));
+        clientStore().setValue("updateLeftovers",
+                               QStringList {temp + "/softwareupdate-unpacked",
+                                            temp + "/softwareupdate-updater",
+                                            temp + "/someone-elses", outside});
         clientStore().setValue("updateInstalling", "3.0");
         QVERIFY(UpdateState::writePrivate(
             UpdateState::folderFor(QCoreApplication::applicationDirPath()) + "/rolled-back",
@@ -497,6 +509,10 @@ private Q_SLOTS:
         publish(catalogue(7, future()), m_signer.data());
         BoxAnswerer answerer({"OK"});
         restartClient();
+        QCOMPARE(QDir(temp).entryList(QDir::Dirs | QDir::NoDotAndDotDot),
+                 QStringList {"someone-elses"});
+        QVERIFY(QFileInfo::exists(outside));
+        QVERIFY(!clientStore().contains("updateLeftovers"));
         QTRY_COMPARE(answerer.seen.size(), 1);
         QVERIFY2(answerer.seen.first().contains(
                      "Version 3.0 is not offered again until a newer one is published."),
@@ -509,27 +525,6 @@ private Q_SLOTS:
         m_client->forgetRolledBackVersions();
         publish(catalogue(9, future()), m_signer.data());
         QCOMPARE(checkFromDialog(), QString("Viewer 3.0"));
-    }
-
-    // A complete install leaves its unpacked package and the updater's copy in temporary
-    // folders: the next start removes them (only ours, only inside the temporary folder).
-    void nextStartRemovesWhatTheUpdateLeft()
-    {
-        const QString temp = QDir::tempPath();
-        for (const char *folder :
-             {"softwareupdate-unpacked/Viewer-3", "softwareupdate-updater", "someone-elses"})
-            QVERIFY(QDir().mkpath(temp + "/" + folder));
-        const QString outside = m_dir.filePath("softwareupdate-outside");
-        QVERIFY(QDir().mkpath(outside));
-        clientStore().setValue("updateLeftovers",
-                               QStringList {temp + "/softwareupdate-unpacked",
-                                            temp + "/softwareupdate-updater",
-                                            temp + "/someone-elses", outside});
-        restartClient();
-        QCOMPARE(QDir(temp).entryList(QDir::Dirs | QDir::NoDotAndDotDot),
-                 QStringList {"someone-elses"});
-        QVERIFY(QFileInfo::exists(outside));
-        QVERIFY(!clientStore().contains("updateLeftovers"));
     }
 
     // When the session that accepted the update for later did not quit normally, the next start
