@@ -150,10 +150,8 @@ private Q_SLOTS:
         QTest::mouseClick(child<QPushButton>(&dialog, "installPushButton"), Qt::LeftButton);
         QTest::mouseClick(child<QPushButton>(&dialog, "updateSettingsPushButton"), Qt::LeftButton);
         QTest::mouseClick(child<QCheckBox>(&dialog, "showAllLanguagesCheckBox"), Qt::LeftButton);
-        QSet<int> selected;
-        for (int r : urls.first().first().value<SoftUpIndexList>())
-            selected.insert(r);
-        QCOMPARE(selected, QSet<int>({0, 3}));
+        const SoftUpIndexList selected = urls.first().first().value<SoftUpIndexList>();
+        QCOMPARE(QSet<int>(selected.cbegin(), selected.cend()), QSet<int>({0, 3}));
         QCOMPARE(notes.first().first().value<SoftUpIndexList>().size(), 2);
         QCOMPARE(install.first().first().toInt(), 0); // the current row
         QCOMPARE(settings.count(), 1);

@@ -13,16 +13,10 @@ private Q_SLOTS:
     void identity_data() { addRows("packageinfo-identity"); }
     void identity()
     {
-        PackageInfo a;
-        a.name = "one";
-        a.release = "1.0";
-        a.releaseDate = row<QDateTime>("dateA");
+        PackageInfo a({}, "one", "1.0", {}, row<QDateTime>("dateA"), {}, {}, {}, {});
         a.fileSize = row<qint64>("sizeA");
-        PackageInfo b;
-        b.name = "two";
-        b.release = "9.9";
+        PackageInfo b({}, "two", "9.9", "BETA", row<QDateTime>("dateB"), {"linux"}, {}, "zip", {});
         b.url = QUrl("http://example.invalid/x.zip");
-        b.releaseDate = row<QDateTime>("dateB");
         b.fileSize = row<qint64>("sizeB");
         QTEST(a == b, "equal");
         QCOMPARE(a != b, !(a == b));
