@@ -71,9 +71,14 @@ inline Run run(const QString &program, const QStringList &args, const QByteArray
     p.start(program, args);
     p.write(input);
     p.closeWriteChannel();
-    const bool ended = p.waitForStarted()
-        && QTest::qWaitFor([&p] { return p.state() == QProcess::NotRunning; }, timeoutMs)
-        && p.exitStatus() == QProcess::NormalExit;
+    QEventLoop loop;
+    QObject::connect(&p, &QProcess::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
+    const bool started = p.waitForStarted();
+    if (started && p.state() != QProcess::NotRunning)
+        loop.exec();
+    const bool ended
+        = started && p.state() == QProcess::NotRunning && p.exitStatus() == QProcess::NormalExit;
     return {ended ? p.exitCode() : -100, QString::fromUtf8(p.readAll())};
 }
 
