@@ -139,6 +139,8 @@ private Q_SLOTS:
         QVERIFY(get("POST /list.xml").startsWith("HTTP/1.0 405"));
         QVERIFY(get("/../secret.txt").startsWith("HTTP/1.0 404"));
         QVERIFY(get("/%2e%2e/secret.txt").startsWith("HTTP/1.0 404"));
+        QVERIFY(QFile::link(m_dir.filePath("secret.txt"), www + "/link.txt")); // leads outside
+        QVERIFY(get("/link.txt").startsWith("HTTP/1.0 404"));
         // Secret keys and hidden files never leave the folder.
         for (const char *hidden : {"/updates.key", "/.env", "/.git/config", "/sub/.hidden"}) {
             writeFile(QString("www") + hidden, "secret");
