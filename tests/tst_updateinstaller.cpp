@@ -194,8 +194,9 @@ private Q_SLOTS:
 
     // With a health check, the new version must confirm that it runs; otherwise it is stopped,
     // the old one put back and started, and a note left for its client. Killed during the check
-    // and run again, the updater keeps the new version only if it had confirmed.
-    void healthCheck_data() { addRows("updateinstaller-health-check"); } // why: empty: it stays
+    // and run again, the updater keeps the new version only if it had confirmed. "why" is empty
+    // when the update stays.
+    void healthCheck_data() { addRows("updateinstaller-health-check"); }
     void healthCheck()
     {
         QFETCH(QString, why);
