@@ -158,7 +158,8 @@ private Q_SLOTS:
     // port 80, the client checks, downloads and verifies a package, and offer says the same.
     void nginxServesWhatSoftupdatePublished()
     {
-        const QString nginxProgram = QStandardPaths::findExecutable("nginx", {"/usr/sbin"});
+        const QString nginxProgram
+            = QStandardPaths::findExecutable("nginx", {"/usr/sbin", "/usr/bin"});
         if (nginxProgram.isEmpty())
             QSKIP("nginx is not installed (Debian package nginx-light)");
         QTemporaryDir dir;
